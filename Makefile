@@ -1,0 +1,41 @@
+# The two commands a newcomer needs: `make demo` and `make test`.
+# Each target installs what it needs on a fresh Debian machine.
+
+NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest
+WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest
+JOBS ?= 2
+
+.PHONY: test test-native test-windows demo deps-native deps-windows build build-windows clean
+
+test: test-native test-windows
+
+deps-native:
+	@scripts/ensure-packages $(NATIVE_PACKAGES)
+
+deps-windows:
+	@scripts/ensure-packages $(WINDOWS_PACKAGES)
+
+# Native tests run with AddressSanitizer and UndefinedBehaviorSanitizer.
+build: deps-native
+	@cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKZQ_SANITIZE=ON >/dev/null
+	@cmake --build build -j $(JOBS)
+
+test-native: build
+	cd build && ctest --output-on-failure -j $(JOBS)
+
+build-windows: deps-windows
+	@cmake -S . -B build-win -G Ninja -DCMAKE_BUILD_TYPE=Release \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake >/dev/null
+	@cmake --build build-win -j $(JOBS)
+
+test-windows: build-windows
+	scripts/wine-test build-win
+
+demo: build
+	@echo "kzq demo: the agent binary arrives with the agent host; this build"
+	@echo "holds the platform layer and the common services. It will run:"
+	@echo "  kzqcoll replaying demo/ rows, the sample ERRORLOG writer, and"
+	@echo "  kzqagent -console with HTTP on 127.0.0.1."
+
+clean:
+	rm -rf build build-win

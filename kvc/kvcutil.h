@@ -1,0 +1,58 @@
+// The diagnostic log: one writer for every process of a server, each line
+// prefixed with a message id and a level letter.
+//
+// Levels: 'e' error and 's' set-up error (echoed to standard error, file
+// flushed), 'a' (echoed, shown as I), 'i' and 'w' (file only), 't' trace
+// (with the time), 'h' trace written only with COLL_TRACE_DETAIL on, '@'
+// (sets the process name shown on console lines, writes nothing), '-' or
+// none (no id prefix). Any other letter is echoed.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+
+namespace kvc {
+
+#if defined(__GNUC__)
+#define KVC_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
+#else
+#define KVC_PRINTF(fmt, args)
+#endif
+
+void Log(char level, const char* id, const char* format, ...) KVC_PRINTF(3, 4);
+
+// As Log, for callers that pass their source position; with
+// COLL_TRACE_DETAIL on the position precedes the message.
+void LogAt(const char* file, int line, const char* level, const char* id,
+           const char* format, ...) KVC_PRINTF(5, 6);
+
+// Writes `length` bytes as lines of 16, at trace level, under `id`
+// (upx0100 when null).
+void HexDump(const char* id, const void* bytes, size_t length);
+
+// Wrap check before a write to `file`: counts the write and, when the count
+// before it reached COLL_WRAPLINES, reopens `name` truncated and notes it.
+// Returns the file to write to.
+FILE* LogWrap(FILE* file, const char* name, int* counter);
+
+// Reopens standard error onto "col.log" in KVCLOGDIR (the current directory
+// when unset) and makes it the log file. 0 on success; 1 when the reopen
+// failed and the previous log file stays in use.
+int OpenLogFile();
+
+// Opens the message output file ("col.out" when `name` is null) in the log
+// directory after rotating its numbered backups. Returns the open file, or
+// null when neither it nor "colx.out" can be opened.
+FILE* OpenOutputFile(const char* name);
+
+// The number of output-file backups for a COLL_NUMOUTBAK value (null or
+// empty when unset) and the first debug level.
+int BackupCountFor(const char* setting, int first_debug_level);
+
+// Moves `path` to backup 1 after shifting backups 1..count-1 up by one;
+// a backup's name is `path` with its last character replaced by its number.
+void RotateBackups(const char* path, int count);
+
+}  // namespace kvc
+
+#define KVC_LOG_AT(level, id, ...) ::kvc::LogAt(__FILE__, __LINE__, level, id, __VA_ARGS__)

@@ -1,0 +1,20 @@
+// Process environment.
+//
+// Both backends treat a variable set to the empty text as removed, as the
+// Windows C runtime does; readers therefore never see an empty value that
+// was set through this layer.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace platform {
+
+// The variable's value, or nothing when it is not set.
+std::optional<std::string> GetEnv(const char* name);
+
+// Sets the variable (an empty value removes it). Visible to getenv and to
+// child processes. Returns false when the environment refused it.
+bool SetEnv(const char* name, const std::string& value);
+
+}  // namespace platform

@@ -1,0 +1,22 @@
+// Result numbers of the platform layer.
+//
+// Every operation reports failure with the Windows error number that the
+// logic above tests for, whatever the backend, so that code never needs to
+// know which OS it runs on.
+#pragma once
+
+namespace platform {
+
+inline constexpr int kOk = 0;
+inline constexpr int kErrFileNotFound = 2;
+inline constexpr int kErrPathNotFound = 3;
+inline constexpr int kErrAccessDenied = 5;
+inline constexpr int kErrNotEnoughMemory = 8;
+inline constexpr int kErrInvalidParameter = 87;
+inline constexpr int kErrInvalidName = 123;
+inline constexpr int kErrAlreadyExists = 183;
+inline constexpr int kErrTimeout = 258;  // WAIT_TIMEOUT
+inline constexpr int kErrTooManyPosts = 298;
+inline constexpr int kErrGeneric = 31;  // ERROR_GEN_FAILURE
+
+}  // namespace platform

@@ -1,0 +1,43 @@
+// File status and directory creation.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace platform {
+
+struct FileStatus {
+  bool is_regular = false;
+  bool is_directory = false;
+  bool is_char_device = false;
+  uint64_t size = 0;
+  int64_t modified = 0;  // seconds since 1970 UTC
+  // Creation time where the OS keeps one; on POSIX the birth time when the
+  // file system records it, else the last status change.
+  int64_t created = 0;
+};
+
+// Status of a path. Returns 0, or the C library's errno value for the
+// failure (ENOENT when the path does not exist), so that callers can print
+// it with strerror.
+int StatPath(const std::string& path, FileStatus* out);
+
+// Creates the directory and any missing parents. Returns 0 (also when it
+// already exists) or a Windows error number.
+int CreateDirectories(const std::string& path);
+
+// The native separator of path elements.
+char PathSeparator();
+
+// The separator of directory lists such as PATH.
+char PathListSeparator();
+
+// Extensions tried for a command named without one when PATHEXT is unset:
+// ".COM;.EXE;.BAT;.CMD" on Windows, none on POSIX, where a command is
+// tried as it stands.
+const char* DefaultExecutableExtensions();
+
+// Where process-shared helper files (lock files) live. Never empty.
+std::string RuntimeDirectory();
+
+}  // namespace platform

@@ -1,0 +1,54 @@
+#include "platform/file_system.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "platform/error.h"
+#include "platform/posix/errors.h"
+
+namespace platform {
+
+int StatPath(const std::string& path, FileStatus* out) {
+  struct statx sx {};
+  if (statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
+    return errno;
+  const mode_t mode = sx.stx_mode;
+  out->is_regular = S_ISREG(mode);
+  out->is_directory = S_ISDIR(mode);
+  out->is_char_device = S_ISCHR(mode);
+  out->size = sx.stx_size;
+  out->modified = sx.stx_mtime.tv_sec;
+  out->created = (sx.stx_mask & STATX_BTIME) ? sx.stx_btime.tv_sec
+                                             : sx.stx_ctime.tv_sec;
+  return 0;
+}
+
+int CreateDirectories(const std::string& path) {
+  if (path.empty()) return kErrPathNotFound;
+  for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string prefix = path.substr(0, end);
+    if (mkdir(prefix.c_str(), 0777) != 0 && errno != EEXIST)
+      return posix::FromErrno(errno);
+    if (end == std::string::npos) break;
+  }
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0) return posix::FromErrno(errno);
+  return S_ISDIR(st.st_mode) ? kOk : kErrAlreadyExists;
+}
+
+char PathSeparator() { return '/'; }
+
+char PathListSeparator() { return ':'; }
+
+const char* DefaultExecutableExtensions() { return ""; }
+
+std::string RuntimeDirectory() {
+  const char* dir = getenv("KZQ_RUNTIME_DIR");
+  if (dir != nullptr && *dir != '\0') return dir;
+  return "/tmp";
+}
+
+}  // namespace platform

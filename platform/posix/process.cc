@@ -1,0 +1,76 @@
+#include "platform/process.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/error.h"
+#include "platform/posix/errors.h"
+
+extern char** environ;
+
+namespace platform {
+namespace {
+
+class PosixChild final : public ChildProcess {
+ public:
+  explicit PosixChild(pid_t pid) : pid_(pid) {}
+  ~PosixChild() override {
+    if (!reaped_) {
+      kill(pid_, SIGKILL);
+      Wait();
+    }
+  }
+
+  int Wait() override {
+    if (reaped_) return status_;
+    int raw = 0;
+    while (waitpid(pid_, &raw, 0) < 0)
+      if (errno != EINTR) return -1;
+    reaped_ = true;
+    status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    return status_;
+  }
+
+  bool Kill() override { return reaped_ || kill(pid_, SIGKILL) == 0; }
+
+ private:
+  const pid_t pid_;
+  bool reaped_ = false;
+  int status_ = -1;
+};
+
+}  // namespace
+
+uint32_t CurrentProcessId() { return static_cast<uint32_t>(getpid()); }
+uint32_t CurrentThreadId() { return static_cast<uint32_t>(gettid()); }
+
+std::string ExecutablePath() {
+  char path[4096];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  return n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string();
+}
+
+std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
+                                           int* error) {
+  if (argv.empty()) {
+    *error = kErrInvalidParameter;
+    return nullptr;
+  }
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = 0;
+  const int rc = posix_spawn(&pid, args[0], nullptr, nullptr, args.data(), environ);
+  if (rc != 0) {
+    *error = posix::FromErrno(rc);
+    return nullptr;
+  }
+  *error = kOk;
+  return std::make_unique<PosixChild>(pid);
+}
+
+}  // namespace platform

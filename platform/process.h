@@ -1,0 +1,32 @@
+// Process and thread identity, and child processes.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+uint32_t CurrentProcessId();
+uint32_t CurrentThreadId();
+
+// Full path of the running executable.
+std::string ExecutablePath();
+
+class ChildProcess {
+ public:
+  virtual ~ChildProcess() = default;
+  // Waits for the child to end; returns its exit code (128 + signal on
+  // POSIX when it was killed), or -1 on failure.
+  virtual int Wait() = 0;
+  // Ends the child at once, without letting it clean up.
+  virtual bool Kill() = 0;
+};
+
+// Starts `argv[0]` with the given arguments, inheriting the environment.
+// nullptr with *error set when it cannot be started.
+std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
+                                           int* error);
+
+}  // namespace platform

@@ -1,0 +1,52 @@
+#include "platform/file_system.h"
+
+#include <windows.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "platform/error.h"
+#include "platform/win32/errors.h"
+
+namespace platform {
+
+int StatPath(const std::string& path, FileStatus* out) {
+  struct _stat64 st {};
+  if (_stat64(path.c_str(), &st) != 0) return errno;
+  out->is_regular = (st.st_mode & _S_IFMT) == _S_IFREG;
+  out->is_directory = (st.st_mode & _S_IFMT) == _S_IFDIR;
+  out->is_char_device = (st.st_mode & _S_IFMT) == _S_IFCHR;
+  out->size = static_cast<uint64_t>(st.st_size);
+  out->modified = st.st_mtime;
+  out->created = st.st_ctime;  // creation time on Windows
+  return 0;
+}
+
+int CreateDirectories(const std::string& path) {
+  if (path.empty()) return kErrPathNotFound;
+  for (size_t end = path.find_first_of("\\/", 1);; end = path.find_first_of("\\/", end + 1)) {
+    const std::string prefix = path.substr(0, end);
+    const bool drive_only = prefix.size() == 2 && prefix[1] == ':';
+    if (!drive_only && !CreateDirectoryA(prefix.c_str(), nullptr) &&
+        GetLastError() != ERROR_ALREADY_EXISTS)
+      return win32::LastError();
+    if (end == std::string::npos) break;
+  }
+  const DWORD attributes = GetFileAttributesA(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return win32::LastError();
+  return (attributes & FILE_ATTRIBUTE_DIRECTORY) ? kOk : kErrAlreadyExists;
+}
+
+char PathSeparator() { return '\\'; }
+
+char PathListSeparator() { return ';'; }
+
+const char* DefaultExecutableExtensions() { return ".COM;.EXE;.BAT;.CMD"; }
+
+std::string RuntimeDirectory() {
+  char buffer[MAX_PATH + 1];
+  const DWORD n = GetTempPathA(sizeof buffer, buffer);
+  return n > 0 && n < sizeof buffer ? std::string(buffer, n) : std::string(".");
+}
+
+}  // namespace platform

@@ -1,0 +1,90 @@
+#include "platform/process.h"
+
+#include <windows.h>
+
+#include "platform/error.h"
+#include "platform/win32/errors.h"
+
+namespace platform {
+namespace {
+
+class Win32Child final : public ChildProcess {
+ public:
+  explicit Win32Child(HANDLE process) : process_(process) {}
+  ~Win32Child() override {
+    TerminateProcess(process_, 1);
+    WaitForSingleObject(process_, INFINITE);
+    CloseHandle(process_);
+  }
+
+  int Wait() override {
+    DWORD code = 0;
+    if (WaitForSingleObject(process_, INFINITE) != WAIT_OBJECT_0 ||
+        !GetExitCodeProcess(process_, &code))
+      return -1;
+    return static_cast<int>(code);
+  }
+
+  bool Kill() override { return TerminateProcess(process_, 137) != 0; }
+
+ private:
+  const HANDLE process_;
+};
+
+// Quotes one argument the way the C runtime's parser reads it back.
+void AppendQuoted(const std::string& arg, std::string* line) {
+  if (!arg.empty() && arg.find_first_of(" \t\"") == std::string::npos) {
+    *line += arg;
+    return;
+  }
+  *line += '"';
+  size_t backslashes = 0;
+  for (char c : arg) {
+    if (c == '\\') {
+      ++backslashes;
+      continue;
+    }
+    line->append(c == '"' ? backslashes * 2 + 1 : backslashes, '\\');
+    backslashes = 0;
+    *line += c;
+  }
+  line->append(backslashes * 2, '\\');
+  *line += '"';
+}
+
+}  // namespace
+
+uint32_t CurrentProcessId() { return GetCurrentProcessId(); }
+uint32_t CurrentThreadId() { return GetCurrentThreadId(); }
+
+std::string ExecutablePath() {
+  char path[MAX_PATH + 1];
+  const DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
+  return n > 0 && n < sizeof path ? std::string(path, n) : std::string();
+}
+
+std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
+                                           int* error) {
+  if (argv.empty()) {
+    *error = kErrInvalidParameter;
+    return nullptr;
+  }
+  std::string line;
+  for (const std::string& arg : argv) {
+    if (!line.empty()) line += ' ';
+    AppendQuoted(arg, &line);
+  }
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION info{};
+  if (!CreateProcessA(argv[0].c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                      nullptr, &startup, &info)) {
+    *error = win32::LastError();
+    return nullptr;
+  }
+  CloseHandle(info.hThread);
+  *error = kOk;
+  return std::make_unique<Win32Child>(info.hProcess);
+}
+
+}  // namespace platform

@@ -1,0 +1,52 @@
+#include "platform/semaphore.h"
+
+#include <windows.h>
+
+#include "platform/error.h"
+#include "platform/win32/errors.h"
+
+namespace platform {
+namespace {
+
+class Win32Semaphore final : public Semaphore {
+ public:
+  explicit Win32Semaphore(HANDLE sem) : sem_(sem) {}
+  ~Win32Semaphore() override { CloseHandle(sem_); }
+
+  int Wait(uint32_t timeout_ms) override {
+    switch (WaitForSingleObject(sem_, timeout_ms)) {
+      case WAIT_OBJECT_0:
+        return kOk;
+      case WAIT_TIMEOUT:
+        return kErrTimeout;
+      default:
+        return win32::LastError();
+    }
+  }
+
+  int Release() override {
+    return ReleaseSemaphore(sem_, 1, nullptr) ? kOk : win32::LastError();
+  }
+
+ private:
+  const HANDLE sem_;
+};
+
+}  // namespace
+
+std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initial,
+                                         ObjectAccess access, int* error) {
+  win32::OpenSecurity open;
+  HANDLE sem = CreateSemaphoreA(access == ObjectAccess::kOpen ? open.Attributes() : nullptr,
+                                initial > 0 ? 1 : 0, 1, name.c_str());
+  if (sem == nullptr) {
+    *error = win32::LastError();
+    return nullptr;
+  }
+  *error = GetLastError() == ERROR_ALREADY_EXISTS ? kErrAlreadyExists : kOk;
+  return std::make_unique<Win32Semaphore>(sem);
+}
+
+void RemoveSemaphore(const std::string&) {}
+
+}  // namespace platform

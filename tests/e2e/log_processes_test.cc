@@ -1,0 +1,98 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kvc/kvcutil.h"
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/file_system.h"
+#include "platform/process.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+std::string WriterPath() {
+  std::string self = platform::ExecutablePath();
+  const size_t slash = self.find_last_of("\\/");
+  const std::string exe = self.size() > 4 && self.compare(self.size() - 4, 4, ".exe") == 0 ? ".exe" : "";
+  return self.substr(0, slash + 1) + "kvc_log_writer" + exe;
+}
+
+bool WaitForFile(const std::string& path, uint32_t timeout_ms) {
+  const uint64_t deadline = platform::MonotonicMillis() + timeout_ms;
+  platform::FileStatus st;
+  while (platform::StatPath(path, &st) != 0) {
+    if (platform::MonotonicMillis() > deadline) return false;
+    platform::SleepMillis(10);
+  }
+  return true;
+}
+
+std::unique_ptr<platform::ChildProcess> Start(const std::vector<std::string>& args) {
+  int error = 0;
+  auto child = platform::StartProcess(args, &error);
+  EXPECT_NE(child, nullptr) << "cannot start " << args[0] << ": " << error;
+  return child;
+}
+
+// Each line must be whole: "TST0001I (tid)<tag> <n> <len> <len x tag>|".
+TEST(LogAcrossProcesses, TwoWritersNeverInterleaveInsideALine) {
+  kzq_test::TempDir dir;
+  platform::SetEnv("KVCLOGDIR", dir.Path());
+  platform::SetEnv("COLL_WRAPLINES", "0");
+  const int lines = 400;
+  const std::string go = dir.File("go");
+  auto a = Start({WriterPath(), "write", "A", std::to_string(lines), go, dir.File("ready-a")});
+  auto b = Start({WriterPath(), "write", "B", std::to_string(lines), go, dir.File("ready-b")});
+  ASSERT_TRUE(a && b);
+  ASSERT_TRUE(WaitForFile(dir.File("ready-a"), 30000));
+  ASSERT_TRUE(WaitForFile(dir.File("ready-b"), 30000));
+  kzq_test::WriteFile(go, "");
+  EXPECT_EQ(a->Wait(), 0);
+  EXPECT_EQ(b->Wait(), 0);
+
+  std::istringstream log(kzq_test::ReadFile(dir.File("col.log")));
+  std::map<std::string, int> next{{"A", 0}, {"B", 0}};
+  for (std::string line; std::getline(log, line);) {
+    const size_t body = line.find(')');
+    ASSERT_EQ(line.rfind("TST0001I (", 0), 0u) << line.substr(0, 80);
+    ASSERT_NE(body, std::string::npos);
+    std::istringstream fields(line.substr(body + 1));
+    std::string tag, payload;
+    int n = -1;
+    size_t length = 0;
+    fields >> tag >> n >> length >> payload;
+    ASSERT_TRUE(next.count(tag)) << line.substr(0, 80);
+    EXPECT_EQ(n, next[tag]++);  // each writer's lines all there, in order
+    EXPECT_EQ(payload, std::string(length, tag[0]) + "|");
+  }
+  EXPECT_EQ(next["A"], lines);
+  EXPECT_EQ(next["B"], lines);
+}
+
+TEST(LogAcrossProcesses, HeldLockDropsLinesAndAKilledHolderReleasesIt) {
+  kzq_test::LogCapture log;
+  kzq_test::TempDir dir;
+  auto holder = Start({WriterPath(), "hold", dir.File("ready")});
+  ASSERT_TRUE(holder);
+  ASSERT_TRUE(WaitForFile(dir.File("ready"), 30000));
+
+  const uint64_t before = platform::MonotonicMillis();
+  kvc::Log('i', "tst0002", "dropped while held\n");
+  EXPECT_LT(platform::MonotonicMillis() - before, 5000u);  // bounded, never stuck
+  EXPECT_THAT(log.Text(), Not(HasSubstr("dropped while held")));
+
+  ASSERT_TRUE(holder->Kill());
+  holder->Wait();
+  kvc::Log('i', "tst0002", "written after the holder died\n");
+  EXPECT_THAT(log.Text(), HasSubstr("written after the holder died"));
+}
+
+}  // namespace

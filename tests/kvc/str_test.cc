@@ -1,0 +1,173 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <ostream>
+#include <string>
+
+#include "kvc/kvcopts.h"
+#include "kvc/kvcstr.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+platform::LocalTime November13() {
+  platform::LocalTime t;
+  t.year = 2026;
+  t.month = 11;
+  t.day = 13;
+  t.hour = 7;
+  t.minute = 10;
+  t.second = 5;
+  t.millisecond = 999;
+  return t;
+}
+
+TEST(FormatTime, EveryFormOfOneMoment) {
+  char buffer[64];
+  const platform::LocalTime t = November13();
+  EXPECT_STREQ(kvc::FormatTime(t, buffer, 1), "2026/11/13 07:10:05");
+  EXPECT_STREQ(kvc::FormatTime(t, buffer, 3), "1261113071005");
+  EXPECT_STREQ(kvc::FormatTime(t, buffer, 4), "1261113071005000");
+  EXPECT_STREQ(kvc::FormatTime(t, buffer, 0), "20261113071005");
+  EXPECT_GT(strlen(kvc::FormatTime(t, buffer, 2)), 0u);
+  EXPECT_LE(strlen(buffer), 48u);
+}
+
+TEST(FormatTime, YearsBelow1900AreOffsets) {
+  char buffer[64];
+  platform::LocalTime t = November13();
+  t.year = 26;
+  EXPECT_STREQ(kvc::FormatTime(t, buffer, 4), "1261113071005000");
+  t.year = 95;
+  EXPECT_STREQ(kvc::FormatTime(t, buffer, 1), "1995/11/13 07:10:05");
+}
+
+TEST(FormatNow, StaticBufferHoldsTheCurrentStamp) {
+  const char* now = kvc::FormatNow(nullptr, 4);
+  ASSERT_EQ(strlen(now), 16u);
+  EXPECT_EQ(std::string(now + 13), "000");
+  EXPECT_EQ(now[0], '1');  // this century
+}
+
+struct StampCase {
+  const char* text;
+  int length;
+  int rc;
+  const char* stamp;
+};
+
+void PrintTo(const StampCase& c, std::ostream* os) { *os << '"' << c.text << '"'; }
+
+class ToTimeStampTest : public testing::TestWithParam<StampCase> {};
+
+TEST_P(ToTimeStampTest, ConvertsOrNamesTheError) {
+  char result[17];
+  const StampCase& c = GetParam();
+  EXPECT_EQ(kvc::ToTimeStamp(c.text, c.length, result), c.rc) << c.text;
+  EXPECT_STREQ(result, c.stamp) << c.text;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, ToTimeStampTest,
+    testing::Values(StampCase{" '0000000000000002' ", 0, 0, "0000000000000002"},
+                    StampCase{"\"0000000000000000\"\r\n", 0, 0, "0000000000000000"},
+                    StampCase{"2026-11-13 07:10:05", 0, 0, "1261113071005000"},
+                    StampCase{"2026/11/13 07.10.05.123", 0, 0, "1261113071005000"},
+                    StampCase{"2026/11/13", 0, 0, "1261113000000000"},
+                    StampCase{"26/11/13 7:1:5", 0, 0, "1261113070105000"},
+                    StampCase{"99-12-31 23:59:59", 0, 0, "0991231235959000"},
+                    StampCase{"20261113071005", 0, 0, "1261113071005000"},
+                    StampCase{"1240229000000000", 0, 0, "1240229000000000"},
+                    StampCase{"2026-11-13 07:10:05trailing", 19, 0, "1261113071005000"},
+                    StampCase{"hello", 0, 519, "DateFmtErr=519"},
+                    StampCase{"", 0, 519, "DateFmtErr=519"},
+                    StampCase{"2026-11", 0, 519, "DateFmtErr=519"},
+                    StampCase{"2026-13-01", 0, 520, "DateFmtErr=520"},
+                    StampCase{"2026-02-29", 0, 521, "DateFmtErr=521"},
+                    StampCase{"2026-11-13 24:00:00", 0, 522, "DateFmtErr=522"},
+                    StampCase{"2026-11-13 23:60:00", 0, 523, "DateFmtErr=523"},
+                    StampCase{"2026-11-13 23:00:60", 0, 524, "DateFmtErr=524"},
+                    StampCase{"2026--11-13", 0, 525, "DateFmtErr=525"},
+                    StampCase{"2026-11-13 ", 0, 0, "1261113000000000"},
+                    StampCase{"0000000000000004", 0, 520, "DateFmtErr=520"}));
+
+TEST(ToTimeStamp, ReadsOnlyNinetyNineCharacters) {
+  std::string text = "2026-11-13 07:10:05" + std::string(80, ' ') + "x";
+  char result[17];
+  EXPECT_EQ(kvc::ToTimeStamp(text.c_str(), 0, result), 0);
+  EXPECT_STREQ(result, "1261113071005000");
+}
+
+TEST(ToTimeStamp, TracesEachFieldAndItsSeparator) {
+  kzq_test::LogCapture log;
+  char result[17];
+  kvc::ToTimeStamp("2026-11-13", 0, result);
+  const std::string text = log.Text();
+  EXPECT_THAT(text, HasSubstr("UDT8082T"));
+  EXPECT_THAT(text, HasSubstr("tcpin:11-13 -"));
+  EXPECT_THAT(text, HasSubstr("UDT8081T"));
+}
+
+TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendar) {
+  platform::LocalTime t;
+  const int64_t seconds = kvc::StringToTime("2026/11/13 07:10:05", &t);
+  platform::LocalTime expected = November13();
+  EXPECT_EQ(seconds, platform::FromLocal(&expected));
+  EXPECT_EQ(t.weekday, 5);
+  EXPECT_EQ(kvc::StringToTime("2026-11-13 07.10.05.50", &t), seconds);
+  EXPECT_EQ(t.millisecond, 500);
+}
+
+TEST(StringToTime, RejectsTextWithoutATime) {
+  kzq_test::LogCapture log;
+  platform::LocalTime t;
+  EXPECT_EQ(kvc::StringToTime("2026/11/13", &t), -1);
+  EXPECT_EQ(kvc::StringToTime("garbage", &t), -1);
+  EXPECT_THAT(log.Text(), HasSubstr("Invalid str2timet: garbage"));
+}
+
+TEST(BoundedLength, StopsAtTheLimitAndWarnsWhenAsked) {
+  kzq_test::LogCapture log;
+  EXPECT_EQ(kvc::BoundedLength(nullptr, 5), 0u);
+  EXPECT_EQ(kvc::BoundedLength("", 5), 0u);
+  EXPECT_EQ(kvc::BoundedLength("abc", 5), 3u);
+  EXPECT_EQ(log.Text(), "");
+  platform::SetEnv("COLL_LENGTH_WARN", "1");
+  kvc::ReloadOptions();
+  EXPECT_EQ(kvc::BoundedLength("twelve chars", 12), 12u);
+  EXPECT_EQ(kvc::BoundedLength("twelve chars and more", 12), 12u);
+  platform::SetEnv("COLL_LENGTH_WARN", "");
+  kvc::ReloadOptions();
+  const std::string text = log.Text();
+  EXPECT_THAT(text, HasSubstr("USL0305T"));
+  EXPECT_THAT(text, HasSubstr("Exceeded max length on strlen:, 12"));
+  EXPECT_THAT(text, HasSubstr("Exceeded max length on strlen: and more, 12"));
+}
+
+TEST(CopyFixed, PadsWithBlanksAndCutsWithoutTerminator) {
+  char field[8];
+  memset(field, '#', sizeof field);
+  kvc::CopyFixed(field, 6, "abc");
+  EXPECT_EQ(std::string(field, 8), "abc   ##");
+  kvc::CopyFixed(field, 6, "abcdefghij");
+  EXPECT_EQ(std::string(field, 8), "abcdef##");
+  kvc::CopyFixed(field, 6, "");
+  EXPECT_EQ(std::string(field, 8), "      ##");
+}
+
+TEST(QuoteText, QuotesOnlyWhenNeededAndDoublesQuotes) {
+  char out[32];
+  EXPECT_EQ(kvc::QuoteText("plain", '\'', ' ', out, sizeof out), 5);
+  EXPECT_STREQ(out, "plain");
+  EXPECT_EQ(kvc::QuoteText("two words", '\'', ' ', out, sizeof out), 11);
+  EXPECT_STREQ(out, "'two words'");
+  kvc::QuoteText("it's", '\'', ' ', out, sizeof out);
+  EXPECT_STREQ(out, "'it''s'");
+  EXPECT_EQ(kvc::QuoteText("two words", '\'', ' ', out, 11), -1);
+  EXPECT_EQ(kvc::QuoteText("two words", '\'', ' ', out, 12), 11);
+}
+
+}  // namespace

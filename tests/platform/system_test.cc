@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/file_system.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+TEST(Environment, EmptyValueRemovesTheVariable) {
+  ASSERT_TRUE(platform::SetEnv("KZQ_TEST_VAR", "value"));
+  EXPECT_EQ(platform::GetEnv("KZQ_TEST_VAR").value_or(""), "value");
+  ASSERT_TRUE(platform::SetEnv("KZQ_TEST_VAR", ""));
+  EXPECT_FALSE(platform::GetEnv("KZQ_TEST_VAR").has_value());
+}
+
+TEST(FileSystem, StatClassifiesAndReportsErrno) {
+  kzq_test::TempDir dir;
+  kzq_test::WriteFile(dir.File("three"), "abc");
+  platform::FileStatus st;
+  ASSERT_EQ(platform::StatPath(dir.File("three"), &st), 0);
+  EXPECT_TRUE(st.is_regular);
+  EXPECT_EQ(st.size, 3u);
+  EXPECT_GT(st.created, 0);
+  ASSERT_EQ(platform::StatPath(dir.Path(), &st), 0);
+  EXPECT_TRUE(st.is_directory);
+  EXPECT_EQ(platform::StatPath(dir.File("missing"), &st), ENOENT);
+}
+
+TEST(FileSystem, CreatesEveryMissingLevelAndAcceptsExisting) {
+  kzq_test::TempDir dir;
+  const char sep = platform::PathSeparator();
+  const std::string deep = dir.Path() + sep + "a" + sep + "b" + sep + "c";
+  EXPECT_EQ(platform::CreateDirectories(deep), 0);
+  EXPECT_EQ(platform::CreateDirectories(deep), 0);
+  platform::FileStatus st;
+  ASSERT_EQ(platform::StatPath(deep, &st), 0);
+  EXPECT_TRUE(st.is_directory);
+  kzq_test::WriteFile(dir.File("plain"), "x");
+  EXPECT_NE(platform::CreateDirectories(dir.File("plain")), 0);
+}
+
+TEST(Clock, LocalTimeRoundTripsThroughItsMoment) {
+  platform::LocalTime t;
+  t.year = 2026;
+  t.month = 11;
+  t.day = 13;
+  t.hour = 7;
+  t.minute = 10;
+  t.second = 5;
+  const int64_t moment = platform::FromLocal(&t);
+  ASSERT_NE(moment, -1);
+  EXPECT_EQ(t.weekday, 5);  // a Friday
+  EXPECT_EQ(t.yearday, 316);
+  platform::LocalTime back;
+  ASSERT_TRUE(platform::ToLocal(moment, &back));
+  EXPECT_EQ(back.year, 2026);
+  EXPECT_EQ(back.day, 13);
+  EXPECT_EQ(back.hour, 7);
+  EXPECT_EQ(back.second, 5);
+}
+
+TEST(Clock, NowAgreesWithTheUnixClock) {
+  platform::LocalTime now = platform::NowLocal();
+  const int64_t unix_now = platform::NowUnixSeconds();
+  const int64_t from_local = platform::FromLocal(&now);
+  EXPECT_LE(std::llabs(from_local - unix_now), 2);
+  EXPECT_GE(now.millisecond, 0);
+  EXPECT_LT(now.millisecond, 1000);
+}
+
+}  // namespace
