@@ -2,25 +2,11 @@
 
 #include <ctime>
 
+#include "platform/common/tm.h"
+
 namespace platform {
-namespace {
 
-LocalTime FromTm(const std::tm& tm, int millisecond) {
-  LocalTime t;
-  t.year = tm.tm_year + 1900;
-  t.month = tm.tm_mon + 1;
-  t.day = tm.tm_mday;
-  t.hour = tm.tm_hour;
-  t.minute = tm.tm_min;
-  t.second = tm.tm_sec;
-  t.millisecond = millisecond;
-  t.weekday = tm.tm_wday;
-  t.yearday = tm.tm_yday;
-  t.daylight = tm.tm_isdst > 0;
-  return t;
-}
-
-}  // namespace
+using common::FromTm;
 
 LocalTime NowLocal() {
   timespec ts{};
@@ -41,15 +27,8 @@ bool ToLocal(int64_t unix_seconds, LocalTime* out) {
 }
 
 int64_t FromLocal(LocalTime* local) {
-  std::tm tm{};
-  tm.tm_year = local->year - 1900;
-  tm.tm_mon = local->month - 1;
-  tm.tm_mday = local->day;
-  tm.tm_hour = local->hour;
-  tm.tm_min = local->minute;
-  tm.tm_sec = local->second;
-  tm.tm_isdst = -1;
-  time_t t = mktime(&tm);
+  std::tm tm = common::ToTm(*local);
+  const time_t t = mktime(&tm);
   if (t == static_cast<time_t>(-1)) return -1;
   *local = FromTm(tm, local->millisecond);
   return static_cast<int64_t>(t);

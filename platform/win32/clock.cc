@@ -4,42 +4,27 @@
 
 #include <ctime>
 
+#include "platform/common/tm.h"
+
 namespace platform {
-namespace {
 
-LocalTime FromTm(const std::tm& tm, int millisecond) {
-  LocalTime t;
-  t.year = tm.tm_year + 1900;
-  t.month = tm.tm_mon + 1;
-  t.day = tm.tm_mday;
-  t.hour = tm.tm_hour;
-  t.minute = tm.tm_min;
-  t.second = tm.tm_sec;
-  t.millisecond = millisecond;
-  t.weekday = tm.tm_wday;
-  t.yearday = tm.tm_yday;
-  t.daylight = tm.tm_isdst > 0;
-  return t;
-}
-
-}  // namespace
+using common::FromTm;
 
 LocalTime NowLocal() {
   SYSTEMTIME st;
   GetLocalTime(&st);
-  std::tm tm{};
-  tm.tm_year = st.wYear - 1900;
-  tm.tm_mon = st.wMonth - 1;
-  tm.tm_mday = st.wDay;
-  tm.tm_hour = st.wHour;
-  tm.tm_min = st.wMinute;
-  tm.tm_sec = st.wSecond;
-  tm.tm_isdst = -1;
+  LocalTime t;
+  t.year = st.wYear;
+  t.month = st.wMonth;
+  t.day = st.wDay;
+  t.hour = st.wHour;
+  t.minute = st.wMinute;
+  t.second = st.wSecond;
   // mktime fills the weekday, day of year and daylight flag.
-  std::tm filled = tm;
-  if (mktime(&filled) == static_cast<time_t>(-1)) filled = tm;
-  LocalTime t = FromTm(filled, st.wMilliseconds);
+  std::tm filled = common::ToTm(t);
+  if (_mktime64(&filled) != -1) t = FromTm(filled, 0);
   t.hour = st.wHour;  // keep the clock's own reading across a DST change
+  t.millisecond = st.wMilliseconds;
   return t;
 }
 
@@ -54,14 +39,7 @@ bool ToLocal(int64_t unix_seconds, LocalTime* out) {
 }
 
 int64_t FromLocal(LocalTime* local) {
-  std::tm tm{};
-  tm.tm_year = local->year - 1900;
-  tm.tm_mon = local->month - 1;
-  tm.tm_mday = local->day;
-  tm.tm_hour = local->hour;
-  tm.tm_min = local->minute;
-  tm.tm_sec = local->second;
-  tm.tm_isdst = -1;
+  std::tm tm = common::ToTm(*local);
   const __time64_t t = _mktime64(&tm);
   if (t == -1) return -1;
   *local = FromTm(tm, local->millisecond);
