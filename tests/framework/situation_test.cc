@@ -1,0 +1,365 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "framework/situation.h"
+#include "kvc/kvcstr.h"
+
+namespace {
+
+using framework::AttributeKind;
+using framework::FilterElement;
+using framework::IsException;
+using framework::kOpEQ;
+using framework::kOpGE;
+using framework::kOpGT;
+using framework::kOpLE;
+using framework::kOpLIKE;
+using framework::kOpLT;
+using framework::kOpNE;
+using framework::SituationFilter;
+using testing::ElementsAre;
+
+// A table row as the agent publishes it: blank-padded text, 32-bit integers.
+struct Row {
+  char dbname[12];
+  char status[10];
+  int32_t pctdbfree;
+  int32_t cpu;
+};
+
+Row MakeRow(std::string_view dbname, std::string_view status, int32_t pctdbfree, int32_t cpu) {
+  Row row;
+  kvc::CopyFixed(row.dbname, sizeof row.dbname, dbname);
+  kvc::CopyFixed(row.status, sizeof row.status, status);
+  row.pctdbfree = pctdbfree;
+  row.cpu = cpu;
+  return row;
+}
+
+// The attribute test a table would run for this row.
+int TestRow(const Row& row, const FilterElement& e) {
+  if (e.attribute == "DBNAME") return IsException(e.op, row.dbname, e.value.c_str(), sizeof row.dbname);
+  if (e.attribute == "STATUS") return IsException(e.op, row.status, e.value.c_str(), sizeof row.status);
+  if (e.attribute == "PCTDBFREE") return IsException(e.op, row.pctdbfree, e.value.c_str());
+  return IsException(e.op, row.cpu, e.value.c_str());
+}
+
+std::optional<AttributeKind> RowAttributes(std::string_view name) {
+  if (name == "DBNAME" || name == "STATUS") return AttributeKind::kText;
+  if (name == "PCTDBFREE" || name == "CPU") return AttributeKind::kInteger;
+  return std::nullopt;
+}
+
+SituationFilter ParseOrDie(std::string_view text) {
+  std::string error;
+  std::optional<SituationFilter> filter = SituationFilter::Parse(text, RowAttributes, &error);
+  EXPECT_TRUE(filter.has_value()) << text << ": " << error;
+  return filter ? *filter : *SituationFilter::Parse("CPU EQ 0", RowAttributes, &error);
+}
+
+std::string ParseError(std::string_view text) {
+  std::string error;
+  EXPECT_FALSE(SituationFilter::Parse(text, RowAttributes, &error).has_value()) << text;
+  return error;
+}
+
+bool Holds(std::string_view text, const Row& row) {
+  return ParseOrDie(text).Evaluate([&](const FilterElement& e) { return TestRow(row, e); });
+}
+
+std::vector<std::string> Described(const SituationFilter& filter) {
+  std::vector<std::string> out;
+  for (const FilterElement& e : filter.Elements())
+    out.push_back(e.attribute + " " + framework::CompareOpName(e.op) + " " + e.value);
+  return out;
+}
+
+// --- Comparisons on one field -------------------------------------------
+
+struct TextCase {
+  std::string field;  // exactly the field's bytes; its width is the size
+  int op;
+  const char* value;
+  int expected;
+};
+
+void PrintTo(const TextCase& c, std::ostream* os) {
+  *os << '"' << c.field << "\" " << framework::CompareOpName(c.op) << " '" << c.value << "'";
+}
+
+class TextCompareTest : public testing::TestWithParam<TextCase> {};
+
+TEST_P(TextCompareTest, AnswersTheComparison) {
+  const TextCase& c = GetParam();
+  EXPECT_EQ(IsException(c.op, c.field.data(), c.value, static_cast<int>(c.field.size())), c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    PaddingAndOrder, TextCompareTest,
+    testing::Values(TextCase{"master  ", kOpEQ, "master", 1}, TextCase{"master  ", kOpNE, "master", 0},
+                    TextCase{"master  ", kOpEQ, "master   ", 1},  // the value is blank-padded too
+                    TextCase{std::string("master\0\0", 8), kOpEQ, "master", 1},
+                    TextCase{std::string("ab\0xyz", 6), kOpEQ, "ab", 1},  // nothing after a NUL counts
+                    TextCase{" master ", kOpEQ, "master", 0},             // leading blanks do
+                    TextCase{"ab  ", kOpLT, "abc", 1}, TextCase{"abc ", kOpGT, "ab", 1},
+                    TextCase{"abc", kOpLT, "abd", 1}, TextCase{"abd", kOpGT, "abc", 1},
+                    TextCase{"abc", kOpGE, "abc", 1}, TextCase{"abc", kOpLE, "abc", 1},
+                    TextCase{"abc", kOpGE, "abd", 0}, TextCase{"abd", kOpLE, "abc", 0},
+                    TextCase{"\xE9", kOpGT, "z", 1},  // bytes above 127 sort last, as in strcmp
+                    TextCase{"", kOpEQ, "", 1}, TextCase{"  ", kOpLT, "a", 1}, TextCase{"abc", 0, "abc", 0},
+                    TextCase{"abc", 99, "abc", 0}));
+
+INSTANTIATE_TEST_SUITE_P(
+    LikeWildcards, TextCompareTest,
+    testing::Values(TextCase{"tempdb  ", kOpLIKE, "tempdb%", 1}, TextCase{"tempdb2 ", kOpLIKE, "tempdb%", 1},
+                    TextCase{"xtempdb ", kOpLIKE, "tempdb%", 0}, TextCase{"master", kOpLIKE, "aster", 0},
+                    TextCase{"master", kOpLIKE, "Master", 0}, TextCase{"master", kOpLIKE, "m_ster", 1},
+                    TextCase{"master", kOpLIKE, "m__ster", 0}, TextCase{"master  ", kOpLIKE, "maste_", 1},
+                    TextCase{"master  ", kOpLIKE, "master_", 0},  // padding is not a character
+                    TextCase{"xaxxb", kOpLIKE, "%a%b", 1}, TextCase{"xaxxbc", kOpLIKE, "%a%b", 0},
+                    TextCase{"aaab", kOpLIKE, "%aab", 1}, TextCase{"abab", kOpLIKE, "a%b", 1},
+                    TextCase{"abcabd", kOpLIKE, "%ab_", 1}, TextCase{"abxbxc", kOpLIKE, "a%b%c", 1},
+                    TextCase{"master", kOpLIKE, "master%%", 1}, TextCase{"  ", kOpLIKE, "%", 1},
+                    TextCase{"", kOpLIKE, "", 1}, TextCase{"a", kOpLIKE, "", 0},
+                    TextCase{"", kOpLIKE, "_", 0}));
+
+TEST(TextCompare, ReadsNoFurtherThanTheWidth) {
+  EXPECT_EQ(IsException(kOpEQ, "abcdef", "abc", 3), 1);
+  EXPECT_EQ(IsException(kOpLIKE, "abcdef", "abc", 3), 1);
+}
+
+TEST(TextCompare, NullFieldAndValueReadAsEmpty) {
+  EXPECT_EQ(IsException(kOpEQ, nullptr, "", 8), 1);
+  EXPECT_EQ(IsException(kOpEQ, "abc", nullptr, 3), 0);
+  EXPECT_EQ(IsException(kOpGT, "abc", nullptr, 3), 1);
+  EXPECT_EQ(IsException(kOpEQ, "abc", "", 0), 1);
+}
+
+TEST(IntegerCompare, HoldsAtThe32BitEdges) {
+  EXPECT_EQ(IsException(kOpEQ, INT32_MIN, "-2147483648"), 1);
+  EXPECT_EQ(IsException(kOpLT, INT32_MIN, "-2147483647"), 1);
+  EXPECT_EQ(IsException(kOpEQ, INT32_MAX, "2147483647"), 1);
+  EXPECT_EQ(IsException(kOpGT, INT32_MAX, "2147483646"), 1);
+  EXPECT_EQ(IsException(kOpGE, INT32_MAX, "+2147483647"), 1);
+  EXPECT_EQ(IsException(kOpLE, INT32_MIN, "-00002147483648"), 1);
+  EXPECT_EQ(IsException(kOpGT, 0, "-1"), 1);
+  EXPECT_EQ(IsException(kOpLT, -1, "0"), 1);
+}
+
+TEST(IntegerCompare, EveryOperatorAgainstLessEqualAndGreater) {
+  const int ops[] = {kOpEQ, kOpNE, kOpGE, kOpLE, kOpLT, kOpGT};
+  const int when_less[] = {0, 1, 0, 1, 1, 0};
+  const int when_equal[] = {1, 0, 1, 1, 0, 0};
+  const int when_greater[] = {0, 1, 1, 0, 0, 1};
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(IsException(ops[i], 4, "5"), when_less[i]) << framework::CompareOpName(ops[i]);
+    EXPECT_EQ(IsException(ops[i], 5, "5"), when_equal[i]) << framework::CompareOpName(ops[i]);
+    EXPECT_EQ(IsException(ops[i], 6, "5"), when_greater[i]) << framework::CompareOpName(ops[i]);
+  }
+}
+
+TEST(IntegerCompare, UnreadableValuesAndLikeNeverHold) {
+  for (const char* value :
+       {"2147483648", "-2147483649", "99999999999999999999", "ten", "", "+", "--5", "5 ", "0x10"})
+    EXPECT_EQ(IsException(kOpNE, 7, value), 0) << value;
+  EXPECT_EQ(IsException(kOpNE, 7, nullptr), 0);
+  EXPECT_EQ(IsException(kOpLIKE, 7, "7"), 0);
+}
+
+// --- Filters over a row --------------------------------------------------
+
+const Row kMaster = MakeRow("master", "sleeping", 5, 150);
+
+TEST(FilterEvaluation, AndBindsTighterThanOr) {
+  EXPECT_TRUE(Holds("DBNAME EQ 'x' AND STATUS EQ 'x' OR CPU GT 100", kMaster));
+  EXPECT_TRUE(Holds("CPU GT 100 OR DBNAME EQ 'x' AND STATUS EQ 'x'", kMaster));
+}
+
+TEST(FilterEvaluation, NotBindsTighterThanAnd) {
+  EXPECT_FALSE(Holds("NOT DBNAME EQ 'x' AND STATUS EQ 'x'", kMaster));
+  EXPECT_TRUE(Holds("NOT DBNAME EQ 'x' AND NOT STATUS EQ 'x'", kMaster));
+}
+
+TEST(FilterEvaluation, ParenthesesOverridePrecedence) {
+  EXPECT_FALSE(Holds("(CPU GT 100 OR DBNAME EQ 'master') AND PCTDBFREE GT 10", kMaster));
+  EXPECT_FALSE(Holds("NOT (STATUS EQ 'sleeping' OR CPU GT 100)", kMaster));
+  EXPECT_TRUE(Holds("NOT (NOT (DBNAME LIKE 'mas%'))", kMaster));
+}
+
+TEST(FilterEvaluation, KeywordsAndNamesIgnoreCase) {
+  EXPECT_TRUE(Holds("dbname eq 'master' and not Cpu lt 100 Or status like 'x'", kMaster));
+  EXPECT_FALSE(Holds("DBNAME EQ 'MASTER'", kMaster));  // values keep their case
+}
+
+TEST(FilterEvaluation, SymbolicOperatorsMeanTheirKeywords) {
+  const std::pair<const char*, int> symbols[] = {{"=", kOpEQ},  {"!=", kOpNE}, {"<>", kOpNE}, {">=", kOpGE},
+                                                 {"<=", kOpLE}, {"<", kOpLT},  {">", kOpGT}};
+  for (const auto& [symbol, op] : symbols) {
+    const SituationFilter filter = ParseOrDie(std::string("CPU") + symbol + "150");
+    EXPECT_EQ(filter.Elements().at(0).op, op) << symbol;
+  }
+  EXPECT_TRUE(Holds("CPU>=150 AND CPU<=150 AND CPU<>149 AND DBNAME>'m'", kMaster));
+}
+
+TEST(FilterEvaluation, StopsAskingOnceSettled) {
+  int asked = 0;
+  const auto counting = [&](const FilterElement& e) {
+    ++asked;
+    return TestRow(kMaster, e);
+  };
+  EXPECT_TRUE(ParseOrDie("CPU GT 100 OR DBNAME EQ 'x' OR STATUS EQ 'x'").Evaluate(counting));
+  EXPECT_EQ(asked, 1);
+  asked = 0;
+  EXPECT_FALSE(ParseOrDie("CPU LT 100 AND DBNAME EQ 'master'").Evaluate(counting));
+  EXPECT_EQ(asked, 1);
+}
+
+TEST(FilterValues, TextAndNumbersAreReadAsWritten) {
+  EXPECT_THAT(Described(ParseOrDie("DBNAME EQ 'it''s' AND STATUS EQ '' AND DBNAME EQ 007")),
+              ElementsAre("DBNAME EQ it's", "STATUS EQ ", "DBNAME EQ 007"));
+  EXPECT_THAT(Described(ParseOrDie("CPU EQ '+150' OR CPU EQ -0 OR CPU EQ -2147483648 OR CPU = 2147483647")),
+              ElementsAre("CPU EQ 150", "CPU EQ 0", "CPU EQ -2147483648", "CPU EQ 2147483647"));
+  EXPECT_THAT(Described(ParseOrDie("DBNAME EQ 'a  b\t(c)'")), ElementsAre("DBNAME EQ a  b\t(c)"));
+}
+
+TEST(FilterElements, KeepTheOrderOfTheText) {
+  EXPECT_THAT(
+      Described(ParseOrDie("CPU GT 1 OR (dbname EQ 'a' AND NOT STATUS LIKE 's%') AND PCTDBFREE <= -3")),
+      ElementsAre("CPU GT 1", "DBNAME EQ a", "STATUS LIKE s%", "PCTDBFREE LE -3"));
+}
+
+// --- Errors ------------------------------------------------------------------
+
+struct ErrorCase {
+  std::string text;
+  const char* message;
+};
+
+void PrintTo(const ErrorCase& c, std::ostream* os) { *os << '"' << c.text << '"'; }
+
+class FilterErrorTest : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(FilterErrorTest, NamesTheProblemAndItsColumn) {
+  EXPECT_EQ(ParseError(GetParam().text), GetParam().message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Messages, FilterErrorTest,
+    testing::Values(
+        ErrorCase{"DBNAM EQ 'x'", "unknown attribute 'DBNAM' at column 1"},
+        ErrorCase{"DBNAME EQUALS 'master'",
+                  "unknown operator 'EQUALS' at column 8 (expected EQ NE GE LE LT GT LIKE)"},
+        ErrorCase{"DBNAME", "expected an operator at column 7 (EQ NE GE LE LT GT LIKE)"},
+        ErrorCase{"DBNAME EQ 'master' AND PCTDBFREE LT 'ten'",
+                  "'ten' is not a number for integer attribute PCTDBFREE at column 37"},
+        ErrorCase{"PCTDBFREE LT 2147483648",
+                  "'2147483648' does not fit in 32 bits for integer attribute PCTDBFREE at column 14"},
+        ErrorCase{"CPU EQ '-2147483649'",
+                  "'-2147483649' does not fit in 32 bits for integer attribute CPU at column 8"},
+        ErrorCase{"CPU LIKE '1%'", "LIKE does not apply to integer attribute CPU at column 5"},
+        ErrorCase{"DBNAME = 'master", "unterminated text at column 10"},
+        ErrorCase{"DBNAME = 'it''", "unterminated text at column 10"},
+        ErrorCase{"DBNAME EQ master", "expected a value at column 11 (text values go in single quotes)"},
+        ErrorCase{"DBNAME EQ", "expected a value at column 10"},
+        ErrorCase{"AND DBNAME EQ 'x'", "expected an attribute name at column 1"},
+        ErrorCase{"DBNAME EQ 'x' OR", "expected an attribute name at column 17"},
+        ErrorCase{"NOT", "expected an attribute name at column 4"},
+        ErrorCase{"()", "expected an attribute name at column 2"},
+        ErrorCase{"'master' EQ DBNAME", "expected an attribute name at column 1"},
+        ErrorCase{"(DBNAME EQ 'x' OR (CPU GT 1)", "unbalanced parenthesis at column 1"},
+        ErrorCase{"DBNAME EQ 'x')", "unbalanced parenthesis at column 14"},
+        ErrorCase{"DBNAME EQ 'x' CPU GT 1", "expected AND or OR at column 15"},
+        ErrorCase{"(DBNAME EQ 'x' CPU GT 1)", "expected AND, OR or ')' at column 16"},
+        ErrorCase{"CPU GT 10x", "malformed number '10x' at column 8"},
+        ErrorCase{"CPU GT -", "unexpected character '-' at column 8"},
+        ErrorCase{"CPU ! 1", "unexpected character '!' at column 5"},
+        ErrorCase{"DBNAME EQ \"master\"", "unexpected character '\"' at column 11"},
+        ErrorCase{std::string("DBNAME EQ 'a\0b'", 15), "NUL character in text at column 13"},
+        ErrorCase{std::string("CPU EQ 1 \0", 10), "unexpected character '\\x00' at column 10"},
+        ErrorCase{"CPU EQ 'x\ny'", "'x\\x0Ay' is not a number for integer attribute CPU at column 8"},
+        ErrorCase{"", "empty filter"}, ErrorCase{" \t\r\n ", "empty filter"}));
+
+TEST(FilterErrors, LongNamesAreCutInTheMessage) {
+  const std::string name(500, 'Q');
+  const std::string error = ParseError(name + " EQ 1");
+  EXPECT_EQ(error, "unknown attribute '" + std::string(40, 'Q') + "...' at column 1");
+}
+
+TEST(FilterErrors, NoErrorTextOrLookupIsNoCrash) {
+  EXPECT_FALSE(SituationFilter::Parse("CPU EQ", RowAttributes, nullptr).has_value());
+  std::string error;
+  EXPECT_FALSE(SituationFilter::Parse("CPU EQ 1", framework::AttributeKindLookup(), &error).has_value());
+  EXPECT_EQ(error, "unknown attribute 'CPU' at column 1");
+}
+
+// --- Limits ------------------------------------------------------------------
+
+std::string Repeated(std::string_view piece, size_t count) {
+  std::string out;
+  for (size_t i = 0; i < count; ++i) out += piece;
+  return out;
+}
+
+TEST(FilterLimits, TextUpToTheLimitParses) {
+  const std::string clause = "CPU GT 1 OR ";
+  std::string text = Repeated(clause, (framework::kMaxFilterLength - 9) / clause.size()) + "CPU LT 1";
+  text.resize(framework::kMaxFilterLength, ' ');
+  const SituationFilter filter = ParseOrDie(text);
+  EXPECT_EQ(filter.Elements().size(), (framework::kMaxFilterLength - 9) / clause.size() + 1);
+  EXPECT_TRUE(filter.Evaluate([](const FilterElement& e) { return TestRow(kMaster, e); }));
+  EXPECT_EQ(ParseError(text + " "), "filter longer than 4096 characters");
+  EXPECT_EQ(ParseError(std::string(100000, '(')), "filter longer than 4096 characters");
+}
+
+TEST(FilterLimits, NestingUpToTheLimitParses) {
+  const size_t limit = framework::kMaxFilterNesting;
+  EXPECT_TRUE(Holds(Repeated("(", limit) + "CPU GT 1" + Repeated(")", limit), kMaster));
+  EXPECT_TRUE(Holds(Repeated("NOT ", limit) + "CPU GT 1", kMaster));  // an even count
+  EXPECT_TRUE(Holds(Repeated("NOT (", limit / 2) + "CPU GT 1" + Repeated(")", limit / 2), kMaster));
+  EXPECT_EQ(ParseError(Repeated("(", limit + 1) + "CPU GT 1" + Repeated(")", limit + 1)),
+            "nesting deeper than 64 levels at column 65");
+  EXPECT_EQ(ParseError(Repeated("NOT ", limit + 1) + "CPU GT 1"),
+            "nesting deeper than 64 levels at column 257");
+  EXPECT_EQ(ParseError(Repeated("(", 4000)), "nesting deeper than 64 levels at column 65");
+}
+
+// --- Canonical text ----------------------------------------------------------
+
+struct CanonicalCase {
+  const char* text;
+  const char* canonical;
+};
+
+void PrintTo(const CanonicalCase& c, std::ostream* os) { *os << '"' << c.text << '"'; }
+
+class CanonicalTextTest : public testing::TestWithParam<CanonicalCase> {};
+
+TEST_P(CanonicalTextTest, IsStableAndParsesBackToTheSameFilter) {
+  const SituationFilter filter = ParseOrDie(GetParam().text);
+  const std::string canonical = filter.ToString();
+  EXPECT_EQ(canonical, GetParam().canonical);
+  const SituationFilter again = ParseOrDie(canonical);
+  EXPECT_EQ(again.ToString(), canonical);
+  EXPECT_EQ(Described(again), Described(filter));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Forms, CanonicalTextTest,
+    testing::Values(CanonicalCase{"dbname = 'it''s' and cpu>=+5", "DBNAME EQ 'it''s' AND CPU GE 5"},
+                    CanonicalCase{"DBNAME EQ 007 OR CPU EQ '007'", "DBNAME EQ '007' OR CPU EQ 7"},
+                    CanonicalCase{"(DBNAME LIKE 'a%' OR CPU < 1) AND STATUS <> ''",
+                                  "(DBNAME LIKE 'a%' OR CPU LT 1) AND STATUS NE ''"},
+                    CanonicalCase{"CPU = 1 OR (CPU = 2 AND CPU = 3)", "CPU EQ 1 OR CPU EQ 2 AND CPU EQ 3"},
+                    CanonicalCase{"(CPU = 1 AND CPU = 2) AND ((CPU = 3))",
+                                  "CPU EQ 1 AND CPU EQ 2 AND CPU EQ 3"},
+                    CanonicalCase{"not (cpu = 1 and cpu = 2) or not not (cpu = 3)",
+                                  "NOT (CPU EQ 1 AND CPU EQ 2) OR NOT NOT CPU EQ 3"},
+                    CanonicalCase{"NOT (CPU = 1 OR NOT (CPU = 2 OR CPU = 3))",
+                                  "NOT (CPU EQ 1 OR NOT (CPU EQ 2 OR CPU EQ 3))"}));
+
+}  // namespace
