@@ -1,8 +1,8 @@
 # The two commands a newcomer needs: `make demo` and `make test`.
 # Each target installs what it needs on a fresh Debian machine.
 
-NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest
-WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest
+NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev
+WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
 JOBS ?= 2
 
 .PHONY: test test-native test-windows demo deps-native deps-windows build build-windows clean

@@ -19,7 +19,7 @@ std::string Upper(std::string_view text) {
 }
 
 int OperatorFromName(const std::string& upper) {
-  for (int op = kOpEQ; op <= kOpLIKE; ++op)
+  for (int op : {kOpEQ, kOpNE, kOpGE, kOpLE, kOpLT, kOpGT, kOpLIKE})
     if (upper == CompareOpName(op)) return op;
   return 0;
 }
@@ -75,7 +75,10 @@ class FilterParser {
                                   std::optional<size_t> (FilterParser::*operand)()) {
     std::vector<size_t> operands;
     do {
-      if (!operands.empty()) Advance();
+      if (!operands.empty()) {
+        pending_logical_ = kind == NodeKind::kOr ? kLogicalOr : kLogicalAnd;
+        Advance();
+      }
       const std::optional<size_t> next = (this->*operand)();
       if (!next) return std::nullopt;
       operands.push_back(*next);
@@ -89,7 +92,9 @@ class FilterParser {
     if (!IsKeyword("NOT")) return ParseComparison();
     if (!Enter()) return std::nullopt;
     Advance();
+    ++not_depth_;
     const std::optional<size_t> operand = ParseUnary();
+    --not_depth_;
     --depth_;
     if (!operand) return std::nullopt;
     return AddNode(NodeKind::kNot, {*operand});
@@ -119,8 +124,9 @@ class FilterParser {
     if (!op) return std::nullopt;
     std::optional<std::string> value = ParseValue(attribute, *kind);
     if (!value) return std::nullopt;
-    filter_.elements_.push_back(FilterElement{std::move(attribute), *op, std::move(*value)});
-    filter_.kinds_.push_back(*kind);
+    filter_.elements_.push_back(FilterElement{std::move(attribute), *op, std::move(*value), *kind,
+                                              pending_logical_, not_depth_ % 2 == 1});
+    pending_logical_ = kLogicalNone;
     return AddNode(NodeKind::kCompare, {}, filter_.elements_.size() - 1);
   }
 
@@ -198,6 +204,8 @@ class FilterParser {
   std::string* error_;
   Token current_;
   int depth_ = 0;
+  int not_depth_ = 0;
+  int pending_logical_ = kLogicalNone;  // the connective met since the last comparison
   SituationFilter filter_;
 };
 
@@ -255,7 +263,7 @@ void SituationFilter::AppendElement(size_t index, std::string* out) const {
   *out += ' ';
   *out += CompareOpName(element.op);
   *out += ' ';
-  *out += kinds_[index] == AttributeKind::kInteger ? element.value : Quoted(element.value);
+  *out += element.kind == AttributeKind::kInteger ? element.value : Quoted(element.value);
 }
 
 }  // namespace framework

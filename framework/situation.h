@@ -12,7 +12,10 @@
 
 namespace framework {
 
-enum CompareOp : int { kOpEQ = 1, kOpNE, kOpGE, kOpLE, kOpLT, kOpGT, kOpLIKE };
+// Comparison codes; 7, 8 and 9 are the connectives OR, AND and NOT in the
+// same code space, which is why LIKE is 10.
+enum CompareOp : int { kOpEQ = 1, kOpNE, kOpGE, kOpLE, kOpLT, kOpGT, kOpLIKE = 10 };
+enum LogicalOp : int { kLogicalNone = 0, kLogicalOr = 7, kLogicalAnd = 8, kLogicalNot = 9 };
 
 // "EQ", "NE", "GE", "LE", "LT", "GT", "LIKE"; "?" for anything else.
 const char* CompareOpName(int op);
@@ -34,14 +37,17 @@ int IsException(int op, const char* field, const char* value, int width);
 // integer give 0.
 int IsException(int op, int32_t field, const char* value);
 
+enum class AttributeKind { kText, kInteger };
+
 // One comparison, as tables receive it.
 struct FilterElement {
   std::string attribute;  // upper-case attribute name
   int op;                 // CompareOp
   std::string value;      // comparison value as text, quotes removed; integers in plain decimal
+  AttributeKind kind;
+  int logical_op;         // the connective written before it: kLogicalNone, kLogicalOr or kLogicalAnd
+  bool negated;           // under an odd number of NOTs
 };
-
-enum class AttributeKind { kText, kInteger };
 
 // Tells the parser whether an upper-case attribute exists and its kind.
 using AttributeKindLookup = std::function<std::optional<AttributeKind>(std::string_view)>;
@@ -97,7 +103,6 @@ class SituationFilter {
   void AppendElement(size_t element, std::string* out) const;
 
   std::vector<FilterElement> elements_;
-  std::vector<AttributeKind> kinds_;  // the kind of each element's attribute
   std::vector<Node> nodes_;
   size_t root_ = 0;
 };

@@ -1,0 +1,28 @@
+// The framework's trace facility. Lines go to the trace stream when its
+// level asks for them; the stream is standard error until the trace log
+// is set up.
+#pragma once
+
+#include <cstdio>
+
+#include "kvc/kvcutil.h"  // KVC_PRINTF
+
+namespace framework {
+
+// Trace level bits.
+inline constexpr int kTraceError = 0x1;
+inline constexpr int kTraceFlow = 0x2;
+inline constexpr int kTraceDetail = 0x4;
+
+// The process-wide trace level (0 = errors only).
+int TraceLevel();
+void SetTraceLevel(int level);
+
+// Where trace lines go; null restores standard error. The stream stays
+// owned by the caller.
+void SetTraceStream(FILE* stream);
+
+}  // namespace framework
+
+// Writes one formatted trace text; callers decide by level whether to call.
+void TRC1_Printf(const char* format, ...) KVC_PRINTF(1, 2);

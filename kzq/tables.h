@@ -1,0 +1,31 @@
+// The classes, initialisers and pushes of all 33 tables, made from the
+// catalogue: kzq_<t>_base, kzq_<t>_agent, kzq_<t>_manager, <t>_init()
+// and <t>_push(rows, count).
+#pragma once
+
+#include "kzq/table_pattern.h"
+
+namespace kzq {
+
+#define KZQ_TABLE(t, ...)                                                  \
+  class kzq_##t##_base : public TableBase<t##_spec> {                      \
+   public:                                                                 \
+    using TableBase::TableBase;                                            \
+  };                                                                       \
+  class kzq_##t##_agent : public TableAgent<kzq_##t##_base> {              \
+   public:                                                                 \
+    using TableAgent::TableAgent;                                          \
+  };                                                                       \
+  class kzq_##t##_manager : public TableManagerOf<kzq_##t##_agent> {};     \
+  /* Creates and registers the manager: 0, kErrNoManager or the           \
+     framework's registration error. */                                   \
+  uint32_t t##_init();                                                     \
+  /* The table's manager once its initialiser has run, else null. */     \
+  kzq_##t##_manager* t##_manager();                                        \
+  /* Pushes rows of this table's layout to every open object; 0 when the  \
+     manager does not exist yet, else the last non-zero Dispatch result. */ \
+  int t##_push(const void* rows, int32_t count);
+#include "kzq/catalogue.def"
+#undef KZQ_TABLE
+
+}  // namespace kzq
