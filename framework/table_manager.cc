@@ -11,9 +11,11 @@ struct Registry {
   std::vector<TableManager*> managers;
 };
 
+// Never destroyed: managers live as long as the process, and threads may
+// still look tables up while static objects are being torn down at exit.
 Registry& Managers() {
-  static Registry registry;
-  return registry;
+  static Registry* registry = new Registry;
+  return *registry;
 }
 
 bool SameKey(std::string_view a, std::string_view b) {
@@ -35,7 +37,10 @@ int TableManager::Shutdown() {
     std::lock_guard<std::mutex> guard(lock_);
     closing.swap(objects_);
   }
-  for (tavra* object : closing) object->Release();
+  for (tavra* object : closing) {
+    if (object->GetSampleType() == kSampleEvent) EventRequestEnded(object);
+    object->Release();
+  }
   return 0;
 }
 
@@ -66,8 +71,11 @@ tavra* TableManager::OpenRequest(const RequestDetail* detail, const ContextInfo*
   tavra* object = CreateObject(detail, context);
   if (object == nullptr) return nullptr;
   object->Acquire();  // the caller's use; the list holds the first
-  std::lock_guard<std::mutex> guard(lock_);
-  objects_.push_back(object);
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    objects_.push_back(object);
+  }
+  if (object->GetSampleType() == kSampleEvent) EventRequestStarted(object);
   return object;
 }
 
@@ -81,7 +89,10 @@ void TableManager::CloseRequest(tavra* object) {
       listed = true;
     }
   }
-  if (listed) object->Release();
+  if (listed) {
+    if (object->GetSampleType() == kSampleEvent) EventRequestEnded(object);
+    object->Release();
+  }
   object->Release();
 }
 

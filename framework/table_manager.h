@@ -38,6 +38,11 @@ class TableManager {
   virtual int Shutdown();
   // Makes a new table object for a request, or null.
   virtual tavra* CreateObject(const RequestDetail* detail, const ContextInfo* context) = 0;
+  // Told when a request of the event sample type opens and when it closes,
+  // so a table that pushes rows can run its producer only while someone
+  // listens.
+  virtual void EventRequestStarted(tavra* /*object*/) {}
+  virtual void EventRequestEnded(tavra* /*object*/) {}
 
   // Makes the manager known under its table key; 0 or an error. The
   // manager must live as long as the process.

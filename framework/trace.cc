@@ -23,6 +23,15 @@ void SetTraceStream(FILE* stream) {
 
 }  // namespace framework
 
+void TRC1_Event(const char* component, const void* object, const char* event) {
+  if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("%s %p %s\n", component, object, event);
+}
+
+void TRC1_Sync() {
+  std::lock_guard<std::mutex> guard(framework::g_stream_lock);
+  fflush(framework::g_stream != nullptr ? framework::g_stream : stderr);
+}
+
 void TRC1_Printf(const char* format, ...) {
   std::lock_guard<std::mutex> guard(framework::g_stream_lock);
   FILE* out = framework::g_stream != nullptr ? framework::g_stream : stderr;

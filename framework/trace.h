@@ -26,3 +26,8 @@ void SetTraceStream(FILE* stream);
 
 // Writes one formatted trace text; callers decide by level whether to call.
 void TRC1_Printf(const char* format, ...) KVC_PRINTF(1, 2);
+// Notes a life-cycle event of a component ("created", "closed"...) when the
+// flow level is on.
+void TRC1_Event(const char* component, const void* object, const char* event);
+// Pushes buffered trace text out to its file.
+void TRC1_Sync();

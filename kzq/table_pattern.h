@@ -76,8 +76,7 @@ class TableAgent : public Base {
   TableAgent(const framework::RequestDetail* detail, const framework::ContextInfo* context,
              framework::TableManager* manager)
       : Base(detail, context, manager) {
-    if (framework::TraceLevel() & framework::kTraceFlow)
-      TRC1_Printf("kzq_%s_agent object %p created\n", Base::Table().name, static_cast<void*>(this));
+    TRC1_Event(Base::Table().key, this, "agent created");
   }
   int TakeSample() override {
     const SampleFunction sample = CurrentSampleFunction();

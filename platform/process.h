@@ -11,6 +11,9 @@ namespace platform {
 uint32_t CurrentProcessId();
 uint32_t CurrentThreadId();
 
+// This machine's host name (empty when the OS will not say).
+std::string LocalHostName();
+
 // Full path of the running executable.
 std::string ExecutablePath();
 

@@ -48,6 +48,13 @@ class PosixChild final : public ChildProcess {
 uint32_t CurrentProcessId() { return static_cast<uint32_t>(getpid()); }
 uint32_t CurrentThreadId() { return static_cast<uint32_t>(gettid()); }
 
+std::string LocalHostName() {
+  char name[256] = "";
+  if (gethostname(name, sizeof name - 1) != 0) return {};
+  name[sizeof name - 1] = '\0';
+  return name;
+}
+
 std::string ExecutablePath() {
   char path[4096];
   const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);

@@ -57,6 +57,13 @@ void AppendQuoted(const std::string& arg, std::string* line) {
 uint32_t CurrentProcessId() { return GetCurrentProcessId(); }
 uint32_t CurrentThreadId() { return GetCurrentThreadId(); }
 
+std::string LocalHostName() {
+  char name[256];
+  DWORD size = sizeof name;
+  if (!GetComputerNameExA(ComputerNameDnsHostname, name, &size)) return {};
+  return std::string(name, size);
+}
+
 std::string ExecutablePath() {
   char path[MAX_PATH + 1];
   const DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);

@@ -1,0 +1,169 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "framework/action_log.h"
+#include "framework/agent.h"
+#include "framework/bsv1.h"
+#include "framework/table_manager.h"
+#include "platform/process.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+// A minimal table with a two-byte row, enough to exercise the manager.
+class TinyTable : public framework::tavra {
+ public:
+  using tavra::tavra;
+  int Dump() override { return 0; }
+  int TakeSample() override { return 0; }
+  int NumAttributes() const override { return 0; }
+  int GetAttributeDescriptor(int, framework::AttributeDescriptor*) const override { return 0; }
+  int TestAttribute(const void*, const char*, int, const char*) const override { return 0; }
+  int AddRows(const void*, int32_t) override { return 0; }
+};
+
+class CountingManager : public framework::TableManager {
+ public:
+  explicit CountingManager(const char* key) : TableManager("KZQ", key) {}
+  framework::tavra* CreateObject(const framework::RequestDetail* d, const framework::ContextInfo* c) override {
+    return new TinyTable(d, c, this);
+  }
+  void EventRequestStarted(framework::tavra*) override { ++listeners; }
+  void EventRequestEnded(framework::tavra*) override { --listeners; }
+  int listeners = 0;
+};
+
+TEST(TableManagerLifecycle, EventRequestsAreCountedInAndOut) {
+  CountingManager manager("KZQTINY1");
+  framework::RequestDetail event;
+  event.type = framework::kSampleEvent;
+  framework::RequestDetail report;
+  framework::tavra* a = manager.OpenRequest(&event, nullptr);
+  framework::tavra* b = manager.OpenRequest(&event, nullptr);
+  framework::tavra* c = manager.OpenRequest(&report, nullptr);
+  EXPECT_EQ(manager.listeners, 2);
+  EXPECT_EQ(manager.OpenObjects(), 3u);
+  manager.CloseRequest(a);
+  manager.CloseRequest(c);
+  EXPECT_EQ(manager.listeners, 1);
+  // A shutdown closes what is still open; the caller's own use stays valid.
+  manager.Shutdown();
+  EXPECT_EQ(manager.listeners, 0);
+  EXPECT_EQ(manager.OpenObjects(), 0u);
+  EXPECT_EQ(b->GetSampleType(), framework::kSampleEvent);
+  manager.CloseRequest(b);
+  EXPECT_EQ(manager.listeners, 0);
+}
+
+TEST(TableManagerLifecycle, CommandsReachTheRegisteredHandler) {
+  CountingManager manager("KZQTINY2");
+  framework::tavra* object = manager.OpenRequest(nullptr, nullptr);
+  framework::TavraAutomationCapsule capsule;
+  capsule.command = "echo hi";
+  EXPECT_NE(object->ExecuteCommand(&capsule), 0);  // no handler yet
+  manager.SetCommandHandler([](framework::TavraAutomationCapsule* c) {
+    c->table->CommandCompletedEx(c, 42);
+    return 0;
+  });
+  EXPECT_EQ(object->ExecuteCommand(&capsule), 0);
+  EXPECT_EQ(capsule.result, 42);
+  EXPECT_TRUE(capsule.finished);
+  manager.CloseRequest(object);
+}
+
+TEST(AgentIdentity, VersionBufferNeedsNineBytesAndTheProductCode) {
+  char buffer[9];
+  memset(buffer, 0, sizeof buffer);
+  EXPECT_EQ(AVR_SetVersionUsingProduct("ZQ", buffer, 8), 1);
+  EXPECT_EQ(AVR_SetVersionUsingProduct("XX", buffer, 9), 2);
+  EXPECT_EQ(AVR_SetVersionUsingProduct("ZQ", buffer, 9), 0);
+  EXPECT_STREQ(buffer, "01.00.00");
+  AVR_SetAffinity("AFF_A");
+  AVR_SetAffinity("AFF_B");
+  AVR_SetNodeType("MSS");
+  AVR_SetCurrency(1, 0);
+  const framework::AgentIdentity id = framework::Identity();
+  EXPECT_EQ(id.version, "01.00.00");
+  EXPECT_THAT(id.affinities, ElementsAre("AFF_A", "AFF_B"));
+  EXPECT_EQ(id.node_type, "MSS");
+  EXPECT_EQ(id.currency_major, 1);
+}
+
+TEST(AgentIdentity, LocalHostIsCutToTheLimit) {
+  const std::string host = platform::LocalHostName();
+  ASSERT_FALSE(host.empty());
+  char buffer[64];
+  EXPECT_EQ(DetermineLocalHost(buffer, sizeof buffer), static_cast<int>(std::min<size_t>(host.size(), 63)));
+  EXPECT_EQ(std::string(buffer), host.substr(0, 63));
+  char tiny[3];
+  EXPECT_EQ(DetermineLocalHost(tiny, 3), static_cast<int>(std::min<size_t>(host.size(), 2)));
+  EXPECT_EQ(strlen(tiny), std::min<size_t>(host.size(), 2));
+}
+
+TEST(ActionLog, KeepsOrderAndForgetsTheOldest) {
+  const uint64_t start = framework::ActionLogLast();
+  TAVRA_insert_log("KVCACT002", "first", " ");
+  TAVRA_insert_log("KVCACT002", "second", "Database Action");
+  auto entries = framework::ActionLogSince(start);
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].line, "first");
+  EXPECT_EQ(entries[1].title, "Database Action");
+  EXPECT_EQ(entries[1].sequence, entries[0].sequence + 1);
+  for (size_t i = 0; i < framework::kActionLogCapacity + 5; ++i) TAVRA_insert_log("X", "fill", "");
+  entries = framework::ActionLogSince(0);
+  EXPECT_EQ(entries.size(), framework::kActionLogCapacity);
+  EXPECT_EQ(entries.back().sequence, framework::ActionLogLast());
+}
+
+TEST(BaseServices, EnvironmentPairsAndUpperCase) {
+  EXPECT_EQ(BSV1_PutEnv("KZQ_BSV_TEST=one=two"), 0);
+  EXPECT_STREQ(BSV1_GetEnv("KZQ_BSV_TEST"), "one=two");
+  EXPECT_EQ(BSV1_PutEnv("=nameless"), 1);
+  EXPECT_EQ(BSV1_PutEnv("no equals"), 1);
+  char text[] = "limit=5 Count";
+  EXPECT_STREQ(BSV1_ToUpper(text), "LIMIT=5 COUNT");
+}
+
+TEST(BaseServices, LockExcludesOtherThreadsAndNestsForItsOwner) {
+  BSV1_Lock lock;
+  ASSERT_EQ(BSV1_GetLock(&lock), 0);
+  ASSERT_EQ(BSV1_GetLock(&lock), 0);
+  bool other_got_it = true;
+  std::thread([&] {
+    other_got_it = lock.mutex.try_lock();
+    if (other_got_it) lock.mutex.unlock();
+  }).join();
+  EXPECT_FALSE(other_got_it);
+  BSV1_ReleaseLock(&lock);
+  BSV1_ReleaseLock(&lock);
+  std::thread([&] {
+    other_got_it = lock.mutex.try_lock();
+    if (other_got_it) lock.mutex.unlock();
+  }).join();
+  EXPECT_TRUE(other_got_it);
+  EXPECT_EQ(BSV1_DestroyLock(&lock), 0);
+}
+
+// Last: the framework stays stopped for the rest of the process.
+TEST(AgentShutdown, WakesTheWaiterAndClosesRegisteredTables) {
+  auto* manager = new CountingManager("KZQTINY3");  // lives as long as the process
+  ASSERT_EQ(framework::TableManager::RegisterWithManager(manager), 0u);
+  framework::RequestDetail event;
+  event.type = framework::kSampleEvent;
+  framework::tavra* object = manager->OpenRequest(&event, nullptr);
+  std::thread waiter([] { framework::WaitForShutdown(); });
+  EXPECT_FALSE(framework::ShutdownRequested());
+  EXPECT_EQ(AVR_Shutdown(1), 0);
+  waiter.join();
+  EXPECT_TRUE(framework::ShutdownRequested());
+  EXPECT_EQ(manager->listeners, 0);
+  EXPECT_EQ(AVR_Shutdown(1), 0);
+  manager->CloseRequest(object);
+}
+
+}  // namespace
