@@ -9,6 +9,7 @@
 #include "framework/request.h"
 #include "framework/situation.h"
 #include "kvc/kvcstr.h"
+#include "kzq/catalogue_json.h"
 #include "kzq/tables.h"
 #include "tests/support/temp_dir.h"
 
@@ -111,6 +112,22 @@ TEST(Catalogue, PublishedPlacesOfOddLayouts) {
   EXPECT_EQ(kzq::FindTable("KZQSQL"), &kzq::kzqsql_spec);
   EXPECT_EQ(kzq::FindTable("kzqsql"), &kzq::kzqsql_spec);
   EXPECT_EQ(kzq::FindTable("kzqsq"), nullptr);
+}
+
+TEST(Catalogue, JsonListsEveryTableWithItsLayout) {
+  const auto tables = kzq::CatalogueJson();
+  ASSERT_EQ(tables.size(), 33u);
+  const auto& first = tables[0];
+  EXPECT_EQ(first["name"], "kzqsrvre");
+  EXPECT_EQ(first["key"], "KZQSRVRE");
+  EXPECT_EQ(first["row_size"], 1604);
+  ASSERT_EQ(first["attributes"].size(), 41u);
+  EXPECT_EQ(first["attributes"][6]["name"], "collstatus");
+  EXPECT_EQ(first["attributes"][6]["offset"], 184);
+  EXPECT_EQ(first["attributes"][6]["length"], 12);
+  EXPECT_EQ(first["attributes"][6]["type"], 9);
+  EXPECT_EQ(tables[32]["name"], "kzqerror");
+  EXPECT_EQ(tables[32]["attributes"][9]["type"], 3);  // SEVERITY is an integer here
 }
 
 TEST_F(Tables, DescriptorsWalkTheLayoutAndKeepTheIndexQuirk) {

@@ -1,0 +1,12 @@
+// The catalogue as JSON, for tools and the HTTP endpoint.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+namespace kzq {
+
+// [{"name", "key", "row_size", "attributes": [{"name", "offset", "length",
+// "type"}...]}...] in catalogue order, attributes in row order.
+nlohmann::ordered_json CatalogueJson();
+
+}  // namespace kzq
