@@ -1,0 +1,375 @@
+#include "kvc/kvccomob.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+#include "kvc/kvcopts.h"
+#include "kvc/kvcstr.h"
+#include "kvc/kvcutil.h"
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/error.h"
+#include "platform/process.h"
+
+namespace kvc {
+namespace {
+
+constexpr int kReaderPolls = 20;
+constexpr uint32_t kReaderPollMs = 3000;
+constexpr int32_t kWatchdogSeconds = 180;
+constexpr int32_t kDefaultStaleSeconds = 90;
+
+bool Verbose() { return Debug().full_debug; }
+bool DebugOn() { return Debug().debug; }
+
+int32_t ReadInt(const unsigned char* view, size_t offset) {
+  int32_t v;
+  memcpy(&v, view + offset, sizeof v);
+  return v;
+}
+
+void WriteInt(unsigned char* view, size_t offset, int32_t v) { memcpy(view + offset, &v, sizeof v); }
+
+// A zero-filled field holding at most `chars` characters of `text`.
+void WriteField(unsigned char* view, size_t offset, size_t width, size_t chars, const std::string& text) {
+  memset(view + offset, 0, width);
+  memcpy(view + offset, text.data(), text.size() < chars ? text.size() : chars);
+}
+
+std::string ReadField(const unsigned char* view, size_t offset, size_t width) {
+  const char* p = reinterpret_cast<const char*>(view + offset);
+  return std::string(p, strnlen(p, width));
+}
+
+int32_t StaleLimit() {
+  static const int32_t limit = [] {
+    const auto value = platform::GetEnv("COLL_DATA_STALE_SECONDS");
+    const int n = value.has_value() ? atoi(value->c_str()) : 0;
+    return n > 0 ? n : kDefaultStaleSeconds;
+  }();
+  return limit;
+}
+
+std::string NewUniqueName(const char* request) {
+  static std::atomic<uint32_t> sequence{0};
+  char unique[64];
+  snprintf(unique, sizeof unique, "%.14s_%u_%u_%d", request, platform::CurrentProcessId(),
+           ++sequence, AreaNow());
+  return std::string(unique).substr(0, area::kReqUniqueWidth);
+}
+
+uint32_t Millis(int timeout_seconds) {
+  return timeout_seconds <= 0 ? 0 : static_cast<uint32_t>(timeout_seconds) * 1000;
+}
+
+}  // namespace
+
+int32_t AreaNow() { return static_cast<int32_t>(platform::NowUnixSeconds() & 0xFFFFFFFF); }
+
+ShareCommObject::ShareCommObject(AreaKind kind, platform::ObjectAccess access, size_t size,
+                                 const std::string& area_name, const std::string& semaphore_stem,
+                                 unsigned char* request_view)
+    : kind_(kind), request_view_(request_view) {
+  int error = 0;
+  area_ = platform::OpenSharedArea(area_name, size, access, &error);
+  if (area_ == nullptr) {
+    Log('e', "nsh0001", "Failed to create file map, error# %d\n", error);
+    return;
+  }
+  existed_ = error == platform::kErrAlreadyExists;
+  view_ = area_->Address();
+  avail_ = platform::OpenNamedSemaphore(semaphore_stem + "Avail", 1, access, &error);
+  if (avail_ == nullptr) Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
+  fill_ = platform::OpenNamedSemaphore(semaphore_stem + "Fill", 0, access, &error);
+  if (fill_ == nullptr) Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
+  if (kind_ == kRequestArea) {
+    request_view_ = view_;
+    if (!existed_) {
+      WriteInt(view_, area::kReqTimeout, area::kRequestTimeoutSeconds);
+      WriteInt(view_, area::kReqReadIndex, 0);
+      WriteInt(view_, area::kReqWriteIndex, 0);
+      WriteInt(view_, area::kReqFinishWrite, AreaNow());
+    }
+    return;
+  }
+  WriteInt(view_, area::kDataReaderFinished, 1);
+  if (!existed_) {
+    WriteInt(view_, area::kDataReadIndex, 0);
+    WriteInt(view_, area::kDataWriteIndex, 0);
+    if (request_view_ != nullptr) WriteInt(request_view_, area::kReqDataPending, AreaNow());
+  }
+}
+
+ShareCommObject::~ShareCommObject() = default;
+
+bool ShareCommObject::IsValid() const { return area_ != nullptr && avail_ != nullptr && fill_ != nullptr; }
+
+int ShareCommObject::WaitOn(platform::Semaphore* semaphore, int timeout) {
+  const int rc = semaphore->Wait(Millis(timeout));
+  if (rc == platform::kOk) return kCommOk;
+  if (rc == platform::kErrTimeout) {
+    if (DebugOn()) Log('i', "nlk0004", "Timeout when acquiring semaphore\n");
+  } else {
+    Log('e', "nlk0003", "Acquire semaphore failed, error# %d\n", rc);
+  }
+  return kCommTimeout;
+}
+
+int ShareCommObject::ReleaseFill(int kind, const char* failure_id, const char* failure_text) {
+  const int rc = fill_->Release();
+  if (rc == platform::kOk) return kCommOk;
+  if (rc != platform::kErrTooManyPosts) Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
+  Reset(kind);
+  Log('e', failure_id, "%s", failure_text);
+  return kCommFailed;
+}
+
+int ShareCommObject::SendRequest(const char* name, const std::vector<std::string>& attributes,
+                                 std::string* unique, const char* statement, int timeout) {
+  if (Verbose()) Log('t', "ush0280", "SendRequest(%s): %s, timeout=%d\n", FormatNow(nullptr, 1), name, timeout);
+  *unique = NewUniqueName(name);
+  if (WaitOn(avail_.get(), timeout) != kCommOk) return kCommTimeout;
+  WriteField(view_, area::kReqName, area::kReqNameWidth, area::kReqNameChars, name);
+  WriteField(view_, area::kReqUnique, area::kReqUniqueWidth, area::kReqUniqueWidth, *unique);
+  if (statement != nullptr)
+    WriteField(view_, area::kReqStatement, area::kReqStatementWidth, area::kReqStatementWidth - 1, statement);
+  memset(view_ + area::kReqAttributes, 0, area::kAttributeSlots * area::kAttributeSlotWidth);
+  for (size_t i = 0; i < attributes.size() && i < area::kAttributeSlots; ++i)
+    WriteField(view_, area::kReqAttributes + i * area::kAttributeSlotWidth, area::kAttributeSlotWidth,
+               area::kAttributeSlotWidth - 1, attributes[i]);
+  WriteInt(view_, area::kReqFinishWrite, AreaNow());
+  if (ReleaseFill(kRequestArea, "nsh0002", "Failed to release Filled semaphore\n") != kCommOk) return kCommFailed;
+  if (Verbose())
+    Log('t', "ush0290", "It's %s. Finish sending request to share memory, Unique=%s\n", FormatNow(nullptr, 1),
+        unique->c_str());
+  return kCommOk;
+}
+
+int ShareCommObject::GetRequest(std::string* name, std::string* unique, std::vector<std::string>* attributes,
+                                std::string* statement, int timeout) {
+  if (Verbose()) Log('t', "ush0300", "GetRequest(%s): Entering, timeout=%d\n", FormatNow(nullptr, 1), timeout);
+  if (WaitOn(fill_.get(), timeout) != kCommOk) {
+    if (Verbose() || DebugOn()) Log('e', "nsh0003", "Failed to acquire Filled semaphore within timeout limit\n");
+    return kCommTimeout;
+  }
+  *unique = ReadField(view_, area::kReqUnique, area::kReqUniqueWidth);
+  *name = ReadField(view_, area::kReqName, area::kReqNameWidth);
+  attributes->clear();
+  for (size_t i = 0; i < area::kAttributeSlots; ++i) {
+    const size_t slot = area::kReqAttributes + i * area::kAttributeSlotWidth;
+    if (view_[slot] != 0) attributes->push_back(ReadField(view_, slot, area::kAttributeSlotWidth));
+  }
+  statement->clear();
+  if (view_[area::kReqStatement] != 0) *statement = ReadField(view_, area::kReqStatement, area::kReqStatementWidth);
+  const int rc = avail_->Release();
+  if (rc != platform::kOk) {
+    if (rc != platform::kErrTooManyPosts) Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
+    Log('e', "nsh0004", "Failed to release Available semaphore\n");
+  }
+  Reset(kRequestArea);
+  const int32_t now = AreaNow();
+  const int32_t finished = ReadInt(view_, area::kReqFinishWrite);
+  const int32_t limit = ReadInt(view_, area::kReqTimeout);
+  if (now - finished > limit) {
+    Log('e', "nsh0012", "It's %s. Request '%s' received too late to process(now:%d, finish write:%d, timeout:%d)\n",
+        FormatNow(nullptr, 1), unique->c_str(), now, finished, limit);
+    return kCommFailed;
+  }
+  if (Verbose())
+    Log('t', "ush0320", "GetRequest(%s): Leaving, unique=%s, timeout=%d\n", FormatNow(nullptr, 1), unique->c_str(),
+        timeout);
+  return kCommOk;
+}
+
+bool ShareCommObject::CleanStaleData() {
+  const int32_t pending = ReadInt(request_view_, area::kReqDataPending);
+  if (pending == -1 || AreaNow() - pending <= StaleLimit()) return false;
+  if (Verbose()) {
+    const std::string unique = ReadField(view_, area::kDataUnique, area::kDataUniqueWidth);
+    Log('t', "nsh0011", "It's %s. Data for cursor %s are cleaned\n", FormatNow(nullptr, 1), unique.c_str());
+    Log('t', "nsh0011", "It's %s. SendData: Data for cursor %s is cleaned\n", FormatNow(nullptr, 1), unique.c_str());
+  }
+  WriteInt(view_, area::kDataReadIndex, 0);
+  WriteInt(view_, area::kDataWriteIndex, 0);
+  Reset(kDataArea);
+  WriteInt(view_, area::kDataReaderFinished, 1);
+  WriteInt(request_view_, area::kReqDataPending, -1);
+  return true;
+}
+
+int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, const char* bytes, int timeout) {
+  const int32_t now = AreaNow();
+  const int32_t finished = ReadInt(request_view_, area::kReqFinishWrite);
+  const int32_t limit = ReadInt(request_view_, area::kReqTimeout);
+  if (now - finished > limit) {
+    Log('e', "nsh0013", "Data for Request '%s' are too late to send(%d, %d, %d)\n", unique, now, finished, limit);
+    return kCommOk;
+  }
+  CleanStaleData();
+  if (Verbose()) {
+    Log('t', "ush0340", "SendData(%s): Entering, timeout=%d\n", FormatNow(nullptr, 1), timeout);
+    if (unique == nullptr || *unique == '\0') {
+      Log('e', "nsh0007", "Unique name is not supplied\n");
+      return kCommFailed;
+    }
+  }
+  const int64_t total = static_cast<int64_t>(rows) * length;
+  const char* source = total > 0 ? bytes : area::kEmptyAnswer;
+  int64_t remaining = total > 0 ? total : static_cast<int64_t>(strlen(area::kEmptyAnswer));
+  for (int polls = 0; ReadInt(view_, area::kDataReaderFinished) == 0 && polls < kReaderPolls; ++polls)
+    platform::SleepMillis(kReaderPollMs);
+  if (ReadInt(view_, area::kDataReaderFinished) == 0 && Verbose())
+    Log('t', "ush0350", "Reader should already finish read now!\n");
+  WriteInt(view_, area::kDataReaderFinished, 0);
+  bool first = true;
+  while (remaining > 0) {
+    if (WaitOn(avail_.get(), timeout) != kCommOk) {
+      Log('e', "nsh0003", "Failed to acquire Available semaphore\n");
+      if (!CleanStaleData()) return kCommTimeout;
+      continue;
+    }
+    if (first) {
+      WriteField(view_, area::kDataUnique, area::kDataUniqueWidth, area::kDataUniqueChars, unique ? unique : "");
+      WriteInt(view_, area::kDataRows, rows);
+      WriteInt(view_, area::kDataRowLength, length);
+      first = false;
+    }
+    const size_t chunk = static_cast<size_t>(remaining < static_cast<int64_t>(area::kChunk) ? remaining : area::kChunk);
+    memset(view_ + area::kDataPayload, 0, area::kChunk);
+    memcpy(view_ + area::kDataPayload, source, chunk);
+    source += chunk;
+    remaining -= static_cast<int64_t>(chunk);
+    WriteInt(view_, area::kDataWriteIndex, 0);
+    WriteInt(request_view_, area::kReqDataPending, AreaNow());
+    if (ReleaseFill(kDataArea, "nsh0004", "Failed to Release Filled semaphore\n") != kCommOk) return kCommFailed;
+  }
+  if (Verbose())
+    Log('t', "ush0360", "SendData(%s): Leaving, unique=%s, numrow=%d, lenrow=%d\n", FormatNow(nullptr, 1), unique,
+        rows, length);
+  return kCommOk;
+}
+
+int ShareCommObject::GetData(const char* expected_unique, std::string* unique, int32_t* rows, int32_t* length,
+                             std::string* bytes, int timeout) {
+  if (Verbose()) Log('t', "ush0370", "GetData(%s): Entering, timeout=%d\n", FormatNow(nullptr, 1), timeout);
+  bytes->clear();
+  int64_t remaining = 1;
+  bool first = true;
+  while (remaining >= 1) {
+    if (WaitOn(fill_.get(), timeout) != kCommOk) return kCommTimeout;
+    if (first) {
+      *unique = ReadField(view_, area::kDataUnique, area::kDataUniqueWidth);
+      const std::string expected = expected_unique != nullptr ? expected_unique : "";
+      if (*unique != expected) Log('w', "nsh0014", "Get Data for %s, not for %s\n", unique->c_str(), expected.c_str());
+      *rows = ReadInt(view_, area::kDataRows);
+      *length = ReadInt(view_, area::kDataRowLength);
+      const int64_t total = static_cast<int64_t>(*rows) * *length;
+      // A negative product is garbage from the writer: read what one chunk holds.
+      remaining = total == 0 ? static_cast<int64_t>(strlen(area::kEmptyAnswer)) : (total < 0 ? 1 : total);
+      first = false;
+    }
+    const size_t chunk = static_cast<size_t>(remaining < static_cast<int64_t>(area::kChunk) ? remaining : area::kChunk);
+    bytes->append(reinterpret_cast<const char*>(view_ + area::kDataPayload), chunk);
+    remaining -= static_cast<int64_t>(chunk);
+    WriteInt(view_, area::kDataReadIndex, 0);
+    const int rc = avail_->Release();
+    if (rc != platform::kOk) {
+      if (rc != platform::kErrTooManyPosts) Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
+      Log('e', "nsh0006", "Failed to release Available semaphore\n");
+      break;
+    }
+  }
+  WriteInt(view_, area::kDataReadIndex, 0);
+  WriteInt(view_, area::kDataWriteIndex, 0);
+  Reset(kDataArea);
+  WriteInt(view_, area::kDataReaderFinished, 1);
+  WriteInt(request_view_, area::kReqDataPending, -1);
+  if (Verbose())
+    Log('t', "ush0380", "GetData(%s): get unique=%s, numrow=%d, lenrow=%d\n", FormatNow(nullptr, 1), unique->c_str(),
+        *rows, *length);
+  return kCommOk;
+}
+
+void ShareCommObject::Reset(int) {
+  if (DebugOn()) Log('i', "nsh0036", "Resetting Semaphore...\n");
+  const int rc = avail_->Release();
+  if (rc != platform::kOk && rc != platform::kErrTooManyPosts)
+    Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
+  // Drains a Fill left posted. Nothing can be mid-post at the points where
+  // the exchange resets (the peer is waiting on the other area), so the
+  // drain does not wait: a 100 ms wait here would add itself to every
+  // round trip.
+  const int drained = fill_->Wait(0);
+  if (drained == platform::kErrTimeout) {
+    if (DebugOn()) Log('i', "nlk0004", "Timeout when acquiring semaphore\n");
+  } else if (drained != platform::kOk) {
+    Log('e', "nlk0003", "Acquire semaphore failed, error# %d\n", drained);
+  }
+}
+
+namespace {
+
+struct Channel {
+  std::unique_ptr<ShareCommObject> request;
+  std::unique_ptr<ShareCommObject> data;
+  bool console = false;
+};
+
+Channel& TheChannel() {
+  static Channel channel;
+  return channel;
+}
+
+}  // namespace
+
+std::vector<std::string> ChannelObjectNames(const std::string& prefix) {
+  return {prefix + "KVCReqShm",  prefix + "KVCReqSemAvail",  prefix + "KVCReqSemFill",
+          prefix + "KVCDataShm", prefix + "KVCDataSemAvail", prefix + "KVCDataSemFill"};
+}
+
+int CreateObjects(const std::string& prefix) {
+  Channel& c = TheChannel();
+  const platform::ObjectAccess access = c.console ? platform::ObjectAccess::kDefault : platform::ObjectAccess::kOpen;
+  c.request = std::make_unique<ShareCommObject>(kRequestArea, access, area::kRequestSize, prefix + "KVCReqShm",
+                                                prefix + "KVCReqSem", nullptr);
+  if (!c.request->IsValid()) Log('e', "nsh0012", "Failed to create Request object\n");
+  c.data = std::make_unique<ShareCommObject>(kDataArea, access, area::kDataSize, prefix + "KVCDataShm",
+                                             prefix + "KVCDataSem", c.request->View());
+  if (!c.data->IsValid()) Log('e', "nsh0013", "Failed to create Data object\n");
+  return c.request->IsValid() && c.data->IsValid() ? 1 : 0;
+}
+
+int InitShareMemory(const char* first, const char* second) {
+  Channel& c = TheChannel();
+  if (c.request != nullptr && c.data != nullptr) return 0;
+  const std::string prefix = std::string(first ? first : "") + "_" + (second ? second : "");
+  if (CreateObjects(prefix) == 1) return 0;
+  Log('e', "ush0033", "Failed to initialize share memory and semaphore\n");
+  DestroyShareMemory();
+  return -1;
+}
+
+void DestroyShareMemory() {
+  Channel& c = TheChannel();
+  c.data.reset();
+  c.request.reset();
+}
+
+KVCCommObject* RequestEndpoint() { return TheChannel().request.get(); }
+KVCCommObject* DataEndpoint() { return TheChannel().data.get(); }
+
+void SetChannelConsoleMode(bool console) { TheChannel().console = console; }
+
+void ChannelWatchdog(time_t last_success) {
+  Channel& c = TheChannel();
+  const int32_t now = AreaNow();
+  if (Verbose()) Log('t', "ush0420", "Time now:%d, last succeed:%d\n", now, static_cast<int32_t>(last_success));
+  if (now - static_cast<int32_t>(last_success) <= kWatchdogSeconds || c.request == nullptr || c.data == nullptr)
+    return;
+  Log('i', "ush0430", "Reseting semaphores...\n");
+  c.request->Reset(kRequestArea);
+  c.data->Reset(kDataArea);
+}
+
+}  // namespace kvc

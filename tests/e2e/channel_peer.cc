@@ -1,0 +1,74 @@
+// The collector side of the channel tests, run as a process of its own.
+//   kvc_channel_peer <first> <second> answer <rows> <length>
+//       answers one request with rows x length pattern bytes
+//   kvc_channel_peer <first> <second> echo
+//       answers with the request's attribute names, 20 bytes each
+//   kvc_channel_peer <first> <second> wrong-unique
+//       answers one row under a unique name that was not asked for
+//   kvc_channel_peer <first> <second> die <rows> <length>
+//       writes the first chunk of its answer and dies
+// Exit codes: 0 answered, 3 request discarded, 4 no request in time,
+// 5 the answer could not be sent.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kvc/kvccomob.h"
+#include "platform/semaphore.h"
+#include "tests/e2e/channel_pattern.h"
+
+namespace {
+
+constexpr int kWaitSeconds = 20;
+
+// Writes the first chunk of an answer the way any collector would, through
+// the named objects of the contract, and dies before the rest.
+[[noreturn]] void DieAfterFirstChunk(const std::string& prefix, const std::string& unique, int32_t rows,
+                                     int32_t length) {
+  int error = 0;
+  auto avail = platform::OpenNamedSemaphore(prefix + "KVCDataSemAvail", 1, platform::ObjectAccess::kOpen, &error);
+  auto fill = platform::OpenNamedSemaphore(prefix + "KVCDataSemFill", 0, platform::ObjectAccess::kOpen, &error);
+  if (avail == nullptr || fill == nullptr || avail->Wait(kWaitSeconds * 1000) != 0) std::_Exit(5);
+  unsigned char* view = static_cast<kvc::ShareCommObject*>(kvc::DataEndpoint())->View();
+  const int32_t reading = 0;
+  memcpy(view + kvc::area::kDataReaderFinished, &reading, 4);
+  memset(view + kvc::area::kDataUnique, 0, kvc::area::kDataUniqueWidth);
+  memcpy(view + kvc::area::kDataUnique, unique.data(), unique.size());
+  memcpy(view + kvc::area::kDataRows, &rows, 4);
+  memcpy(view + kvc::area::kDataRowLength, &length, 4);
+  const std::string first = kzq_test::PatternBytes(kvc::area::kChunk);
+  memcpy(view + kvc::area::kDataPayload, first.data(), first.size());
+  fill->Release();
+  std::_Exit(9);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 4 || kvc::InitShareMemory(argv[1], argv[2]) != 0) return 2;
+  const std::string mode = argv[3];
+  std::string name, unique, statement;
+  std::vector<std::string> attributes;
+  const int got = kvc::RequestEndpoint()->GetRequest(&name, &unique, &attributes, &statement, kWaitSeconds);
+  if (got == kvc::kCommFailed) return 3;
+  if (got != kvc::kCommOk) return 4;
+  int32_t rows = 1;
+  int32_t length = 16;
+  std::string bytes;
+  if (mode == "answer" || mode == "die") {
+    rows = atoi(argv[4]);
+    length = atoi(argv[5]);
+    bytes = kzq_test::PatternBytes(static_cast<size_t>(rows) * static_cast<size_t>(length));
+  } else if (mode == "echo") {
+    rows = static_cast<int32_t>(attributes.size());
+    length = 20;
+    for (const std::string& a : attributes) bytes += a + std::string(20 - a.size(), '\0');
+  } else if (mode == "wrong-unique") {
+    unique = "someone_else";
+    bytes = kzq_test::PatternBytes(16);
+  }
+  if (mode == "die") DieAfterFirstChunk(std::string(argv[1]) + "_" + argv[2], unique, rows, length);
+  const int sent = kvc::DataEndpoint()->SendData(unique.c_str(), rows, length, bytes.data(), kWaitSeconds);
+  return sent == kvc::kCommOk ? 0 : 5;
+}
