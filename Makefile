@@ -5,7 +5,7 @@ NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googlete
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
 JOBS ?= 2
 
-.PHONY: test test-native test-windows demo deps-native deps-windows build build-windows clean
+.PHONY: test test-native test-windows demo bench deps-native deps-windows build build-windows clean
 
 test: test-native test-windows
 
@@ -37,5 +37,11 @@ demo: build
 	@echo "  kzqcoll replaying demo/ rows, the sample ERRORLOG writer, and"
 	@echo "  kzqagent -console with HTTP on 127.0.0.1."
 
+# Benchmarks run on an optimised build without sanitizers.
+bench: deps-native
+	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-bench -j $(JOBS) --target channel_bench
+	build-bench/bench/channel_bench
+
 clean:
-	rm -rf build build-win
+	rm -rf build build-win build-bench

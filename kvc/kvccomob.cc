@@ -19,6 +19,7 @@ constexpr int kReaderPolls = 20;
 constexpr uint32_t kReaderPollMs = 3000;
 constexpr int32_t kWatchdogSeconds = 180;
 constexpr int32_t kDefaultStaleSeconds = 90;
+constexpr int64_t kLargestReservation = 256LL << 20;
 
 bool Verbose() { return Debug().full_debug; }
 bool DebugOn() { return Debug().debug; }
@@ -267,6 +268,9 @@ int ShareCommObject::GetData(const char* expected_unique, std::string* unique, i
       const int64_t total = static_cast<int64_t>(*rows) * *length;
       // A negative product is garbage from the writer: read what one chunk holds.
       remaining = total == 0 ? static_cast<int64_t>(strlen(area::kEmptyAnswer)) : (total < 0 ? 1 : total);
+      // One allocation for the whole answer instead of a copy per doubling;
+      // a size beyond any real answer is not trusted with an allocation.
+      if (remaining <= kLargestReservation) bytes->reserve(static_cast<size_t>(remaining));
       first = false;
     }
     const size_t chunk = static_cast<size_t>(remaining < static_cast<int64_t>(area::kChunk) ? remaining : area::kChunk);

@@ -7,6 +7,9 @@
 //       answers one row under a unique name that was not asked for
 //   kvc_channel_peer <first> <second> die <rows> <length>
 //       writes the first chunk of its answer and dies
+//   kvc_channel_peer <first> <second> serve <rows> <length> <count>
+//       answers `count` requests through KVCCOMM with a collector anchor;
+//       the i-th answer (from 0) has rows + i rows
 // Exit codes: 0 answered, 3 request discarded, 4 no request in time,
 // 5 the answer could not be sent.
 #include <cstdlib>
@@ -14,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "kvc/kvccomm.h"
+#include "kvc/kvccomm2.h"
 #include "kvc/kvccomob.h"
 #include "platform/semaphore.h"
 #include "tests/e2e/channel_pattern.h"
@@ -45,7 +50,24 @@ constexpr int kWaitSeconds = 20;
 
 }  // namespace
 
+// The collector's side through the front end, as kzqcoll uses it.
+int Serve(int32_t rows, int32_t length, int count) {
+  KVCCOMM("initsm");
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("initc"));
+  const std::string bytes =
+      kzq_test::PatternBytes(static_cast<size_t>(rows + count) * static_cast<size_t>(length));
+  for (int i = 0; i < count; ++i) {
+    auto* entry = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, ""));
+    if (entry == nullptr) return 4;
+    kvc::SetPipeRows(entry, rows + i, length, bytes.data());
+    if (KVCCOMM("put", anchor) == nullptr) return 5;
+  }
+  KVCCOMM("term", anchor);
+  return 0;
+}
+
 int main(int argc, char** argv) {
+  if (argc == 7 && std::string(argv[3]) == "serve") return Serve(atoi(argv[4]), atoi(argv[5]), atoi(argv[6]));
   if (argc < 4 || kvc::InitShareMemory(argv[1], argv[2]) != 0) return 2;
   const std::string mode = argv[3];
   std::string name, unique, statement;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "kvc/kvccomm.h"
+#include "kvc/kvccomm2.h"
 #include "kvc/kvccomob.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -32,6 +34,10 @@ class Channel : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     first_ = "kzqt" + std::to_string(platform::CurrentProcessId());
+    // The collector forms the same prefix from these through the front end.
+    platform::SetEnv("COLL_VERSION", first_);
+    platform::SetEnv("COLL_SERVERID", "1");
+    platform::SetEnv("WAIT_TIMEOUT", "3");
     ASSERT_EQ(kvc::InitShareMemory(first_.c_str(), "1"), 0);
   }
   static void TearDownTestSuite() {
@@ -172,6 +178,77 @@ TEST_F(Channel, CollectorDyingMidAnswerTimesOutThenTheNextRequestWorks) {
   EXPECT_EQ(fresh->Wait(), 0);
   EXPECT_EQ(rows, 2);
   EXPECT_EQ(bytes, kzq_test::PatternBytes(200));
+}
+
+TEST(FrontEndCodes, WordsMatchInAnyCaseAndUnknownOnesAreRefused) {
+  EXPECT_EQ(kvc::FunctionCodeOf("INIT"), kvc::kCodeInit);
+  EXPECT_EQ(kvc::FunctionCodeOf("init"), kvc::kCodeInit);
+  EXPECT_EQ(kvc::FunctionCodeOf("InitSM"), kvc::kCodeInitShareMemory);
+  EXPECT_EQ(kvc::FunctionCodeOf("inits"), 0);
+  EXPECT_EQ(kvc::FunctionCodeOf("ini"), 0);
+  kzq_test::LogCapture log;
+  EXPECT_EQ(KVCCOMM("inits"), nullptr);
+  EXPECT_THAT(log.Text(), HasSubstr("COM0100E"));
+  EXPECT_THAT(log.Text(), HasSubstr("Invalid function code to KVCCOMM: inits"));
+}
+
+TEST(FrontEndCodes, RequestItemHoldsWordSenderAndAttributes) {
+  const char* attributes[kvc::kAnchorAttributes] = {"DBNAME", nullptr, "DBSIZE"};
+  const std::vector<char> item = kvc::BuildRequestItem("KZQDBD", "AGT", attributes);
+  // word 6 + sender 3 + 6 + (6 + 1) + (6 + 1)
+  ASSERT_EQ(item.size(), 29u);
+  uint16_t total, word;
+  memcpy(&total, item.data(), 2);
+  memcpy(&word, item.data() + 2, 2);
+  EXPECT_EQ(total, 29);
+  EXPECT_EQ(word, 6);
+  EXPECT_EQ(std::string(item.data() + 4, 6), "KZQDBD");
+  EXPECT_STREQ(item.data() + 10, "AGT");
+  EXPECT_STREQ(item.data() + 14, "DBNAME");
+  EXPECT_STREQ(item.data() + 21, "DBSIZE");
+  EXPECT_EQ(item.back(), '\0');
+}
+
+TEST_F(Channel, GetFillsThePipeEntryWithTheCollectorsRows) {
+  auto peer = StartPeer({"serve", "3", "240", "1"});
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
+  ASSERT_NE(anchor, nullptr);
+  auto* pipes = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, "KZQJOBS"));
+  ASSERT_NE(pipes, nullptr) << anchor->error_text;
+  EXPECT_EQ(anchor->error_code, 0u);
+  EXPECT_EQ(pipes->word, "KZQJOBS");
+  EXPECT_EQ(pipes->next, nullptr);
+  EXPECT_EQ(pipes->numrow, 3);
+  EXPECT_EQ(pipes->lenrow, 240);
+  EXPECT_EQ(std::string(pipes->rows, 720), kzq_test::PatternBytes(720));
+  EXPECT_EQ(peer->Wait(), 0);
+  KVCCOMM("term", anchor);
+}
+
+TEST_F(Channel, GetWithoutACollectorReportsTheTimeOut) {
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
+  EXPECT_EQ(KVCCOMM("get", anchor, "  KZQSRVR, KZQDBS"), nullptr);
+  EXPECT_EQ(anchor->error_code, 20u);
+  EXPECT_STREQ(anchor->error_text, "Share memory time out");
+  EXPECT_EQ(anchor->detail_code[0], kvc::kCommTimeout);
+  EXPECT_EQ(anchor->detail_text[0], "SendRequest");  // the second word found the area still full
+  EXPECT_EQ(anchor->detail_text[1], "KZQDBS");
+  // One entry per word, leading blanks and commas skipped.
+  ASSERT_NE(anchor->pipes, nullptr);
+  EXPECT_EQ(anchor->pipes->word, "KZQSRVR");
+  ASSERT_NE(anchor->pipes->next, nullptr);
+  EXPECT_EQ(anchor->pipes->next->word, "KZQDBS");
+  KVCCOMM("term", anchor);
+  // Nobody took the request: drain it so the next test starts clean.
+  kvc::RequestEndpoint()->Reset(kvc::kRequestArea);
+}
+
+TEST_F(Channel, PutOnAnAgentAnchorIsRefused) {
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
+  EXPECT_EQ(KVCCOMM("put", anchor), nullptr);
+  EXPECT_EQ(anchor->error_code, 4u);
+  EXPECT_STREQ(anchor->error_text, "Invalid request type f");  // texts are cut to 22 characters
+  KVCCOMM("term", anchor);
 }
 
 }  // namespace

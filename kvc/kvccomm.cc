@@ -1,0 +1,115 @@
+#include "kvc/kvccomm.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdlib>
+#include <string>
+
+#include "kvc/kvccomm2.h"
+#include "kvc/kvccomob.h"
+#include "kvc/kvcutil.h"
+#include "platform/clock.h"
+#include "platform/environment.h"
+
+namespace kvc {
+namespace {
+
+constexpr int kBusyTries = 30;
+constexpr uint32_t kBusySleepMs = 1000;
+constexpr int kExitNoChannel = 8;
+
+// The code that is running, 0 when idle. Atomic so that the check is free
+// of data races; the wait stays bounded and may still give up, as before.
+std::atomic<int> g_busy{0};
+
+// IPC mode: shared memory unless COLL_USESHM says otherwise.
+bool SharedMemoryMode() {
+  const auto mode = platform::GetEnv("COLL_USESHM");
+  return !mode.has_value() || (*mode)[0] == '1';
+}
+
+void WaitUntilIdle(int code) {
+  const int running = g_busy.load();
+  if (running == 0) return;
+  Log('i', "com0010", "kvccomm locked... entering wait (%d,%d)\n", running, code);
+  for (int tries = 1; tries <= kBusyTries && g_busy.load() != 0; ++tries) {
+    platform::SleepMillis(kBusySleepMs);
+    Log('i', "com0012", "kvccomm locked... still waiting (%d)\n", tries);
+  }
+}
+
+void* Dispatch(int code, const char* word, va_list args) {
+  switch (code) {
+    case kCodeInit:
+      return NewAnchor('P');
+    case kCodeInitCollector:
+      return NewAnchor('C');
+    case kCodeGet: {
+      auto* anchor = va_arg(args, IpcAnchor*);
+      const char* text = va_arg(args, const char*);
+      if (anchor == nullptr) {
+        Log('e', "com2100", "Missing IPC anchor for get request.\n");
+        return nullptr;
+      }
+      return GetRequestOn(anchor, text == nullptr ? "" : text);
+    }
+    case kCodePut: {
+      auto* anchor = va_arg(args, IpcAnchor*);
+      if (anchor == nullptr) {
+        Log('e', "com2100", "Missing IPC anchor for put request.\n");
+        return nullptr;
+      }
+      return PutRequestOn(anchor);
+    }
+    case kCodeTerm:
+      FreeAnchor(va_arg(args, IpcAnchor*));
+      return nullptr;
+    case kCodeShut:
+      if (SharedMemoryMode()) DestroyShareMemory();
+      return nullptr;
+    case kCodeInitShareMemory: {
+      if (!SharedMemoryMode()) return nullptr;
+      std::string first, second;
+      ChannelPrefixNames(&first, &second);
+      if (InitShareMemory(first.c_str(), second.c_str()) != 0) {
+        Log('e', "com31400", "could not establish shared memory, quitting\n");
+        exit(kExitNoChannel);
+      }
+      return nullptr;
+    }
+    default:
+      Log('e', "com2100", "Invalid function code to KVCCOMM2: %s\n", word);
+      return nullptr;
+  }
+}
+
+}  // namespace
+}  // namespace kvc
+
+void* KVCCOMM(const char* code_word, ...) {
+  using namespace kvc;
+  const int code = code_word == nullptr ? 0 : FunctionCodeOf(code_word);
+  if (code == 0) {
+    Log('e', "com0100", "Invalid function code to KVCCOMM: %s\n", code_word ? code_word : "");
+    return nullptr;
+  }
+  va_list args;
+  va_start(args, code_word);
+  void* result = nullptr;
+  if (code == kCodeShut) {
+    // Shutting down never waits for a running call.
+    result = Dispatch(code, code_word, args);
+    g_busy.store(0);
+  } else {
+    WaitUntilIdle(code);
+    g_busy.store(code);
+    // With another IPC mode the call does nothing, and the busy word stays
+    // set on purpose: later calls go through the full bounded wait.
+    if (SharedMemoryMode()) {
+      result = Dispatch(code, code_word, args);
+      g_busy.store(0);
+    }
+  }
+  va_end(args);
+  return result;
+}
