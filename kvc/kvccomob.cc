@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kvc/kvcntsec.h"
 #include "kvc/kvcopts.h"
 #include "kvc/kvcstr.h"
 #include "kvc/kvcutil.h"
@@ -334,6 +335,13 @@ std::vector<std::string> ChannelObjectNames(const std::string& prefix) {
 
 int CreateObjects(const std::string& prefix) {
   Channel& c = TheChannel();
+  if (!c.console) {
+    platform::SecurityDescriptor* open = nullptr;
+    if (CreateOpenDescriptor(&open) != 0) {
+      Log('e', "ntp0100", "Error: Unable to create security descriptor.\n");
+      return 0;
+    }
+  }
   const platform::ObjectAccess access = c.console ? platform::ObjectAccess::kDefault : platform::ObjectAccess::kOpen;
   c.request = std::make_unique<ShareCommObject>(kRequestArea, access, area::kRequestSize, prefix + "KVCReqShm",
                                                 prefix + "KVCReqSem", nullptr);

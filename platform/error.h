@@ -18,5 +18,6 @@ inline constexpr int kErrAlreadyExists = 183;
 inline constexpr int kErrTimeout = 258;  // WAIT_TIMEOUT
 inline constexpr int kErrTooManyPosts = 298;
 inline constexpr int kErrGeneric = 31;  // ERROR_GEN_FAILURE
+inline constexpr int kErrNoneMapped = 1332;  // no such account
 
 }  // namespace platform
