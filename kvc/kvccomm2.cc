@@ -252,14 +252,14 @@ PipeList* GetRequestOn(IpcAnchor* anchor, const char* request_text) {
   SetError(anchor, kAnchorOk, "");
   if (Debug().full_debug) Log('t', "com2010", "get_request() %8s %s\n", anchor->current_request.c_str(), "AGT");
   if (anchor->kind == 'C') {
-    Log('t', "ush0400", "Entering: get_probe_reqs\n");
+    if (Debug().debug) Log('t', "ush0400", "Entering: get_probe_reqs\n");
     FreePipeList(anchor->pipes);
     anchor->pipes = nullptr;
     std::string name, unique, statement;
     std::vector<std::string> attributes;
     const int rc = RequestEndpoint()->GetRequest(&name, &unique, &attributes, &statement, Clock().wait_seconds);
     if (rc != kCommOk) {
-      if (rc == kCommTimeout) Log('t', "ush0410", "Call get_probe_reqs: No request\n");
+      if (rc == kCommTimeout && Debug().debug) Log('t', "ush0410", "Call get_probe_reqs: No request\n");
       return nullptr;
     }
     std::vector<const char*> names;

@@ -1,0 +1,58 @@
+#include "collector/collector_loop.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "kvc/kvccomm.h"
+#include "kvc/kvcutil.h"
+#include "kzq/catalogue.h"
+#include "platform/environment.h"
+#include "platform/file_system.h"
+#include "platform/process.h"
+
+namespace collector {
+
+void Answer(kvc::PipeList* entry, RowSource& source) {
+  if (entry->word == kHeartbeatRequest) {
+    kvc::SetPipeRows(entry, 1, static_cast<int32_t>(strlen(kHeartbeatHealthy)), kHeartbeatHealthy);
+    return;
+  }
+  const kzq::TableSpec* table = kzq::FindTable(entry->word);
+  if (table == nullptr) {
+    kvc::Log('w', "col0010", "No table named %s: answering with no rows\n", entry->word.c_str());
+    kvc::SetPipeRows(entry, 0, 0, nullptr);
+    return;
+  }
+  std::string rows;
+  const int32_t count = source.Rows(*table, &rows);
+  kvc::SetPipeRows(entry, count, CollectorRowLength(*table), rows.data());
+}
+
+int Serve(RowSource& source, int requests) {
+  KVCCOMM("initsm");
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("initc"));
+  if (anchor == nullptr) return 1;
+  for (int served = 0; requests == 0 || served < requests;) {
+    auto* entry = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, ""));
+    if (entry == nullptr) continue;  // no request within the wait, or one discarded as late
+    Answer(entry, source);
+    if (KVCCOMM("put", anchor) == nullptr)
+      kvc::Log('e', "col0020", "Answer to %s not delivered: %s\n", anchor->last_unique.c_str(), anchor->error_text);
+    ++served;
+  }
+  KVCCOMM("term", anchor);
+  return 0;
+}
+
+std::string WritePidFile() {
+  const std::string number = platform::GetEnv("COLL_SERVICENUMBER").value_or("1");
+  const std::string path =
+      platform::RuntimeDirectory() + platform::PathSeparator() + "KZQCOLL" + number + ".pid";
+  FILE* file = fopen(path.c_str(), "w");
+  if (file == nullptr) return {};
+  fprintf(file, "%u\n", platform::CurrentProcessId());
+  fclose(file);
+  return path;
+}
+
+}  // namespace collector

@@ -1,0 +1,28 @@
+// The collector's service loop: take each request from the channel and
+// answer it from the row source.
+#pragma once
+
+#include <string>
+
+#include "collector/row_source.h"
+#include "kvc/kvccomm2.h"
+
+namespace collector {
+
+// The heartbeat request and its answer: two numbers, both 1 when healthy.
+inline constexpr const char* kHeartbeatRequest = "HART4";
+inline constexpr const char* kHeartbeatHealthy = "1 1";
+
+// Fills the anchor's request entry with the answer to its word.
+void Answer(kvc::PipeList* entry, RowSource& source);
+
+// Answers requests until `requests` have been served (0: for ever).
+// Returns 0, or 1 when the channel could not be opened.
+int Serve(RowSource& source, int requests);
+
+// Writes this process's id to <runtime dir>/KZQCOLL<COLL_SERVICENUMBER>.pid,
+// where the agent's service probe looks. Returns the path, or "" when it
+// cannot be written.
+std::string WritePidFile();
+
+}  // namespace collector

@@ -1,0 +1,25 @@
+// Where the collector's rows come from. A source answers a table with rows
+// in the table's collector layout: the row from SERVERID to its end.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "kzq/catalogue.h"
+
+namespace collector {
+
+class RowSource {
+ public:
+  virtual ~RowSource() = default;
+  // Appends the table's rows to *bytes and returns how many; 0 when the
+  // source has none for it.
+  virtual int32_t Rows(const kzq::TableSpec& table, std::string* bytes) = 0;
+};
+
+// Bytes of one collector row of `table`.
+inline int CollectorRowLength(const kzq::TableSpec& table) {
+  return table.row_size - table.CollectorOffset();
+}
+
+}  // namespace collector
