@@ -69,25 +69,33 @@ uint32_t Millis(int timeout_seconds) {
 
 int32_t AreaNow() { return static_cast<int32_t>(platform::NowUnixSeconds() & 0xFFFFFFFF); }
 
+KVCDataObject::KVCDataObject() : created_(static_cast<time_t>(platform::NowUnixSeconds())) {}
+
+int KVCShareMemory::Open(const std::string& name, size_t size, platform::ObjectAccess access) {
+  int error = 0;
+  area_ = platform::OpenSharedArea(name, size, access, &error);
+  existed_ = area_ != nullptr && error == platform::kErrAlreadyExists;
+  return area_ != nullptr ? 0 : error;
+}
+
 ShareCommObject::ShareCommObject(AreaKind kind, platform::ObjectAccess access, size_t size,
                                  const std::string& area_name, const std::string& semaphore_stem,
                                  unsigned char* request_view)
     : kind_(kind), request_view_(request_view) {
-  int error = 0;
-  area_ = platform::OpenSharedArea(area_name, size, access, &error);
-  if (area_ == nullptr) {
+  int error = memory_.Open(area_name, size, access);
+  if (error != 0) {
     Log('e', "nsh0001", "Failed to create file map, error# %d\n", error);
     return;
   }
-  existed_ = error == platform::kErrAlreadyExists;
-  view_ = area_->Address();
+  const bool existed = memory_.Existed();
+  view_ = memory_.View();
   avail_ = platform::OpenNamedSemaphore(semaphore_stem + "Avail", 1, access, &error);
   if (avail_ == nullptr) Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
   fill_ = platform::OpenNamedSemaphore(semaphore_stem + "Fill", 0, access, &error);
   if (fill_ == nullptr) Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
   if (kind_ == kRequestArea) {
     request_view_ = view_;
-    if (!existed_) {
+    if (!existed) {
       WriteInt(view_, area::kReqTimeout, area::kRequestTimeoutSeconds);
       WriteInt(view_, area::kReqReadIndex, 0);
       WriteInt(view_, area::kReqWriteIndex, 0);
@@ -96,7 +104,7 @@ ShareCommObject::ShareCommObject(AreaKind kind, platform::ObjectAccess access, s
     return;
   }
   WriteInt(view_, area::kDataReaderFinished, 1);
-  if (!existed_) {
+  if (!existed) {
     WriteInt(view_, area::kDataReadIndex, 0);
     WriteInt(view_, area::kDataWriteIndex, 0);
     if (request_view_ != nullptr) WriteInt(request_view_, area::kReqDataPending, AreaNow());
@@ -105,7 +113,7 @@ ShareCommObject::ShareCommObject(AreaKind kind, platform::ObjectAccess access, s
 
 ShareCommObject::~ShareCommObject() = default;
 
-bool ShareCommObject::IsValid() const { return area_ != nullptr && avail_ != nullptr && fill_ != nullptr; }
+bool ShareCommObject::IsValid() const { return memory_.IsOpen() && avail_ != nullptr && fill_ != nullptr; }
 
 int ShareCommObject::WaitOn(platform::Semaphore* semaphore, int timeout) {
   const int rc = semaphore->Wait(Millis(timeout));
@@ -311,6 +319,73 @@ void ShareCommObject::Reset(int) {
   } else if (drained != platform::kOk) {
     Log('e', "nlk0003", "Acquire semaphore failed, error# %d\n", drained);
   }
+}
+
+int KVCThreadCommObject::SendRequest(const char* name, const std::vector<std::string>& attributes,
+                                     std::string* unique, const char* statement, int) {
+  KVCRequest request;
+  request.name = name;
+  request.unique = NewUniqueName(name);
+  request.statement = statement != nullptr ? statement : "";
+  request.attributes = attributes;
+  *unique = request.unique;
+  request_lock_.Acquire();
+  requests_.push_back(std::move(request));
+  request_lock_.Release();
+  return kCommOk;
+}
+
+int KVCThreadCommObject::GetRequest(std::string* name, std::string* unique, std::vector<std::string>* attributes,
+                                    std::string* statement, int timeout) {
+  if (Verbose() || DebugOn()) Log('t', "ush0100", "GetRequest, timeout=%d\n", timeout);
+  request_lock_.Acquire();
+  if (requests_.empty()) {
+    request_lock_.Release();
+    unique->clear();
+    return kCommFailed;
+  }
+  KVCRequest request = std::move(requests_.front());
+  requests_.pop_front();
+  request_lock_.Release();
+  *name = request.name;
+  *unique = request.unique;
+  *attributes = request.attributes;
+  *statement = request.statement;
+  if (Verbose() || DebugOn()) Log('t', "ush0110", "Leaving GetRequest\n");
+  return kCommOk;
+}
+
+int KVCThreadCommObject::SendData(const char* unique, int32_t rows, int32_t length, const char* bytes, int) {
+  if ((Verbose() || DebugOn()) && (unique == nullptr || *unique == '\0')) {
+    Log('e', "tsh0001", "Unique name is not supplied\n");
+    return kCommFailed;
+  }
+  KVCDataRow answer;
+  answer.unique = unique != nullptr ? unique : "";
+  answer.numrow = rows;
+  answer.lenrow = length;
+  if (rows >= 1 && length > 0) answer.rows.assign(bytes, static_cast<size_t>(rows) * static_cast<size_t>(length));
+  data_lock_.Acquire();
+  answers_.push_back(std::move(answer));
+  data_lock_.Release();
+  return kCommOk;
+}
+
+int KVCThreadCommObject::GetData(const char*, std::string* unique, int32_t* rows, int32_t* length,
+                                 std::string* bytes, int) {
+  data_lock_.Acquire();
+  if (answers_.empty()) {
+    data_lock_.Release();
+    return kCommTimeout;
+  }
+  KVCDataRow answer = std::move(answers_.front());
+  answers_.pop_front();
+  data_lock_.Release();
+  *unique = answer.unique;
+  *rows = answer.numrow;
+  *length = answer.lenrow;
+  *bytes = answer.numrow >= 1 ? std::move(answer.rows) : std::string(area::kEmptyAnswer);
+  return kCommOk;
 }
 
 namespace {

@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -68,13 +70,63 @@ inline constexpr const char* kEmptyAnswer = "NONE";
 // Seconds since 1970, low 32 bits, as the areas hold them.
 int32_t AreaNow();
 
-// One request as it travels.
-struct KVCRequest {
-  time_t created = 0;
+// Items that travel through a channel; they know when they were made.
+class KVCDataObject {
+ public:
+  KVCDataObject();
+  virtual ~KVCDataObject() = default;
+  time_t Created() const { return created_; }
+
+ private:
+  time_t created_;
+};
+
+class KVCRequest : public KVCDataObject {
+ public:
   std::string name;
   std::string unique;
-  std::string statement;
+  std::string statement;  // empty when none
   std::vector<std::string> attributes;
+};
+
+class KVCDataRow : public KVCDataObject {
+ public:
+  std::string unique;
+  std::string rows;  // filled only when numrow is at least 1
+  int32_t numrow = 0;
+  int32_t lenrow = 0;
+};
+
+// The named mapping behind a shared endpoint: created, or opened when it
+// exists already, and mapped whole.
+class KVCShareMemory {
+ public:
+  // 0, or the OS error with the mapping left closed.
+  int Open(const std::string& name, size_t size, platform::ObjectAccess access);
+  unsigned char* View() const { return area_ ? area_->Address() : nullptr; }
+  bool Existed() const { return existed_; }
+  bool IsOpen() const { return area_ != nullptr; }
+
+ private:
+  std::unique_ptr<platform::SharedArea> area_;
+  bool existed_ = false;
+};
+
+// Locks of the in-process channel.
+class KVCLockObject {
+ public:
+  virtual ~KVCLockObject() = default;
+  virtual void Acquire() = 0;
+  virtual void Release() = 0;
+};
+
+class KVCThreadLockObject final : public KVCLockObject {
+ public:
+  void Acquire() override { mutex_.lock(); }
+  void Release() override { mutex_.unlock(); }
+
+ private:
+  std::mutex mutex_;
 };
 
 class KVCCommObject {
@@ -119,7 +171,7 @@ class ShareCommObject final : public KVCCommObject {
   void Reset(int kind) override;
 
   unsigned char* View() const { return view_; }
-  bool Existed() const { return existed_; }
+  bool Existed() const { return memory_.Existed(); }
 
  private:
   int ReleaseFill(int kind, const char* failure_id, const char* failure_text);
@@ -127,12 +179,32 @@ class ShareCommObject final : public KVCCommObject {
   bool CleanStaleData();
 
   const AreaKind kind_;
-  std::unique_ptr<platform::SharedArea> area_;
+  KVCShareMemory memory_;
   unsigned char* view_ = nullptr;
-  bool existed_ = false;
   unsigned char* request_view_;  // the request area, for the data endpoint's time checks
   std::unique_ptr<platform::Semaphore> avail_;
   std::unique_ptr<platform::Semaphore> fill_;
+};
+
+// The in-process variant: requests and answers pass through lists.
+class KVCThreadCommObject final : public KVCCommObject {
+ public:
+  bool IsValid() const override { return true; }
+  int SendRequest(const char* name, const std::vector<std::string>& attributes, std::string* unique,
+                  const char* statement, int timeout) override;
+  int GetRequest(std::string* name, std::string* unique, std::vector<std::string>* attributes,
+                 std::string* statement, int timeout) override;
+  int SendData(const char* unique, int32_t rows, int32_t length, const char* bytes, int timeout) override;
+  // Takes the oldest answer; -10 when none is there.
+  int GetData(const char* expected_unique, std::string* unique, int32_t* rows, int32_t* length,
+              std::string* bytes, int timeout) override;
+  void Reset(int) override {}
+
+ private:
+  KVCThreadLockObject request_lock_;
+  KVCThreadLockObject data_lock_;
+  std::deque<KVCRequest> requests_;
+  std::deque<KVCDataRow> answers_;
 };
 
 // The process's channel: one request endpoint and one data endpoint.

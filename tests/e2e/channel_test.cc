@@ -157,56 +157,25 @@ TEST_F(Channel, RequestReadTooLateIsDiscarded) {
 }
 
 TEST_F(Channel, CollectorDyingMidAnswerTimesOutThenTheNextRequestWorks) {
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
   auto dying = StartPeer({"die", "5", "99000"});
-  std::string bytes, unique;
-  int32_t rows = 0, length = 0;
-  EXPECT_EQ(RoundTrip(&bytes, &rows, &length, &unique, {}, 2), kvc::kCommTimeout);
+  EXPECT_EQ(KVCCOMM("get", anchor, "KZQSRVRE"), nullptr);
+  EXPECT_EQ(anchor->error_code, 20u);
   EXPECT_EQ(dying->Wait(), 9);
 
   // The half-written block goes stale after a second; the next collector's
-  // cleaner discards it and the exchange works again.
+  // cleaner discards it and the next request works again.
   platform::SetEnv("COLL_DATA_STALE_SECONDS", "1");
   platform::SleepMillis(2100);
   auto fresh = StartPeer({"answer", "2", "100"});
   platform::SetEnv("COLL_DATA_STALE_SECONDS", "");
-  std::string unique_back;
-  int rc = RoundTrip(&bytes, &rows, &length, &unique_back);
-  // A chunk the dead collector left posted may come first, under its name.
-  while (rc == 0 && unique_back != sent_unique_)
-    rc = kvc::DataEndpoint()->GetData(sent_unique_.c_str(), &unique_back, &rows, &length, &bytes, 20);
-  ASSERT_EQ(rc, 0);
+  auto* pipes = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, "KZQSRVRE"));
+  ASSERT_NE(pipes, nullptr) << anchor->error_text;
+  EXPECT_EQ(anchor->error_code, 0u);
   EXPECT_EQ(fresh->Wait(), 0);
-  EXPECT_EQ(rows, 2);
-  EXPECT_EQ(bytes, kzq_test::PatternBytes(200));
-}
-
-TEST(FrontEndCodes, WordsMatchInAnyCaseAndUnknownOnesAreRefused) {
-  EXPECT_EQ(kvc::FunctionCodeOf("INIT"), kvc::kCodeInit);
-  EXPECT_EQ(kvc::FunctionCodeOf("init"), kvc::kCodeInit);
-  EXPECT_EQ(kvc::FunctionCodeOf("InitSM"), kvc::kCodeInitShareMemory);
-  EXPECT_EQ(kvc::FunctionCodeOf("inits"), 0);
-  EXPECT_EQ(kvc::FunctionCodeOf("ini"), 0);
-  kzq_test::LogCapture log;
-  EXPECT_EQ(KVCCOMM("inits"), nullptr);
-  EXPECT_THAT(log.Text(), HasSubstr("COM0100E"));
-  EXPECT_THAT(log.Text(), HasSubstr("Invalid function code to KVCCOMM: inits"));
-}
-
-TEST(FrontEndCodes, RequestItemHoldsWordSenderAndAttributes) {
-  const char* attributes[kvc::kAnchorAttributes] = {"DBNAME", nullptr, "DBSIZE"};
-  const std::vector<char> item = kvc::BuildRequestItem("KZQDBD", "AGT", attributes);
-  // word 6 + sender 3 + 6 + (6 + 1) + (6 + 1)
-  ASSERT_EQ(item.size(), 29u);
-  uint16_t total, word;
-  memcpy(&total, item.data(), 2);
-  memcpy(&word, item.data() + 2, 2);
-  EXPECT_EQ(total, 29);
-  EXPECT_EQ(word, 6);
-  EXPECT_EQ(std::string(item.data() + 4, 6), "KZQDBD");
-  EXPECT_STREQ(item.data() + 10, "AGT");
-  EXPECT_STREQ(item.data() + 14, "DBNAME");
-  EXPECT_STREQ(item.data() + 21, "DBSIZE");
-  EXPECT_EQ(item.back(), '\0');
+  ASSERT_EQ(pipes->numrow, 2);
+  EXPECT_EQ(std::string(pipes->rows, 200), kzq_test::PatternBytes(200));
+  KVCCOMM("term", anchor);
 }
 
 TEST_F(Channel, GetFillsThePipeEntryWithTheCollectorsRows) {
