@@ -15,18 +15,14 @@
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
 #include "tests/e2e/channel_pattern.h"
+#include "tests/support/binaries.h"
 #include "tests/support/log_capture.h"
 
 namespace {
 
 using testing::HasSubstr;
 
-std::string PeerPath() {
-  const std::string self = platform::ExecutablePath();
-  const size_t slash = self.find_last_of("\\/");
-  const bool exe = self.size() > 4 && self.compare(self.size() - 4, 4, ".exe") == 0;
-  return self.substr(0, slash + 1) + "kvc_channel_peer" + (exe ? ".exe" : "");
-}
+std::string PeerPath() { return kzq_test::BuiltProgram("tests", "kvc_channel_peer"); }
 
 // The agent side of the channel, opened under a prefix of this process;
 // each test talks to a fresh collector process.

@@ -15,18 +15,11 @@
 #include "platform/process.h"
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
+#include "tests/support/binaries.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
-std::string BinaryBeside(const char* name) {
-  const std::string self = platform::ExecutablePath();
-  const size_t slash = self.find_last_of("\\/");
-  const bool exe = self.size() > 4 && self.compare(self.size() - 4, 4, ".exe") == 0;
-  // The collector is built in collector/, a sibling of tests/.
-  const std::string build = self.substr(0, self.substr(0, slash).find_last_of("\\/") + 1);
-  return build + "collector" + self[slash] + name + (exe ? ".exe" : "");
-}
 
 // The agent side against a real kzqcoll replaying rows.
 class Collector : public testing::Test {
@@ -42,7 +35,7 @@ class Collector : public testing::Test {
                         "{\"SERVERID\": \"SQL7\", \"DBNAME\": \"tempdb\", \"DBSIZE\": 64}\n");
     KVCCOMM("initsm");
     int error = 0;
-    collector_ = platform::StartProcess({BinaryBeside("kzqcoll"), "--replay", replay_.Path()}, &error);
+    collector_ = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()}, &error);
     ASSERT_NE(collector_, nullptr) << error;
     anchor_ = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
     prefix_ = first + "_7";

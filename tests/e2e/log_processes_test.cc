@@ -11,6 +11,7 @@
 #include "platform/environment.h"
 #include "platform/file_system.h"
 #include "platform/process.h"
+#include "tests/support/binaries.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -18,12 +19,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-std::string WriterPath() {
-  std::string self = platform::ExecutablePath();
-  const size_t slash = self.find_last_of("\\/");
-  const std::string exe = self.size() > 4 && self.compare(self.size() - 4, 4, ".exe") == 0 ? ".exe" : "";
-  return self.substr(0, slash + 1) + "kvc_log_writer" + exe;
-}
+std::string WriterPath() { return kzq_test::BuiltProgram("tests", "kvc_log_writer"); }
 
 bool WaitForFile(const std::string& path, uint32_t timeout_ms) {
   const uint64_t deadline = platform::MonotonicMillis() + timeout_ms;
