@@ -7,6 +7,7 @@
 
 #include "kvc/kvccomm2.h"
 #include "kvc/kvccomob.h"
+#include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -24,8 +25,9 @@ std::atomic<int> g_busy{0};
 
 // IPC mode: shared memory unless COLL_USESHM says otherwise.
 bool SharedMemoryMode() {
-  const auto mode = platform::GetEnv("COLL_USESHM");
-  return !mode.has_value() || (*mode)[0] == '1';
+  AgentConfig& config = TheAgentConfig();
+  ReadAgentEnvironment(config);
+  return config.useShm == nullptr || config.useShm[0] == '1';
 }
 
 void WaitUntilIdle(int code) {

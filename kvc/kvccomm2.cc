@@ -8,6 +8,7 @@
 #include <new>
 
 #include "kvc/kvccomob.h"
+#include "kvc/kvcenv.h"
 #include "kvc/kvcopts.h"
 #include "kvc/kvcutil.h"
 #include "platform/clock.h"
@@ -159,9 +160,10 @@ bool ReceiveAll(IpcAnchor* anchor, time_t started) {
 int ChannelWaitSeconds() { return Clock().wait_seconds; }
 
 void ChannelPrefixNames(std::string* first, std::string* second) {
-  const auto version = platform::GetEnv("COLL_VERSION");
-  *first = version.has_value() && !version->empty() ? *version : "kvc";
-  *second = platform::GetEnv("COLL_SERVERID").value_or("");
+  AgentConfig& config = TheAgentConfig();
+  ReadAgentEnvironment(config);
+  *first = config.version;
+  *second = config.serverId != nullptr ? config.serverId : "";
 }
 
 int FunctionCodeOf(const char* word) {

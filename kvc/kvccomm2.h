@@ -86,8 +86,8 @@ std::vector<char> BuildRequestItem(const std::string& word, const char* sender,
 // The channel wait value in seconds, read once by the first anchor.
 int ChannelWaitSeconds();
 
-// The shared-object prefix of this server: COLL_VERSION ("kvc" when unset)
-// and COLL_SERVERID, as "<version>_<serverid>".
+// The two parts of this server's shared-object prefix, "<first>_<second>":
+// the configured version (COLL_VERSION, "kvc" when unset) and server id.
 void ChannelPrefixNames(std::string* first, std::string* second);
 
 }  // namespace kvc

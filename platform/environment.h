@@ -17,4 +17,15 @@ std::optional<std::string> GetEnv(const char* name);
 // child processes. Returns false when the environment refused it.
 bool SetEnv(const char* name, const std::string& value);
 
+// Exports a "NAME=value" text. POSIX keeps `pair` itself in the
+// environment, Windows a copy; either way the caller never frees it.
+bool PutEnvPair(char* pair);
+
+// The working directory; empty when the OS will not say (*error set).
+std::string CurrentDirectory(int* error);
+
+// Where temporary files go when TEMP is not set: the system drive's root
+// on Windows ("C:\"), TMPDIR or /tmp on POSIX.
+std::string FallbackTempDirectory();
+
 }  // namespace platform

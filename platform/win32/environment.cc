@@ -1,5 +1,7 @@
 #include "platform/environment.h"
 
+#include <windows.h>
+
 #include <cstdlib>
 
 namespace platform {
@@ -14,6 +16,24 @@ std::optional<std::string> GetEnv(const char* name) {
 // (children); an empty value removes the variable.
 bool SetEnv(const char* name, const std::string& value) {
   return _putenv_s(name, value.c_str()) == 0;
+}
+
+bool PutEnvPair(char* pair) { return _putenv(pair) == 0; }
+
+std::string CurrentDirectory(int* error) {
+  char path[MAX_PATH + 1];
+  const DWORD n = GetCurrentDirectoryA(sizeof path, path);
+  if (n == 0 || n >= sizeof path) {
+    *error = static_cast<int>(GetLastError());
+    return {};
+  }
+  *error = 0;
+  return std::string(path, n);
+}
+
+std::string FallbackTempDirectory() {
+  const char* drive = getenv("SystemDrive");
+  return std::string(drive != nullptr ? drive : "") + "\\";
 }
 
 }  // namespace platform
