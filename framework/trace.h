@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
 
 #include "kvc/kvcutil.h"  // KVC_PRINTF
 
@@ -18,9 +19,14 @@ inline constexpr int kTraceDetail = 0x4;
 int TraceLevel();
 void SetTraceLevel(int level);
 
-// Where trace lines go; null restores standard error. The stream stays
-// owned by the caller.
+// Where trace lines go; null restores the rolling trace file, or standard
+// error when there is none. The stream stays owned by the caller.
 void SetTraceStream(FILE* stream);
+
+// Sets the level from KPB_TRC1 and, when KPB_TRC1_LOG names a file, sends
+// trace lines to its rolling files, with `task` as the program's name.
+// Returns the first file's path, or "" when tracing goes to stderr.
+std::string StartTraceFromEnvironment(const std::string& task);
 
 }  // namespace framework
 

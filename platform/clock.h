@@ -30,6 +30,9 @@ int64_t NowUnixSeconds();
 // Returns false when the moment cannot be represented.
 bool ToLocal(int64_t unix_seconds, LocalTime* out);
 
+// The UTC calendar time of a moment; false when it cannot be represented.
+bool ToUtc(int64_t unix_seconds, LocalTime* out);
+
 // The moment of a local time (fields normalised as mktime does; weekday and
 // yearday are ignored on input and filled on output). -1 when the time
 // cannot be represented.

@@ -26,6 +26,14 @@ bool ToLocal(int64_t unix_seconds, LocalTime* out) {
   return true;
 }
 
+bool ToUtc(int64_t unix_seconds, LocalTime* out) {
+  time_t t = static_cast<time_t>(unix_seconds);
+  std::tm tm{};
+  if (gmtime_r(&t, &tm) == nullptr) return false;
+  *out = FromTm(tm, 0);
+  return true;
+}
+
 int64_t FromLocal(LocalTime* local) {
   std::tm tm = common::ToTm(*local);
   const time_t t = mktime(&tm);

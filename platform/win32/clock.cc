@@ -38,6 +38,14 @@ bool ToLocal(int64_t unix_seconds, LocalTime* out) {
   return true;
 }
 
+bool ToUtc(int64_t unix_seconds, LocalTime* out) {
+  __time64_t t = unix_seconds;
+  std::tm tm{};
+  if (_gmtime64_s(&tm, &t) != 0) return false;
+  *out = FromTm(tm, 0);
+  return true;
+}
+
 int64_t FromLocal(LocalTime* local) {
   std::tm tm = common::ToTm(*local);
   const __time64_t t = _mktime64(&tm);

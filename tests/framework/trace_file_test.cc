@@ -1,0 +1,97 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "framework/trace.h"
+#include "framework/trace_file.h"
+#include "platform/environment.h"
+#include "platform/file_system.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+bool Exists(const std::string& path) {
+  platform::FileStatus st;
+  return platform::StatPath(path, &st) == 0;
+}
+
+TEST(TraceLogSpec, ReadsTheNamesAndLimitsOfTheSetting) {
+  const auto spec = framework::ParseTraceLogSpec(
+      "\"C:\\Program Files\\logs\\a_$(systask)_$(sysutcstart)-.log\" INVENTORY=\"C:\\Program Files\\logs\\a.inv\" "
+      "COUNT=03 PRESERVE=0 LIMIT=2 MAXFILES=4");
+  ASSERT_TRUE(spec.has_value());
+  EXPECT_EQ(spec->file, "C:\\Program Files\\logs\\a_$(systask)_$(sysutcstart)-.log");
+  EXPECT_EQ(spec->inventory, "C:\\Program Files\\logs\\a.inv");
+  EXPECT_EQ(spec->count, 3);
+  EXPECT_EQ(spec->limit_bytes, 2 << 20);
+  EXPECT_EQ(spec->maxfiles, 4);
+  // An empty LIMIT= keeps the facility's own default.
+  EXPECT_EQ(framework::ParseTraceLogSpec("t-.log LIMIT= COUNT=x")->limit_bytes, 1 << 20);
+  EXPECT_FALSE(framework::ParseTraceLogSpec("INVENTORY=only.inv").has_value());
+  EXPECT_EQ(framework::ExpandTraceVariables("k_$(systask)_$(sysutcstart)-.log", "$", "kzqagent", "20261123080000"),
+            "k_kzqagent_20261123080000-.log");
+}
+
+TEST(TraceLogSpec, LevelsComeFromTheWordsBeforeTheArrow) {
+  EXPECT_EQ(framework::TraceLevelFromSpec(""), framework::kTraceError);
+  EXPECT_EQ(framework::TraceLevelFromSpec("error (unit:kzq flow)"), framework::kTraceError | framework::kTraceFlow);
+  EXPECT_EQ(framework::TraceLevelFromSpec("ERROR (UNIT:kzq ALL) > c:\\flow.log") & framework::kTraceDetail,
+            framework::kTraceDetail);
+  EXPECT_EQ(framework::TraceLevelFromSpec("ERROR > c:\\FLOWDETAIL.log"), framework::kTraceError);
+}
+
+TEST(RollingTraceFile, FullFilesRollOverAndWrapAfterCount) {
+  kzq_test::TempDir dir;
+  framework::TraceLogSpec spec;
+  spec.file = dir.File("t-.log");
+  spec.count = 2;
+  spec.limit_bytes = 10;
+  framework::RollingTraceFile rolling(spec);
+  ASSERT_TRUE(rolling.Write("12345678", 8));
+  ASSERT_TRUE(rolling.Write("abc", 3));  // would pass 10 bytes: a new file
+  ASSERT_TRUE(rolling.Write("defghijk", 8));  // third file wraps to number 1
+  rolling.Flush();
+  EXPECT_EQ(kzq_test::ReadFile(dir.File("t-2.log")), "abc");
+  EXPECT_EQ(kzq_test::ReadFile(dir.File("t-1.log")), "defghijk");
+}
+
+TEST(RollingTraceFile, InventoryKeepsAtMostMaxFiles) {
+  kzq_test::TempDir dir;
+  framework::TraceLogSpec spec;
+  spec.file = dir.File("run-.log");
+  spec.inventory = dir.File("run.inv");
+  spec.count = 5;
+  spec.limit_bytes = 4;
+  spec.maxfiles = 2;
+  {
+    framework::RollingTraceFile rolling(spec);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(rolling.Write("full", 4));
+  }
+  EXPECT_FALSE(Exists(dir.File("run-1.log")));  // the oldest fell off
+  EXPECT_TRUE(Exists(dir.File("run-2.log")));
+  EXPECT_TRUE(Exists(dir.File("run-3.log")));
+  std::string inventory = kzq_test::ReadFile(dir.File("run.inv"));
+  EXPECT_EQ(inventory, dir.File("run-2.log") + "\n" + dir.File("run-3.log") + "\n");
+}
+
+TEST(RollingTraceFile, TraceLinesReachTheFileTheSettingNames) {
+  kzq_test::TempDir dir;
+  platform::SetEnv("KPB_TRC1", "ERROR (UNIT:kzq FLOW)");
+  platform::SetEnv("KPB_VARPREFIX", "");
+  platform::SetEnv("KPB_TRC1_LOG", dir.File("k_$(systask)_$(sysutcstart)-.log") + " INVENTORY=" +
+                                       dir.File("k.inv") + " COUNT=03 PRESERVE=0 LIMIT=1 MAXFILES=10");
+  const std::string path = framework::StartTraceFromEnvironment("kzqagent");
+  ASSERT_FALSE(path.empty());
+  EXPECT_NE(path.find("k_kzqagent_2"), std::string::npos);
+  EXPECT_EQ(path.substr(path.size() - 6), "-1.log");
+  EXPECT_EQ(framework::TraceLevel(), framework::kTraceError | framework::kTraceFlow);
+  TRC1_Printf("hello %d\n", 42);
+  TRC1_Sync();
+  EXPECT_EQ(kzq_test::ReadFile(path), "hello 42\n");
+  framework::SetTraceLevel(0);
+}
+
+}  // namespace
