@@ -1,0 +1,251 @@
+// Opening, moving, closing and copying: the position an object holds and
+// the codes it gives for each misuse.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "tests/registry/registry_fixture.h"
+
+namespace {
+
+using kzq_test::RegistryTest;
+using platform::kCurrentUser;
+
+class OpenTest : public RegistryTest {};
+
+TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
+  EXPECT_EQ(base_, CurrentPath(r));
+  EXPECT_EQ(CRegistry::kAlreadyOpen, r.Open(nullptr, kCurrentUser, nullptr, false));
+  EXPECT_EQ(base_, CurrentPath(r)) << "a refused Open leaves the position alone";
+}
+
+TEST_F(OpenTest, ConstructorOpensWhenGivenAHive) {
+  CRegistry at_key(nullptr, kCurrentUser, base_.c_str());
+  uint32_t open = 0;
+  at_key.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr, 0);
+  EXPECT_EQ(1u, open);
+  EXPECT_EQ(base_, CurrentPath(at_key));
+
+  CRegistry closed;
+  closed.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr, 0);
+  EXPECT_EQ(0u, open);
+}
+
+TEST_F(OpenTest, NullHiveMeansLocalMachine) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, r.Open(nullptr, {}, nullptr, false));
+  EXPECT_EQ("", CurrentPath(r));
+  EXPECT_EQ("RegOpenKeyEx", LastApi(r));
+}
+
+TEST_F(OpenTest, MissingPathLeavesTheObjectOpenAtTheRoot) {
+  CRegistry r;
+  EXPECT_EQ(CRegistry::kApiFailed, OpenReadOnly(r, "absent"));
+  EXPECT_EQ(platform::kErrFileNotFound, r.QueryError(nullptr));
+  EXPECT_EQ("RegOpenKeyEx", LastApi(r));
+  EXPECT_EQ("", CurrentPath(r));
+  EXPECT_EQ(CRegistry::kOk, r.Position(base_.c_str(), false)) << "still usable";
+}
+
+TEST_F(OpenTest, CreateMakesTheWholePathAndRecordsTheDisposition) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(r, "a\\b\\c", true));
+  EXPECT_EQ(platform::kCreatedNewKey, r.Disposition());
+  EXPECT_EQ("RegCreateKeyEx", LastApi(r));
+  CRegistry again;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(again, "A\\B\\C", true));
+  EXPECT_EQ(platform::kOpenedExistingKey, again.Disposition()) << "names ignore case";
+}
+
+TEST_F(OpenTest, RemoteMachineThatCannotBeReachedGives8AndForgetsTheName) {
+  CRegistry r;
+  EXPECT_EQ(CRegistry::kApiFailed, r.Open("kzq-no-such-host", {}, nullptr, false));
+  EXPECT_EQ("RegConnectRegistry", LastApi(r));
+  EXPECT_NE(0, r.QueryError(nullptr));
+  char machine[CRegistry::kMachineSize] = "x";
+  uint32_t open = 1;
+  r.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, machine, sizeof machine);
+  EXPECT_EQ(0u, open);
+  EXPECT_STREQ("", machine);
+}
+
+#ifdef NDEBUG
+TEST_F(OpenTest, HivesOutsideTheAllowedSetGive5) {
+  CRegistry local;
+  EXPECT_EQ(CRegistry::kNotAllowed,
+            local.Open(nullptr, platform::HiveKey(0x80000005), nullptr, false));
+  CRegistry remote;
+  EXPECT_EQ(CRegistry::kNotAllowed, remote.Open("elsewhere", kCurrentUser, nullptr, false));
+}
+#else
+TEST_F(OpenTest, HivesOutsideTheAllowedSetFailTheAssertion) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  CRegistry local;
+  EXPECT_DEATH(local.Open(nullptr, platform::HiveKey(0x80000005), nullptr, false),
+               "hKey==HKEY_CLASSES_ROOT");
+  CRegistry remote;
+  EXPECT_DEATH(remote.Open("elsewhere", kCurrentUser, nullptr, false),
+               "hKey==HKEY_USERS.*hKey==HKEY_LOCAL_MACHINE");
+}
+#endif
+
+class PositionTest : public RegistryTest {
+ protected:
+  void SetUp() override {
+    RegistryTest::SetUp();
+    MakeKeys({"one\\two\\three", "other"});
+  }
+};
+
+TEST_F(PositionTest, RelativePathsGoBelowTheCurrentKey) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
+  ASSERT_EQ(CRegistry::kOk, r.Position("one", false));
+  ASSERT_EQ(CRegistry::kOk, r.Position("TWO\\three", false));
+  EXPECT_EQ(base_ + "\\one\\TWO\\three", CurrentPath(r)) << "the path as given is kept";
+}
+
+TEST_F(PositionTest, AbsolutePathIgnoresTheCurrentKey) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one\\two"));
+  ASSERT_EQ(CRegistry::kOk, r.Position(("\\" + Path("other")).c_str(), false));
+  EXPECT_EQ(Path("other"), CurrentPath(r));
+}
+
+TEST_F(PositionTest, DotDotMovesToTheParentByAbsolutePath) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one\\two\\three"));
+  ASSERT_EQ(CRegistry::kOk, r.Position("..", false));
+  EXPECT_EQ(Path("one\\two"), CurrentPath(r));
+}
+
+TEST_F(PositionTest, DotDotOneLevelBelowTheRootYieldsTheRoot) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, r.Open(nullptr, kCurrentUser, "Software", false));
+  ASSERT_EQ(CRegistry::kOk, r.Position("..", false));
+  EXPECT_EQ("", CurrentPath(r));
+  EXPECT_EQ(CRegistry::kOk, r.Position(base_.c_str(), false)) << "relative to the root again";
+  EXPECT_EQ(base_, CurrentPath(r));
+}
+
+TEST_F(PositionTest, FailureKeepsThePositionAndReportsTheCall) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one"));
+  EXPECT_EQ(CRegistry::kApiFailed, r.Position("missing", false));
+  EXPECT_EQ(Path("one"), CurrentPath(r));
+  EXPECT_EQ(platform::kErrFileNotFound, r.QueryError(nullptr));
+  EXPECT_EQ(CRegistry::kOk, r.Position("two", false)) << "the current key is still open";
+}
+
+TEST_F(PositionTest, MisuseCodes) {
+  CRegistry closed;
+  EXPECT_EQ(CRegistry::kNotOpen, closed.Position("one", false));
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
+  EXPECT_EQ(CRegistry::kNotAllowed, r.Position("", false));
+  EXPECT_EQ(CRegistry::kNotAllowed, r.Position(nullptr, false));
+}
+
+TEST_F(PositionTest, RecordedPathIsCutAt1023CharactersButTheKeyIsReached) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(r, ""));
+  std::string full = base_;
+  for (char c = 'a'; c < 'f'; ++c) {
+    const std::string name(200, c);
+    ASSERT_EQ(CRegistry::kOk, r.Position(name.c_str(), true));
+    full += "\\" + name;
+  }
+  ASSERT_GT(full.size(), 1023u);
+  EXPECT_EQ(full.substr(0, 1023), CurrentPath(r));
+  EXPECT_EQ(CRegistry::kOk, r.PutValue("deep", "yes"));
+  CRegistry check;  // step by step: Wine refuses so long a path in one call
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(check, ""));
+  for (char c = 'a'; c < 'f'; ++c)
+    ASSERT_EQ(CRegistry::kOk, check.Position(std::string(200, c).c_str(), false));
+  uint32_t size = 8;
+  char text[8];
+  EXPECT_EQ(CRegistry::kOk, check.GetValue("deep", text, nullptr, &size));
+}
+
+TEST_F(PositionTest, KeyExistsLooksFromTheRootWithoutCreating) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one"));
+  EXPECT_EQ(1u, r.KeyExists(Path("one\\two").c_str()));
+  EXPECT_EQ(1u, r.KeyExists(("\\" + Path("ONE")).c_str()));
+  EXPECT_EQ(0u, r.KeyExists("two")) << "relative paths start at the root";
+  EXPECT_EQ(0u, r.KeyExists(Path("nothing").c_str()));
+  EXPECT_EQ(0u, r.KeyExists(Path("nothing").c_str())) << "and it did not create it";
+  EXPECT_EQ(Path("one"), CurrentPath(r));
+}
+
+TEST(UpKeyAbsolute, DropsTheLastComponentAndLeadsWithABackslash) {
+  CRegistry r;
+  char path[32] = "A\\B\\C";
+  r.UpKeyAbsolute(path);
+  EXPECT_STREQ("\\A\\B", path);
+  strcpy(path, "A");
+  r.UpKeyAbsolute(path);
+  EXPECT_STREQ("\\", path);
+  strcpy(path, "");
+  r.UpKeyAbsolute(path);
+  EXPECT_STREQ("\\", path);
+}
+
+class CloseTest : public RegistryTest {};
+
+TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
+  CRegistry r;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
+  EXPECT_EQ(CRegistry::kOk, r.Close());
+  EXPECT_EQ("RegCloseKey", LastApi(r));
+  EXPECT_EQ("", CurrentPath(r));
+  EXPECT_EQ(CRegistry::kCloseNotOpen, r.Close());
+  EXPECT_EQ(CRegistry::kOk, OpenReadOnly(r, "")) << "a closed object opens again";
+}
+
+TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
+  CRegistry original;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(original, ""));
+  {
+    CRegistry copy(original);
+    EXPECT_EQ(base_, CurrentPath(copy));
+    EXPECT_EQ(CRegistry::kOk, copy.PutValue("fromCopy", "1"));
+    EXPECT_EQ(CRegistry::kOk, copy.Close());
+  }  // the copy's destructor closes nothing either
+  char text[8];
+  uint32_t size = sizeof text;
+  EXPECT_EQ(CRegistry::kOk, original.GetValue("fromCopy", text, nullptr, &size));
+  EXPECT_STREQ("1", text);
+}
+
+TEST_F(CloseTest, OpenOnAClosedCopyGives15) {
+  CRegistry closed;
+  CRegistry copy(closed);
+  EXPECT_EQ(CRegistry::kOpenOnCopy, copy.Open(nullptr, kCurrentUser, nullptr, false));
+  CRegistry assigned;
+  assigned = closed;
+  EXPECT_EQ(CRegistry::kOpenOnCopy, assigned.Open(nullptr, kCurrentUser, nullptr, false));
+}
+
+TEST_F(CloseTest, CopyStartsWithoutTheOriginalsEnumeration) {
+  MakeKeys({"k1", "k2"});
+  CRegistry original;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(original, ""));
+  char name[64];
+  uint32_t size = sizeof name;
+  ASSERT_EQ(CRegistry::kOk,
+            original.EnumKeys(name, &size, nullptr, nullptr, nullptr, nullptr, false));
+  CRegistry copy(original);
+  size = sizeof name;
+  EXPECT_EQ(CRegistry::kEnumFinished,
+            copy.EnumVals(name, &size, nullptr, nullptr, nullptr, nullptr, false))
+      << "10 if the copy had kept the key enumeration";
+  size = sizeof name;
+  EXPECT_EQ(CRegistry::kOtherEnumActive,
+            original.EnumVals(name, &size, nullptr, nullptr, nullptr, nullptr, false));
+}
+
+}  // namespace
