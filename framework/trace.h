@@ -11,8 +11,8 @@
 namespace framework {
 
 // Trace level bits.
-inline constexpr int kTraceError = 0x1;
-inline constexpr int kTraceFlow = 0x2;
+inline constexpr int kTraceFlow = 0x1;  // bit 0: flow detail
+inline constexpr int kTraceError = 0x2;
 inline constexpr int kTraceDetail = 0x4;
 
 // The process-wide trace level (0 = errors only).

@@ -21,6 +21,10 @@ bool SetEnv(const char* name, const std::string& value);
 // environment, Windows a copy; either way the caller never frees it.
 bool PutEnvPair(char* pair);
 
+// Replaces each %NAME% whose variable is set by its value, as Windows
+// expands REG_EXPAND_SZ texts; other text stays as it is.
+std::string ExpandEnvironmentText(const std::string& text);
+
 // The working directory; empty when the OS will not say (*error set).
 std::string CurrentDirectory(int* error);
 

@@ -20,6 +20,12 @@ bool SetEnv(const char* name, const std::string& value) {
 
 bool PutEnvPair(char* pair) { return _putenv(pair) == 0; }
 
+std::string ExpandEnvironmentText(const std::string& text) {
+  char expanded[2048];
+  const DWORD n = ExpandEnvironmentStringsA(text.c_str(), expanded, sizeof expanded);
+  return n > 0 && n <= sizeof expanded ? std::string(expanded) : text;
+}
+
 std::string CurrentDirectory(int* error) {
   char path[MAX_PATH + 1];
   const DWORD n = GetCurrentDirectoryA(sizeof path, path);

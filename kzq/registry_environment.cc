@@ -1,0 +1,57 @@
+#include "kzq/registry_environment.h"
+
+#include <cstring>
+#include <string>
+
+#include "framework/bsv1.h"
+#include "framework/trace.h"
+#include "platform/environment.h"
+#include "registry/earegcls.h"
+
+namespace kzq {
+namespace {
+
+constexpr uint32_t kNameBuffer = 128;
+constexpr uint32_t kDataBuffer = 2048;
+constexpr uint32_t kPathBuffer = 512;
+constexpr uint32_t kRegSz = 1;
+constexpr uint32_t kRegExpandSz = 2;
+
+void ExportEnvironmentValues(CRegistry& registry) {
+  char name[kNameBuffer];
+  char data[kDataBuffer];
+  uint32_t index = 0;
+  for (;;) {
+    uint32_t name_size = kNameBuffer;
+    uint32_t data_size = kDataBuffer;
+    uint32_t type = 0;
+    if (registry.EnumVals(name, &name_size, data, &data_size, &type, &index, false) != 0) break;
+    if (type != kRegSz && type != kRegExpandSz) continue;
+    data[kDataBuffer - 1] = '\0';
+    const std::string value = type == kRegExpandSz ? platform::ExpandEnvironmentText(data) : std::string(data);
+    const std::string pair = std::string(name) + "=" + value;
+    if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Setting environment variable %s", pair.c_str());
+    BSV1_PutEnv(pair.c_str());
+  }
+}
+
+}  // namespace
+
+void ImportRegistryEnvironment(const char* key_path) {
+  CRegistry registry(nullptr, platform::kLocalMachine, nullptr, false);
+  if (key_path == nullptr || registry.Position(key_path, false) != 0) return;
+  std::string current = key_path;
+  for (int levels = kMaxKeyLevels; current != kMakerRoot && levels > 0; --levels) {
+    if (registry.Position("Environment", false) == 0) {
+      ExportEnvironmentValues(registry);
+      registry.Position("..", false);
+    }
+    if (registry.Position("..", false) != 0) return;
+    char path[kPathBuffer] = "";
+    uint32_t path_size = kPathBuffer;
+    registry.QueryKey(path, &path_size, nullptr, nullptr);
+    current = path;
+  }
+}
+
+}  // namespace kzq
