@@ -73,8 +73,10 @@ TEST_F(OpenTest, RemoteMachineThatCannotBeReachedGives8AndForgetsTheName) {
   EXPECT_STREQ("", machine);
 }
 
+// These never reach the store, so they need no test key (a death test's
+// child would leave its key behind).
 #ifdef NDEBUG
-TEST_F(OpenTest, HivesOutsideTheAllowedSetGive5) {
+TEST(OpenHive, HivesOutsideTheAllowedSetGive5) {
   CRegistry local;
   EXPECT_EQ(CRegistry::kNotAllowed,
             local.Open(nullptr, platform::HiveKey(0x80000005), nullptr, false));
@@ -82,7 +84,7 @@ TEST_F(OpenTest, HivesOutsideTheAllowedSetGive5) {
   EXPECT_EQ(CRegistry::kNotAllowed, remote.Open("elsewhere", kCurrentUser, nullptr, false));
 }
 #else
-TEST_F(OpenTest, HivesOutsideTheAllowedSetFailTheAssertion) {
+TEST(OpenHive, HivesOutsideTheAllowedSetFailTheAssertion) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   CRegistry local;
   EXPECT_DEATH(local.Open(nullptr, platform::HiveKey(0x80000005), nullptr, false),
@@ -240,6 +242,33 @@ TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
   uint32_t size = sizeof text;
   EXPECT_EQ(CRegistry::kOk, original.GetValue("fromCopy", text, nullptr, &size));
   EXPECT_STREQ("1", text);
+}
+
+TEST_F(CloseTest, CopyMovingAwayLeavesTheOriginalsKeyOpen) {
+  MakeKeys({"elsewhere"});
+  CRegistry original;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(original, ""));
+  ASSERT_EQ(CRegistry::kOk, original.PutValue("here", "1"));
+  CRegistry copy(original);
+  ASSERT_EQ(CRegistry::kOk, copy.Position("elsewhere", false));
+  char text[8];
+  uint32_t size = sizeof text;
+  EXPECT_EQ(CRegistry::kOk, original.GetValue("here", text, nullptr, &size));
+}
+
+TEST_F(CloseTest, AssignmentClosesTheTargetsOwnKeysAndSharesTheSources) {
+  MakeKeys({"source"});
+  CRegistry source;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(source, "source"));
+  CRegistry target;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(target, ""));
+  target = source;
+  EXPECT_EQ(Path("source"), CurrentPath(target));
+  EXPECT_EQ(CRegistry::kOk, target.PutValue("viaCopy", "1")) << "the source's access came too";
+  EXPECT_EQ(CRegistry::kOk, target.Close());
+  char text[8];
+  uint32_t size = sizeof text;
+  EXPECT_EQ(CRegistry::kOk, source.GetValue("viaCopy", text, nullptr, &size));
 }
 
 TEST_F(CloseTest, OpenOnAClosedCopyGives15) {
