@@ -208,7 +208,8 @@ uint32_t CRegistry::MoveTo(const char* path, bool create) {
   RegistryKey key;
   if (OpenBelow(absolute ? root_key_ : current_key_, subkey, create, &key) != 0)
     return kApiFailed;
-  if (current_key_ != root_key_) platform::CloseRegistryKey(current_key_);
+  // A copy may still share the previous key with its original.
+  if (current_key_ != root_key_ && is_copy_ == 0) platform::CloseRegistryKey(current_key_);
   current_key_ = key;
   std::string moved = absolute || current_path_[0] == '\0' ? "" : current_path_ + std::string("\\");
   SetText(current_path_, (moved + subkey).c_str());

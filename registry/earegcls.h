@@ -7,8 +7,9 @@
 // results are the codes below.
 //
 // A copy (copy constructor or assignment) shares the original's handles and
-// never closes them: it must not be used after the original's Close.
-// Assigning to an object that owns open handles closes them first.
+// never closes them, not even the keys it leaves by Position: it must not be
+// used after the original's Close. Assigning to an object that owns open
+// handles closes them first.
 #pragma once
 
 #include <cstdint>

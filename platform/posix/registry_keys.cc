@@ -74,7 +74,11 @@ int ReadWholeFile(const std::string& path, std::string* text) {
   if (fd < 0) return errno == ENOENT ? kOk : FromErrno(errno);
   char buffer[8192];
   ssize_t n;
-  while ((n = read(fd, buffer, sizeof buffer)) > 0) text->append(buffer, static_cast<size_t>(n));
+  while ((n = read(fd, buffer, sizeof buffer)) != 0) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
+    text->append(buffer, static_cast<size_t>(n));
+  }
   const int err = n < 0 ? errno : 0;
   close(fd);
   return FromErrno(err);

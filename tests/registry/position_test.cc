@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "tests/registry/registry_fixture.h"
 
@@ -72,8 +73,10 @@ TEST_F(OpenTest, RemoteMachineThatCannotBeReachedGives8AndForgetsTheName) {
   EXPECT_STREQ("", machine);
 }
 
+// These never reach the store, so they need no test key (a death test's
+// child would leave its key behind).
 #ifdef NDEBUG
-TEST_F(OpenTest, HivesOutsideTheAllowedSetGive5) {
+TEST(OpenHive, HivesOutsideTheAllowedSetGive5) {
   CRegistry local;
   EXPECT_EQ(CRegistry::kNotAllowed,
             local.Open(nullptr, platform::HiveKey(0x80000005), nullptr, false));
@@ -81,7 +84,7 @@ TEST_F(OpenTest, HivesOutsideTheAllowedSetGive5) {
   EXPECT_EQ(CRegistry::kNotAllowed, remote.Open("elsewhere", kCurrentUser, nullptr, false));
 }
 #else
-TEST_F(OpenTest, HivesOutsideTheAllowedSetFailTheAssertion) {
+TEST(OpenHive, HivesOutsideTheAllowedSetFailTheAssertion) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   CRegistry local;
   EXPECT_DEATH(local.Open(nullptr, platform::HiveKey(0x80000005), nullptr, false),
@@ -149,25 +152,45 @@ TEST_F(PositionTest, MisuseCodes) {
   EXPECT_EQ(CRegistry::kNotAllowed, r.Position(nullptr, false));
 }
 
+// Wine's ANSI calls refuse paths past 255 characters, so keys this deep are
+// reached, and taken down, a step at a time.
+void DeleteChain(const std::string& top, const std::vector<std::string>& names) {
+  std::vector<platform::RegistryKey> parents(1);
+  platform::OpenRegistryKey(kCurrentUser, top.c_str(), platform::kKeyAllAccess, &parents[0]);
+  for (size_t i = 0; i + 1 < names.size(); ++i) {
+    platform::RegistryKey key;
+    platform::OpenRegistryKey(parents.back(), names[i].c_str(), platform::kKeyAllAccess, &key);
+    parents.push_back(key);
+  }
+  for (size_t i = names.size(); i-- > 0;) {
+    platform::DeleteRegistryKey(parents[i], names[i].c_str());
+    platform::CloseRegistryKey(parents[i]);
+  }
+}
+
 TEST_F(PositionTest, RecordedPathIsCutAt1023CharactersButTheKeyIsReached) {
+  std::vector<std::string> names;
+  for (char c = 'a'; c < 'f'; ++c) names.emplace_back(200, c);
   CRegistry r;
   ASSERT_EQ(CRegistry::kOk, OpenWritable(r, ""));
   std::string full = base_;
-  for (char c = 'a'; c < 'f'; ++c) {
-    const std::string name(200, c);
+  for (const std::string& name : names) {
     ASSERT_EQ(CRegistry::kOk, r.Position(name.c_str(), true));
     full += "\\" + name;
   }
+  EXPECT_EQ(CRegistry::kOk, r.PutValue("deep", "yes"));
   ASSERT_GT(full.size(), 1023u);
   EXPECT_EQ(full.substr(0, 1023), CurrentPath(r));
-  EXPECT_EQ(CRegistry::kOk, r.PutValue("deep", "yes"));
-  CRegistry check;  // step by step: Wine refuses so long a path in one call
+  CRegistry check;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(check, ""));
-  for (char c = 'a'; c < 'f'; ++c)
-    ASSERT_EQ(CRegistry::kOk, check.Position(std::string(200, c).c_str(), false));
+  for (const std::string& name : names)
+    ASSERT_EQ(CRegistry::kOk, check.Position(name.c_str(), false));
   uint32_t size = 8;
   char text[8];
   EXPECT_EQ(CRegistry::kOk, check.GetValue("deep", text, nullptr, &size));
+  r.Close();
+  check.Close();
+  DeleteChain(base_, names);
 }
 
 TEST_F(PositionTest, KeyExistsLooksFromTheRootWithoutCreating) {
@@ -219,6 +242,33 @@ TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
   uint32_t size = sizeof text;
   EXPECT_EQ(CRegistry::kOk, original.GetValue("fromCopy", text, nullptr, &size));
   EXPECT_STREQ("1", text);
+}
+
+TEST_F(CloseTest, CopyMovingAwayLeavesTheOriginalsKeyOpen) {
+  MakeKeys({"elsewhere"});
+  CRegistry original;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(original, ""));
+  ASSERT_EQ(CRegistry::kOk, original.PutValue("here", "1"));
+  CRegistry copy(original);
+  ASSERT_EQ(CRegistry::kOk, copy.Position("elsewhere", false));
+  char text[8];
+  uint32_t size = sizeof text;
+  EXPECT_EQ(CRegistry::kOk, original.GetValue("here", text, nullptr, &size));
+}
+
+TEST_F(CloseTest, AssignmentClosesTheTargetsOwnKeysAndSharesTheSources) {
+  MakeKeys({"source"});
+  CRegistry source;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(source, "source"));
+  CRegistry target;
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(target, ""));
+  target = source;
+  EXPECT_EQ(Path("source"), CurrentPath(target));
+  EXPECT_EQ(CRegistry::kOk, target.PutValue("viaCopy", "1")) << "the source's access came too";
+  EXPECT_EQ(CRegistry::kOk, target.Close());
+  char text[8];
+  uint32_t size = sizeof text;
+  EXPECT_EQ(CRegistry::kOk, source.GetValue("viaCopy", text, nullptr, &size));
 }
 
 TEST_F(CloseTest, OpenOnAClosedCopyGives15) {

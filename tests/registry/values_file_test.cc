@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <iterator>
+#include <random>
 #include <string>
 
 #include "platform/posix/registry_keys.h"
@@ -130,6 +132,68 @@ TEST(ValuesText, ChangesTouchOnlyTheirOwnLine) {
   EXPECT_TRUE(d.Remove("a"));
   EXPECT_FALSE(d.Remove("a"));
   EXPECT_EQ("# keep me\nB = sz:new\nbroken\nC = dword:2\n", FormatValues(d));
+}
+
+// Lines pieced together from fragments that matter to the parser, most of
+// them shaped like values: nothing of the text is lost, and the values that
+// parse survive a rewrite.
+std::string RandomPieces(std::mt19937& random, const std::vector<std::string>& pieces, int most) {
+  std::string out;
+  for (int n = static_cast<int>(random() % (most + 1)); n > 0; --n)
+    out += pieces[random() % pieces.size()];
+  return out;
+}
+
+TEST(ValuesText, RandomLinesLoseNothing) {
+  const std::vector<std::string> names = {"a", "Name", " ", "\"", "\\", "\\n", "=", "@", "#", "\x01"};
+  const std::vector<std::string> types = {"sz:", "expand_sz:", "dword:", "qword:", "binary:",
+                                          "multi_sz:", "hex(7):", "bad:", ""};
+  const std::vector<std::string> data = {"\"", " ", "a", "\\n", "\\", "\\x41", "\\q", "12",
+                                         "0x1f", "4294967296", "ff", "g", ",", "\t", "#", "\r"};
+  std::mt19937 random(20240611);
+  int values = 0;
+  for (int round = 0; round < 3000; ++round) {
+    std::string text;
+    for (int line = 0; line < 4; ++line) {
+      text += RandomPieces(random, names, 3) + " = " + types[random() % types.size()] +
+              RandomPieces(random, data, 5) + "\n";
+    }
+    const ValuesDocument d = ParseValues(text);
+    values += static_cast<int>(d.Count());
+    std::string expected = text;
+    std::erase(expected, '\r');
+    std::string kept = FormatValues(d);
+    std::erase(kept, '\r');
+    ASSERT_EQ(expected, kept) << text;
+    ValuesDocument rewritten;
+    for (size_t i = 0; const StoredValue* v = d.At(i); ++i) rewritten.Set(*v);
+    const ValuesDocument back = ParseValues(FormatValues(rewritten));
+    ASSERT_TRUE(back.problems.empty()) << FormatValues(rewritten);
+    ASSERT_EQ(Summary(d), Summary(back)) << text;
+  }
+  EXPECT_GT(values, 1000) << "the pieces must make values often enough to matter";
+}
+
+// Any name a caller can pass and any bytes of any type come back exactly.
+TEST(ValuesText, RandomValuesSurviveTheFile) {
+  const std::string name_chars = std::string("a =\"\\#@\n\t\x7f", 10);
+  const std::string data_chars = std::string("\0a \"\\\n\r\x7f\xff,", 10);
+  const uint32_t types[] = {0, 1, 2, 3, 4, 7, 9, 11};
+  std::mt19937 random(7);
+  for (int round = 0; round < 2000; ++round) {
+    ValuesDocument d;
+    for (int n = 0; n < 3; ++n) {
+      StoredValue v;
+      for (int i = static_cast<int>(random() % 5); i > 0; --i) v.name += name_chars[random() % 10];
+      for (int i = static_cast<int>(random() % 9); i > 0; --i) v.data += data_chars[random() % 10];
+      v.type = types[random() % std::size(types)];
+      d.Set(v);
+    }
+    const std::string text = FormatValues(d);
+    const ValuesDocument back = ParseValues(text);
+    ASSERT_TRUE(back.problems.empty()) << back.problems[0].message << "\n" << text;
+    ASSERT_EQ(Summary(d), Summary(back)) << text;
+  }
 }
 
 TEST(KeyNames, StoreFilesNeverClashWithKeys) {

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "tests/registry/registry_fixture.h"
 
@@ -93,6 +94,23 @@ TEST_F(ValueTest, DeleteValueRemovesItAndGives7WhenItIsGone) {
   EXPECT_EQ("RegDeleteValue", LastApi(r_));
   EXPECT_EQ("<missing>", Text("Doomed"));
   EXPECT_EQ("y", Text("Kept"));
+}
+
+TEST_F(ValueTest, WritersOnTheSameKeyLoseNoValue) {
+  constexpr int kPerWriter = 60;
+  const auto write = [this](char prefix) {
+    CRegistry w;
+    ASSERT_EQ(CRegistry::kOk, OpenWritable(w, ""));
+    for (int i = 0; i < kPerWriter; ++i)
+      ASSERT_EQ(CRegistry::kOk, w.PutValue((prefix + std::to_string(i)).c_str(), "x"));
+  };
+  std::thread first(write, 'a');
+  std::thread second(write, 'b');
+  first.join();
+  second.join();
+  uint32_t values = 0;
+  ASSERT_EQ(CRegistry::kOk, r_.QueryKey(nullptr, nullptr, &values, nullptr));
+  EXPECT_EQ(2u * kPerWriter, values);
 }
 
 TEST_F(ValueTest, ReadOnlyObjectCannotWrite) {
