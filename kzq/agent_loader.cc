@@ -1,0 +1,72 @@
+#include "kzq/agent_loader.h"
+
+#include <atomic>
+#include <cstdio>
+
+#include "framework/agent.h"
+#include "framework/trace.h"
+#include "kvc/kvcenv.h"
+#include "kvc/kvcutil.h"
+#include "kzq/tables.h"
+#include "platform/clock.h"
+
+namespace kzq {
+namespace {
+
+std::atomic<int64_t> g_start_time{0};
+FILE* g_message_output = nullptr;  // the agent's message output file, open for its life
+
+using TableInit = uint32_t (*)();
+
+struct Registration {
+  const char* name;
+  TableInit init;
+};
+
+// The order in which the tables become known to the framework.
+constexpr Registration kRegistrationOrder[] = {
+    {"kzqsrvr", kzqsrvr_init},   {"kzqsrvs", kzqsrvs_init},   {"kzqsrvd", kzqsrvd_init},
+    {"kzqdbs", kzqdbs_init},     {"kzqdbd", kzqdbd_init},     {"kzqdevd", kzqdevd_init},
+    {"kzqlocks", kzqlocks_init}, {"kzqlock", kzqlock_init},   {"kzqprcs", kzqprcs_init},
+    {"kzqprcd", kzqprcd_init},   {"kzqprobs", kzqprobs_init}, {"kzqprobd", kzqprobd_init},
+    {"kzqstats", kzqstats_init}, {"kzqstatd", kzqstatd_init}, {"kzqscfg", kzqscfg_init},
+    {"kzqsrvre", kzqsrvre_init}, {"kzqsql", kzqsql_init},     {"kzqtbld", kzqtbld_init},
+    {"kzqloksu", kzqloksu_init}, {"kzqjobd", kzqjobd_init},   {"kzqjobs", kzqjobs_init},
+    {"kzqsrvcd", kzqsrvcd_init}, {"kzqfgrpd", kzqfgrpd_init}, {"kzqlrts", kzqlrts_init},
+    {"kzqwlgs", kzqwlgs_init},   {"kzqrpool", kzqrpool_init}, {"kzqdbmir", kzqdbmir_init},
+    {"kzqmemgr", kzqmemgr_init}, {"kzqlsdbd", kzqlsdbd_init}, {"kzqlserr", kzqlserr_init},
+    {"kzqlsjbd", kzqlsjbd_init}, {"kzqbtchs", kzqbtchs_init}, {"kzqerror", kzqerror_init},
+};
+static_assert(sizeof kRegistrationOrder / sizeof kRegistrationOrder[0] == kTableCount);
+
+}  // namespace
+
+void RegisterAllTables() {
+  const bool flow = (framework::TraceLevel() & framework::kTraceFlow) != 0;
+  for (const Registration& r : kRegistrationOrder) {
+    // The two rows where the newer tables begin are traced.
+    if (flow && (r.init == kzqsrvcd_init || r.init == kzqfgrpd_init)) TRC1_Printf("Calling %s_init()\n", r.name);
+    r.init();
+  }
+}
+
+int AgentLoader() {
+  if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Entering AgentLoader\n");
+  g_message_output = kvc::OpenOutputFile("agt.out");
+  g_start_time = platform::NowUnixSeconds();
+  for (const char* affinity : {"AFF_MS_SQL_SERVER", "AFF_V9", "AFF_FEAT_INTERNATIONALIZATION", "AFF_FEAT_DM_PARITY",
+                               "AFF_FEAT_AGENT_MGMT"})
+    AVR_SetAffinity(affinity);
+  AVR_SetCurrency(1, 0);
+  kvc::AgentConfig& config = kvc::TheAgentConfig();
+  kvc::ReadAgentEnvironment(config);
+  if (config.hostName != nullptr) AVR_SetHostname(config.hostName);
+  if (config.serverId != nullptr) AVR_SetSubsystemId(config.serverId);
+  AVR_SetNodeType("MSS");
+  RegisterAllTables();
+  return 0;
+}
+
+int64_t AgentStartTime() { return g_start_time.load(); }
+
+}  // namespace kzq
