@@ -14,8 +14,6 @@ namespace {
 constexpr uint32_t kNameBuffer = 128;
 constexpr uint32_t kDataBuffer = 2048;
 constexpr uint32_t kPathBuffer = 512;
-constexpr uint32_t kRegSz = 1;
-constexpr uint32_t kRegExpandSz = 2;
 
 void ExportEnvironmentValues(CRegistry& registry) {
   char name[kNameBuffer];
@@ -26,9 +24,9 @@ void ExportEnvironmentValues(CRegistry& registry) {
     uint32_t data_size = kDataBuffer;
     uint32_t type = 0;
     if (registry.EnumVals(name, &name_size, data, &data_size, &type, &index, false) != 0) break;
-    if (type != kRegSz && type != kRegExpandSz) continue;
+    if (type != platform::kRegSz && type != platform::kRegExpandSz) continue;
     data[kDataBuffer - 1] = '\0';
-    const std::string value = type == kRegExpandSz ? platform::ExpandEnvironmentText(data) : std::string(data);
+    const std::string value = type == platform::kRegExpandSz ? platform::ExpandEnvironmentText(data) : std::string(data);
     const std::string pair = std::string(name) + "=" + value;
     if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Setting environment variable %s", pair.c_str());
     BSV1_PutEnv(pair.c_str());

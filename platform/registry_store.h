@@ -15,15 +15,9 @@
 
 #include <cstdint>
 
-namespace platform {
+#include "platform/error.h"
 
-inline constexpr int kErrInvalidHandle = 6;
-inline constexpr int kErrBadNetPath = 53;
-inline constexpr int kErrNotSupported = 50;
-inline constexpr int kErrBadPathname = 161;
-inline constexpr int kErrMoreData = 234;
-inline constexpr int kErrNoMoreItems = 259;
-inline constexpr int kErrKeyDeleted = 1018;
+namespace platform {
 
 // An open key. A handle is a plain value: copies name the same open key,
 // which stays open until exactly one of them is passed to CloseRegistryKey.
