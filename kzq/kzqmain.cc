@@ -17,16 +17,27 @@
 #include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
 #include "kzq/agent_loader.h"
+#include "kzq/command_line_presets.h"
 #include "kzq/option_words.h"
 #include "kzq/registry_environment.h"
 #include "kzq/trace_log_setup.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
+#include "platform/process.h"
 #include "platform/stop_signal.h"
 
 namespace {
 
 constexpr int kNotStartedByServiceManager = 1063;
+
+// Runs before main: the presets must be in the environment before the
+// registry and the configuration are read.
+struct CommandLinePresets {
+  CommandLinePresets() {
+    const std::string raw = platform::RawCommandLine();
+    kzq::ApplyCommandLinePresets(raw.empty() ? nullptr : raw.c_str());
+  }
+} g_command_line_presets;
 
 bool SameWord(const char* a, const char* b) {
   for (; *a != '\0' && *b != '\0'; ++a, ++b)

@@ -14,6 +14,16 @@ uint32_t CurrentThreadId();
 // This machine's host name (empty when the OS will not say).
 std::string LocalHostName();
 
+// The computer's own name as the start-up presets record it: the NetBIOS
+// name on Windows, the host name on POSIX. *error is the OS error when
+// there is none.
+std::string ComputerName(int* error);
+
+// The process's command line as one text. POSIX has only the argument
+// vector: the arguments are joined by blanks, and one holding a blank or a
+// backslash is put in double quotes, as Windows services receive them.
+std::string RawCommandLine();
+
 // Full path of the running executable.
 std::string ExecutablePath();
 

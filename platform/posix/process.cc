@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "platform/error.h"
 #include "platform/posix/errors.h"
@@ -53,6 +54,29 @@ std::string LocalHostName() {
   if (gethostname(name, sizeof name - 1) != 0) return {};
   name[sizeof name - 1] = '\0';
   return name;
+}
+
+std::string ComputerName(int* error) {
+  const std::string name = LocalHostName();
+  *error = name.empty() ? errno : 0;
+  return name;
+}
+
+std::string RawCommandLine() {
+  FILE* file = fopen("/proc/self/cmdline", "rb");
+  if (file == nullptr) return {};
+  std::string raw;
+  char buffer[4096];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, file)) > 0;) raw.append(buffer, n);
+  fclose(file);
+  std::string line;
+  size_t begin = 0;
+  for (size_t end; begin < raw.size() && (end = raw.find('\0', begin)) != std::string::npos; begin = end + 1) {
+    const std::string arg = raw.substr(begin, end - begin);
+    if (!line.empty()) line += ' ';
+    line += arg.find_first_of(" \\") == std::string::npos ? arg : '"' + arg + '"';
+  }
+  return line;
 }
 
 std::string ExecutablePath() {

@@ -64,6 +64,22 @@ std::string LocalHostName() {
   return std::string(name, size);
 }
 
+std::string ComputerName(int* error) {
+  char name[32767];
+  DWORD size = sizeof name;
+  if (!GetComputerNameA(name, &size)) {
+    *error = static_cast<int>(GetLastError());
+    return {};
+  }
+  *error = 0;
+  return std::string(name, size);
+}
+
+std::string RawCommandLine() {
+  const char* line = GetCommandLineA();
+  return line != nullptr ? line : "";
+}
+
 std::string ExecutablePath() {
   char path[MAX_PATH + 1];
   const DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);

@@ -1,0 +1,62 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "kzq/command_line_presets.h"
+#include "platform/environment.h"
+#include "platform/file_system.h"
+#include "platform/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+class CommandLinePresets : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"COLL_SERVERID", "TAVRA_LOG_PATH", "COLL_HOSTNAME"}) platform::SetEnv(name, "");
+    remove(kzq::kPresetErrorFile);
+  }
+  void TearDown() override { remove(kzq::kPresetErrorFile); }
+  static std::string Env(const char* name) { return platform::GetEnv(name).value_or("<unset>"); }
+  static std::string Bin() { return std::string("opt") + platform::PathSeparator() + "bin" + platform::PathSeparator(); }
+};
+
+TEST_F(CommandLinePresets, ServerIdLogPathAndHostComeFromTheLine) {
+  const std::string line = Bin() + "kzqagent -Hkey \"SOFTWARE\\Orvane\\kzq\\SQL1\"";
+  EXPECT_EQ(kzq::ApplyCommandLinePresets(line.c_str()), "");
+  EXPECT_EQ(Env("COLL_SERVERID"), "SQL1");
+  EXPECT_EQ(Env("TAVRA_LOG_PATH"), Bin() + "LOGS");
+  int error = 0;
+  EXPECT_EQ(Env("COLL_HOSTNAME"), platform::ComputerName(&error));
+  platform::FileStatus st;
+  EXPECT_NE(platform::StatPath(kzq::kPresetErrorFile, &st), 0);
+}
+
+TEST_F(CommandLinePresets, FailureStopsTheRestAndIsWrittenToTheErrorFile) {
+  // "-Hkey" is matched as written: in lower case the key is not found.
+  const std::string lower = Bin() + "kzqagent -hkey \"SOFTWARE\\Orvane\\kzq\\SQL1\"";
+  const std::string text = kzq::ApplyCommandLinePresets(lower.c_str());
+  EXPECT_EQ(text, "\n Error in finding Server ID from s_hkeypart :");
+  // Written in text mode: Windows ends the line with CR LF.
+  std::string written = kzq_test::ReadFile(kzq::kPresetErrorFile);
+  std::erase(written, '\r');
+  EXPECT_EQ(written, text);
+  EXPECT_EQ(Env("TAVRA_LOG_PATH"), "<unset>");
+
+  // An executable named without a directory: the server id is set, then it stops.
+  EXPECT_EQ(kzq::ApplyCommandLinePresets("kzqagent -Hkey \"A\\B\""),
+            "\n Error in finding TAVRA_LOG_PATH from s_exepath :kzqagent");
+  EXPECT_EQ(Env("COLL_SERVERID"), "B");
+  EXPECT_EQ(Env("COLL_HOSTNAME"), "<unset>");
+
+  EXPECT_EQ(kzq::ApplyCommandLinePresets(nullptr), "\n Error in GetCommandLine :0");
+}
+
+TEST_F(CommandLinePresets, RawCommandLineNamesTheProgram) {
+  const std::string raw = platform::RawCommandLine();
+  EXPECT_FALSE(raw.empty());
+  EXPECT_NE(raw.find("kzq_tests"), std::string::npos);
+}
+
+}  // namespace
