@@ -1,7 +1,8 @@
 # The two commands a newcomer needs: `make demo` and `make test`.
 # Each target installs what it needs on a fresh Debian machine.
 
-NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev
+NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev \
+  libsystemd-dev
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
 JOBS ?= 2
 

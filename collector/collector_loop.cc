@@ -28,11 +28,11 @@ void Answer(kvc::PipeList* entry, RowSource& source) {
   kvc::SetPipeRows(entry, count, CollectorRowLength(*table), rows.data());
 }
 
-int Serve(RowSource& source, int requests) {
+int Serve(RowSource& source, int requests, const std::atomic<bool>& stop) {
   KVCCOMM("initsm");
   auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("initc"));
   if (anchor == nullptr) return 1;
-  for (int served = 0; requests == 0 || served < requests;) {
+  for (int served = 0; (requests == 0 || served < requests) && !stop;) {
     auto* entry = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, ""));
     if (entry == nullptr) continue;  // no request within the wait, or one discarded as late
     Answer(entry, source);

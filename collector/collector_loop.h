@@ -2,6 +2,7 @@
 // answer it from the row source.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "collector/row_source.h"
@@ -16,9 +17,10 @@ inline constexpr const char* kHeartbeatHealthy = "1 1";
 // Fills the anchor's request entry with the answer to its word.
 void Answer(kvc::PipeList* entry, RowSource& source);
 
-// Answers requests until `requests` have been served (0: for ever).
-// Returns 0, or 1 when the channel could not be opened.
-int Serve(RowSource& source, int requests);
+// Answers requests until `requests` have been served (0: for ever) or
+// `stop` is set; a stop is seen within one request wait. Returns 0, or 1
+// when the channel could not be opened.
+int Serve(RowSource& source, int requests, const std::atomic<bool>& stop);
 
 // Writes this process's id to <runtime dir>/KZQCOLL<COLL_SERVICENUMBER>.pid,
 // where the agent's service probe looks. Returns the path, or "" when it

@@ -1,47 +1,78 @@
 // kzqcoll: the collector. Opens the channel for this server and answers
 // the agent's requests from a row source.
-//   kzqcoll --replay <directory> [--requests <n>]
+//   kzqcoll --replay <directory> [--requests <n>] [--service]
+// With --service it runs under the service manager (the Windows service
+// control manager, or systemd with Type=notify); otherwise it runs until
+// Ctrl-C or SIGTERM.
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "collector/collector_loop.h"
 #include "collector/replay_source.h"
 #include "kvc/kvcutil.h"
+#include "kzq/service_control.h"
+#include "platform/stop_signal.h"
 
 namespace {
 
+struct Options {
+  std::string replay;
+  int requests = 0;
+  bool service = false;
+};
+
+std::atomic<bool> g_stop{false};
+Options g_options;
+std::unique_ptr<collector::RowSource> g_source;
+
 int Usage() {
-  fprintf(stderr, "usage: kzqcoll --replay <directory> [--requests <n>]\n");
+  fprintf(stderr, "usage: kzqcoll --replay <directory> [--requests <n>] [--service]\n");
   return 2;
+}
+
+bool ParseOptions(int argc, char** argv, Options* options) {
+  for (int i = 1; i < argc; ++i) {
+    const bool has_value = i + 1 < argc;
+    if (strcmp(argv[i], "--service") == 0) {
+      options->service = true;
+    } else if (strcmp(argv[i], "--replay") == 0 && has_value) {
+      options->replay = argv[++i];
+    } else if (strcmp(argv[i], "--requests") == 0 && has_value) {
+      options->requests = atoi(argv[++i]);
+    } else {
+      return false;
+    }
+  }
+  return !options->replay.empty();
+}
+
+void RequestStop() { g_stop = true; }
+
+int Collect(int, char**) {
+  const std::string pid_file = collector::WritePidFile();
+  if (pid_file.empty()) kvc::Log('w', "col0001", "Could not write the pid file\n");
+  const int rc = collector::Serve(*g_source, g_options.requests, g_stop);
+  if (!pid_file.empty()) remove(pid_file.c_str());
+  return rc;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string replay;
-  int requests = 0;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    if (strcmp(argv[i], "--replay") == 0) {
-      replay = argv[i + 1];
-    } else if (strcmp(argv[i], "--requests") == 0) {
-      requests = atoi(argv[i + 1]);
-    } else {
-      return Usage();
-    }
-  }
-  if (replay.empty() || argc % 2 == 0) return Usage();
+  if (!ParseOptions(argc, argv, &g_options)) return Usage();
+  kvc::Log('@', "kzqcoll", "%s", "");
+  // Bad replay data fails the start at once, before any service report.
   std::string error;
-  auto source = collector::ReplaySource::Load(replay, &error);
-  if (source == nullptr) {
+  g_source = collector::ReplaySource::Load(g_options.replay, &error);
+  if (g_source == nullptr) {
     fprintf(stderr, "kzqcoll: %s\n", error.c_str());
     return 3;
   }
-  kvc::Log('@', "kzqcoll", "%s", "");
-  const std::string pid_file = collector::WritePidFile();
-  if (pid_file.empty()) kvc::Log('w', "col0001", "Could not write the pid file\n");
-  const int rc = collector::Serve(*source, requests);
-  if (!pid_file.empty()) remove(pid_file.c_str());
-  return rc;
+  if (g_options.service) return kzq::RunAsService(argc, argv, Collect, RequestStop);
+  platform::InstallStopHandler(RequestStop);
+  return Collect(argc, argv);
 }

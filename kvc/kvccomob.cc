@@ -396,9 +396,11 @@ struct Channel {
   bool console = false;
 };
 
+// Never destroyed: the exit routine shuts the channel after static
+// objects have been torn down.
 Channel& TheChannel() {
-  static Channel channel;
-  return channel;
+  static auto* channel = new Channel;
+  return *channel;
 }
 
 }  // namespace

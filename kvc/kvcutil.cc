@@ -32,22 +32,24 @@ struct WriterState {
   int wrap_limit = kWrapUnset;
 };
 
-// Changed only while the named lock is held.
+// Changed only while the named lock is held. Never destroyed: exit
+// routines registered before its first use still log after the static
+// objects are gone.
 WriterState& Writer() {
-  static WriterState state;
-  return state;
+  static auto* state = new WriterState;
+  return *state;
 }
 
 platform::NamedLock* WriterLock() {
-  static std::unique_ptr<platform::NamedLock> lock = [] {
+  static platform::NamedLock* lock = [] {
     const std::string server = platform::GetEnv("COLL_SERVERID").value_or("");
     const std::string number = platform::GetEnv("COLL_SERVICENUMBER").value_or("");
     char name[512];
     snprintf(name, sizeof name, "LogMutex_%s_%s", server.c_str(), number.c_str());
     int error = 0;
-    return platform::CreateNamedLock(name, &error);
+    return platform::CreateNamedLock(name, &error).release();
   }();
-  return lock.get();
+  return lock;
 }
 
 struct LevelTraits {

@@ -20,6 +20,7 @@
 #include "kzq/command_line_presets.h"
 #include "kzq/option_words.h"
 #include "kzq/registry_environment.h"
+#include "kzq/service_control.h"
 #include "kzq/trace_log_setup.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
@@ -27,8 +28,6 @@
 #include "platform/stop_signal.h"
 
 namespace {
-
-constexpr int kNotStartedByServiceManager = 1063;
 
 // Runs before main: the presets must be in the environment before the
 // registry and the configuration are read.
@@ -72,6 +71,10 @@ void AtExitQuit() {
 
 void StopAgent() { AVR_Shutdown(1); }
 
+// A service stop leaves the agent running: the process ends once the
+// service has reported stopped, and the exit routine closes the channel.
+void ServiceStopHook() {}
+
 int AgentMain(int argc, char** argv) {
   if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Entering AgentMain\n");
   ApplyHkeyArgument(argc, argv);
@@ -107,12 +110,7 @@ int main(int argc, char** argv) {
       break;
     }
   }
-  if (!console) {
-    // Service hosting is not part of this build yet: a start outside a
-    // service manager fails as the dispatcher would.
-    printf("In StartServiceCtrlDispatcher\nError number: %d\n", kNotStartedByServiceManager);
-    return kNotStartedByServiceManager;
-  }
+  if (!console) return kzq::RunAsService(argc, argv, AgentMain, ServiceStopHook);
   kvc::SetChannelConsoleMode(true);
   platform::InstallStopHandler(StopAgent);
   AgentMain(argc, argv);

@@ -15,6 +15,7 @@ inline constexpr int kErrInvalidHandle = 6;
 inline constexpr int kErrNotEnoughMemory = 8;
 inline constexpr int kErrNotSupported = 50;
 inline constexpr int kErrBadNetPath = 53;
+inline constexpr int kErrInvalidData = 13;
 inline constexpr int kErrInvalidParameter = 87;
 inline constexpr int kErrInvalidName = 123;
 inline constexpr int kErrBadPathname = 161;
@@ -25,6 +26,8 @@ inline constexpr int kErrNoMoreItems = 259;
 inline constexpr int kErrTooManyPosts = 298;
 inline constexpr int kErrGeneric = 31;  // ERROR_GEN_FAILURE
 inline constexpr int kErrKeyDeleted = 1018;
+inline constexpr int kErrNotStartedAsService = 1063;  // ERROR_FAILED_SERVICE_CONTROLLER_CONNECT
+inline constexpr int kErrServiceSpecific = 1066;
 inline constexpr int kErrNoneMapped = 1332;  // no such account
 
 }  // namespace platform

@@ -37,7 +37,9 @@ char PathListSeparator();
 // tried as it stands.
 const char* DefaultExecutableExtensions();
 
-// Where process-shared helper files (lock files) live. Never empty.
+// Where process-shared helper files (lock files, pid files) live:
+// $KZQ_RUNTIME_DIR, else /tmp on POSIX and the temporary directory on
+// Windows. Never empty.
 std::string RuntimeDirectory();
 
 }  // namespace platform

@@ -30,16 +30,26 @@ std::string ExecutablePath();
 class ChildProcess {
  public:
   virtual ~ChildProcess() = default;
+  virtual uint32_t Id() const = 0;
   // Waits for the child to end; returns its exit code (128 + signal on
   // POSIX when it was killed), or -1 on failure.
   virtual int Wait() = 0;
   // Ends the child at once, without letting it clean up.
   virtual bool Kill() = 0;
+  // Asks the child to stop as an operator would: SIGTERM on POSIX,
+  // Ctrl-Break to its own console process group on Windows.
+  virtual bool RequestStop() = 0;
+};
+
+struct ProcessOptions {
+  // When set, the child's standard output and error go to this file
+  // (created or truncated).
+  std::string output_file;
 };
 
 // Starts `argv[0]` with the given arguments, inheriting the environment.
 // nullptr with *error set when it cannot be started.
-std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
-                                           int* error);
+std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv, int* error,
+                                           const ProcessOptions& options = {});
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -36,7 +37,9 @@ class PosixChild final : public ChildProcess {
     return status_;
   }
 
+  uint32_t Id() const override { return static_cast<uint32_t>(pid_); }
   bool Kill() override { return reaped_ || kill(pid_, SIGKILL) == 0; }
+  bool RequestStop() override { return !reaped_ && kill(pid_, SIGTERM) == 0; }
 
  private:
   const pid_t pid_;
@@ -85,8 +88,8 @@ std::string ExecutablePath() {
   return n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string();
 }
 
-std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
-                                           int* error) {
+std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv, int* error,
+                                           const ProcessOptions& options) {
   if (argv.empty()) {
     *error = kErrInvalidParameter;
     return nullptr;
@@ -94,8 +97,15 @@ std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (!options.output_file.empty()) {
+    posix_spawn_file_actions_addopen(&actions, 1, options.output_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  }
   pid_t pid = 0;
-  const int rc = posix_spawn(&pid, args[0], nullptr, nullptr, args.data(), environ);
+  const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) {
     *error = posix::FromErrno(rc);
     return nullptr;

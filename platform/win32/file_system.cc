@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "platform/error.h"
 #include "platform/win32/errors.h"
@@ -44,6 +45,8 @@ char PathListSeparator() { return ';'; }
 const char* DefaultExecutableExtensions() { return ".COM;.EXE;.BAT;.CMD"; }
 
 std::string RuntimeDirectory() {
+  const char* dir = getenv("KZQ_RUNTIME_DIR");
+  if (dir != nullptr && *dir != '\0') return dir;
   char buffer[MAX_PATH + 1];
   const DWORD n = GetTempPathA(sizeof buffer, buffer);
   return n > 0 && n < sizeof buffer ? std::string(buffer, n) : std::string(".");

@@ -25,7 +25,9 @@ class Win32Child final : public ChildProcess {
     return static_cast<int>(code);
   }
 
+  uint32_t Id() const override { return GetProcessId(process_); }
   bool Kill() override { return TerminateProcess(process_, 137) != 0; }
+  bool RequestStop() override { return GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, Id()) != 0; }
 
  private:
   const HANDLE process_;
@@ -86,8 +88,17 @@ std::string ExecutablePath() {
   return n > 0 && n < sizeof path ? std::string(path, n) : std::string();
 }
 
-std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
-                                           int* error) {
+// The output file's handle, inheritable, for the child's standard output
+// and error; INVALID_HANDLE_VALUE when there is none.
+HANDLE OpenChildOutput(const std::string& path) {
+  if (path.empty()) return INVALID_HANDLE_VALUE;
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  return CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, CREATE_ALWAYS,
+                     FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv, int* error,
+                                           const ProcessOptions& options) {
   if (argv.empty()) {
     *error = kErrInvalidParameter;
     return nullptr;
@@ -99,12 +110,20 @@ std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
   }
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
-  PROCESS_INFORMATION info{};
-  if (!CreateProcessA(argv[0].c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                      nullptr, &startup, &info)) {
-    *error = win32::LastError();
-    return nullptr;
+  const HANDLE output = OpenChildOutput(options.output_file);
+  if (output != INVALID_HANDLE_VALUE) {
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = output;
+    startup.hStdError = output;
   }
+  PROCESS_INFORMATION info{};
+  // A process group of its own, so a stop request reaches the child alone.
+  const BOOL started = CreateProcessA(argv[0].c_str(), line.data(), nullptr, nullptr, output != INVALID_HANDLE_VALUE,
+                                      CREATE_NEW_PROCESS_GROUP, nullptr, nullptr, &startup, &info);
+  if (!started) *error = win32::LastError();
+  if (output != INVALID_HANDLE_VALUE) CloseHandle(output);
+  if (!started) return nullptr;
   CloseHandle(info.hThread);
   *error = kOk;
   return std::make_unique<Win32Child>(info.hProcess);

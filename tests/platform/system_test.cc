@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
+#include "platform/worker_thread.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -72,3 +74,29 @@ TEST(Clock, NowAgreesWithTheUnixClock) {
 }
 
 }  // namespace
+
+namespace {
+
+std::atomic<long> g_ticks{0};
+std::atomic<bool> g_finish{false};
+
+int CountUntilFinished() {
+  while (!g_finish) ++g_ticks;
+  return 0;
+}
+
+}  // namespace
+
+TEST(WorkerThread, SuspendedThreadMakesNoProgressUntilResumed) {
+  int error = 0;
+  auto worker = platform::StartWorkerThread(CountUntilFinished, &error);
+  ASSERT_NE(worker, nullptr) << error;
+  while (g_ticks == 0) platform::SleepMillis(1);
+  ASSERT_TRUE(worker->Suspend());
+  const long parked = g_ticks;
+  platform::SleepMillis(100);
+  EXPECT_EQ(g_ticks, parked);
+  ASSERT_TRUE(worker->Resume());
+  while (g_ticks == parked) platform::SleepMillis(1);
+  g_finish = true;
+}

@@ -1,0 +1,54 @@
+#include "platform/service_host.h"
+
+#include <windows.h>
+
+#include <atomic>
+
+namespace platform {
+namespace {
+
+std::atomic<ServiceEntry> g_entry{nullptr};
+std::atomic<ServiceControlHandler> g_handler{nullptr};
+
+// The service manager passes the service's own arguments; the entry takes
+// its configuration from the process's command line instead.
+void WINAPI ServiceMainTrampoline(DWORD, LPSTR*) {
+  if (ServiceEntry entry = g_entry.load()) entry();
+}
+
+void WINAPI HandlerTrampoline(DWORD control) {
+  if (ServiceControlHandler handler = g_handler.load()) handler(control);
+}
+
+}  // namespace
+
+bool RunServiceDispatcher(const char* name, ServiceEntry entry, int* error) {
+  g_entry = entry;
+  SERVICE_TABLE_ENTRYA table[] = {{const_cast<LPSTR>(name), ServiceMainTrampoline}, {nullptr, nullptr}};
+  if (StartServiceCtrlDispatcherA(table)) return true;
+  *error = static_cast<int>(GetLastError());
+  return false;
+}
+
+ServiceStatusHandle RegisterServiceControlHandler(const char* name, ServiceControlHandler handler, int* error) {
+  g_handler = handler;
+  SERVICE_STATUS_HANDLE handle = RegisterServiceCtrlHandlerA(name, HandlerTrampoline);
+  if (handle == nullptr) *error = static_cast<int>(GetLastError());
+  return reinterpret_cast<ServiceStatusHandle>(handle);
+}
+
+bool SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status, int* error) {
+  SERVICE_STATUS raw = {};
+  raw.dwServiceType = status.type;
+  raw.dwCurrentState = status.state;
+  raw.dwControlsAccepted = status.controls_accepted;
+  raw.dwWin32ExitCode = status.win32_exit_code;
+  raw.dwServiceSpecificExitCode = status.specific_exit_code;
+  raw.dwCheckPoint = status.check_point;
+  raw.dwWaitHint = status.wait_hint;
+  if (::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(handle), &raw)) return true;
+  *error = static_cast<int>(GetLastError());
+  return false;
+}
+
+}  // namespace platform

@@ -1,0 +1,91 @@
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/process.h"
+#include "tests/e2e/service_manager.h"
+#include "tests/support/temp_dir.h"
+
+namespace kzq_test {
+namespace {
+
+// The state number sc prints: "STATE              : 4  RUNNING".
+const char* StateNumberOf(ServiceManager::State state) {
+  switch (state) {
+    case ServiceManager::kRunning: return ": 4 ";
+    case ServiceManager::kPaused: return ": 7 ";
+    case ServiceManager::kStopping: return ": 3 ";
+    case ServiceManager::kStopped: return ": 1 ";
+  }
+  return "";
+}
+
+class ScManager final : public ServiceManager {
+ public:
+  explicit ScManager(const std::string& work_dir)
+      : output_(work_dir + "\\sc-output.txt"), name_("kzqtest" + std::to_string(platform::CurrentProcessId())) {}
+  ~ScManager() override {
+    if (installed_) {
+      Sc({"stop", name_});
+      Sc({"delete", name_});
+    }
+  }
+
+  bool Start(const std::string& program, const std::vector<std::string>& args) override {
+    std::string command = program;
+    for (const std::string& arg : args) command += " " + arg;
+    installed_ = Sc({"create", name_, "binPath=", command});
+    return installed_ && Sc({"start", name_});
+  }
+  // The service does not accept pause and continue, so the manager never
+  // sends them.
+  bool CanPause() const override { return false; }
+  bool Pause() override { return false; }
+  bool Continue() override { return false; }
+  bool Stop() override { return Sc({"stop", name_}); }
+
+  bool WaitFor(State state) override {
+    const uint64_t deadline = platform::MonotonicMillis() + 30000;
+    for (;;) {
+      if (Sc({"query", name_}) && last_.find(std::string("STATE              ") + StateNumberOf(state)) != std::string::npos)
+        return true;
+      if (platform::MonotonicMillis() > deadline) return false;
+      platform::SleepMillis(100);
+    }
+  }
+  int ExitCode() override {
+    Sc({"query", name_});
+    const size_t at = last_.find("WIN32_EXIT_CODE");
+    if (at == std::string::npos) return -1;
+    const size_t colon = last_.find(':', at);
+    return std::stoi(last_.substr(colon + 1));
+  }
+  std::string Log() const override { return log_; }
+
+ private:
+  bool Sc(std::vector<std::string> args) {
+    args.insert(args.begin(), "C:\\windows\\system32\\sc.exe");
+    int error = 0;
+    platform::ProcessOptions options;
+    options.output_file = output_;
+    auto sc = platform::StartProcess(args, &error, options);
+    if (sc == nullptr) return false;
+    const int rc = sc->Wait();
+    last_ = ReadFile(output_);
+    log_ += "sc " + args[1] + " -> " + std::to_string(rc) + "\n" + last_;
+    return rc == 0;
+  }
+
+  const std::string output_;
+  const std::string name_;
+  bool installed_ = false;
+  std::string last_, log_;
+};
+
+}  // namespace
+
+std::unique_ptr<ServiceManager> ServiceManager::Create(const std::string& work_dir) {
+  return std::make_unique<ScManager>(work_dir);
+}
+
+}  // namespace kzq_test
