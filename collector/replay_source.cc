@@ -45,8 +45,8 @@ std::string PackValue(const kzq::TableSpec& table, int index, const nlohmann::js
 // An empty collector row: texts blank, integers 0.
 std::string BlankRow(const kzq::TableSpec& table) {
   std::string row(static_cast<size_t>(CollectorRowLength(table)), '\0');
-  for (int i = table.IndexOf("SERVERID"); i < table.attribute_count; ++i)
-    if (table.attributes[i].type == kzq::kTypeText)
+  for (int i = 0; i < table.attribute_count; ++i)
+    if (table.offsets[i] >= table.CollectorOffset() && table.attributes[i].type == kzq::kTypeText)
       memset(&row[table.offsets[i] - table.CollectorOffset()], ' ', table.attributes[i].width);
   return row;
 }
@@ -59,7 +59,7 @@ std::string PackLine(const kzq::TableSpec& table, const nlohmann::json& line, st
     if (index < 0) return "unknown attribute '" + name + "' of " + table.name;
     if (table.offsets[index] < table.CollectorOffset())
       return "attribute " + std::string(table.attributes[index].name) + " of " + table.name +
-             " comes before SERVERID and is not sent by a collector";
+             " is filled by the agent, not sent by a collector";
     const std::string problem = PackValue(table, index, value, row->data());
     if (!problem.empty()) return problem;
   }

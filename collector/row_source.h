@@ -1,5 +1,6 @@
 // Where the collector's rows come from. A source answers a table with rows
-// in the table's collector layout: the row from SERVERID to its end.
+// in the table's collector layout: the row after the leading attributes
+// the agent fills (ORIGINNODE, SAMPLENO, ROWNO, TIMESTAMP).
 #pragma once
 
 #include <cstdint>

@@ -133,6 +133,18 @@ bool SendAll(IpcAnchor* anchor) {
   return true;
 }
 
+// A collector's header is not trusted beyond the bytes it sent: rows it
+// counts but did not send, a negative length or a product that overflows
+// are refused, and the word is answered with no rows.
+bool AnswerCoversRows(const std::string& word, int32_t numrow, int32_t lenrow, size_t received) {
+  if (numrow == 0) return true;
+  const int64_t needed = static_cast<int64_t>(numrow) * lenrow;
+  if (numrow > 0 && lenrow > 0 && static_cast<uint64_t>(needed) <= received) return true;
+  Log('e', "com2300", "Answer to %s refused: %d rows of %d bytes claimed, %lld bytes received\n", word.c_str(),
+      numrow, lenrow, static_cast<long long>(received));
+  return false;
+}
+
 bool ReceiveAll(IpcAnchor* anchor, time_t started) {
   const int wait = Clock().wait_seconds;
   int index = 0;
@@ -150,6 +162,7 @@ bool ReceiveAll(IpcAnchor* anchor, time_t started) {
       if (unique == anchor->last_unique) break;
       Log('i', "tsh0010", "Continue waiting...\n");
     }
+    if (!AnswerCoversRows(entry->word, numrow, lenrow, bytes.size())) numrow = 0;
     SetPipeRows(entry, numrow, lenrow, bytes.data());
   }
   return true;

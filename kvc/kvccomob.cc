@@ -21,6 +21,8 @@ constexpr uint32_t kReaderPollMs = 3000;
 constexpr int32_t kWatchdogSeconds = 180;
 constexpr int32_t kDefaultStaleSeconds = 90;
 constexpr int64_t kLargestReservation = 256LL << 20;
+// Above the largest sample a table can hold (100000 rows of at most 3 KB).
+constexpr int64_t kLargestAnswer = 512LL << 20;
 
 bool Verbose() { return Debug().full_debug; }
 bool DebugOn() { return Debug().debug; }
@@ -275,8 +277,12 @@ int ShareCommObject::GetData(const char* expected_unique, std::string* unique, i
       *rows = ReadInt(view_, area::kDataRows);
       *length = ReadInt(view_, area::kDataRowLength);
       const int64_t total = static_cast<int64_t>(*rows) * *length;
-      // A negative product is garbage from the writer: read what one chunk holds.
-      remaining = total == 0 ? static_cast<int64_t>(strlen(area::kEmptyAnswer)) : (total < 0 ? 1 : total);
+      // A negative product, or one beyond any real answer, is garbage from
+      // the writer: read what one chunk holds, and the receiver refuses
+      // the rows the bytes do not cover.
+      const bool garbage = total < 0 || total > kLargestAnswer;
+      if (garbage) Log('e', "nsh0041", "Answer of %d rows of %d bytes is not believed\n", *rows, *length);
+      remaining = total == 0 ? static_cast<int64_t>(strlen(area::kEmptyAnswer)) : (garbage ? 1 : total);
       // One allocation for the whole answer instead of a copy per doubling;
       // a size beyond any real answer is not trusted with an allocation.
       if (remaining <= kLargestReservation) bytes->reserve(static_cast<size_t>(remaining));

@@ -8,6 +8,7 @@
 #include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
 #include "kzq/tables.h"
+#include "kzq/take_sample.h"
 #include "platform/clock.h"
 
 namespace kzq {
@@ -53,7 +54,7 @@ void RegisterAllTables() {
 int AgentLoader() {
   if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Entering AgentLoader\n");
   g_message_output = kvc::OpenOutputFile("agt.out");
-  g_start_time = platform::NowUnixSeconds();
+  SetAgentStartTime(platform::NowUnixSeconds());
   for (const char* affinity : {"AFF_MS_SQL_SERVER", "AFF_V9", "AFF_FEAT_INTERNATIONALIZATION", "AFF_FEAT_DM_PARITY",
                                "AFF_FEAT_AGENT_MGMT"})
     AVR_SetAffinity(affinity);
@@ -63,10 +64,12 @@ int AgentLoader() {
   if (config.hostName != nullptr) AVR_SetHostname(config.hostName);
   if (config.serverId != nullptr) AVR_SetSubsystemId(config.serverId);
   AVR_SetNodeType("MSS");
+  InstallCollectorSampling();
   RegisterAllTables();
   return 0;
 }
 
 int64_t AgentStartTime() { return g_start_time.load(); }
+void SetAgentStartTime(int64_t seconds) { g_start_time = seconds; }
 
 }  // namespace kzq

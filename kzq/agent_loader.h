@@ -16,5 +16,7 @@ void RegisterAllTables();
 
 // When AgentLoader ran (seconds since 1970), 0 before.
 int64_t AgentStartTime();
+// Records the agent's start; AgentLoader calls it, tests move it.
+void SetAgentStartTime(int64_t seconds);
 
 }  // namespace kzq

@@ -94,8 +94,18 @@ struct TableSpec {
       if (upper_name == attributes[i].name) return i;
     return -1;
   }
-  // Offset of the collector's part of a row: everything from SERVERID on.
-  constexpr int CollectorOffset() const { return offsets[IndexOf("SERVERID")]; }
+  // Offset of the collector's part of a row: everything after the leading
+  // attributes the agent fills itself (ORIGINNODE, SAMPLENO, ROWNO,
+  // TIMESTAMP). That is SERVERID in most tables; a few tables have their
+  // own fields before it, and the collector sends those too.
+  constexpr int CollectorOffset() const {
+    int i = 0;
+    while (i < attribute_count && IsLeadingAttribute(attributes[i].name)) ++i;
+    return i < attribute_count ? offsets[i] : row_size;
+  }
+  static constexpr bool IsLeadingAttribute(std::string_view name) {
+    return name == "ORIGINNODE" || name == "SAMPLENO" || name == "ROWNO" || name == "TIMESTAMP";
+  }
 };
 
 template <typename... A>

@@ -12,6 +12,7 @@
 //       the i-th answer (from 0) has rows + i rows
 // Exit codes: 0 answered, 3 request discarded, 4 no request in time,
 // 5 the answer could not be sent.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -69,6 +70,11 @@ int Serve(int32_t rows, int32_t length, int count) {
 int main(int argc, char** argv) {
   if (argc == 7 && std::string(argv[3]) == "serve") return Serve(atoi(argv[4]), atoi(argv[5]), atoi(argv[6]));
   if (argc < 4 || kvc::InitShareMemory(argv[1], argv[2]) != 0) return 2;
+  // Tells a waiting test that the channel is open (process start-up under
+  // Wine takes longer than an agent's wait for its answer).
+  if (const char* ready = getenv("KVC_PEER_READY_FILE")) {
+    if (FILE* file = fopen(ready, "w")) fclose(file);
+  }
   const std::string mode = argv[3];
   std::string name, unique, statement;
   std::vector<std::string> attributes;
@@ -81,7 +87,8 @@ int main(int argc, char** argv) {
   if (mode == "answer" || mode == "die") {
     rows = atoi(argv[4]);
     length = atoi(argv[5]);
-    bytes = kzq_test::PatternBytes(static_cast<size_t>(rows) * static_cast<size_t>(length));
+    // A dying peer's header may claim any numbers: only its first chunk is real.
+    if (mode == "answer") bytes = kzq_test::PatternBytes(static_cast<size_t>(rows) * static_cast<size_t>(length));
   } else if (mode == "echo") {
     rows = static_cast<int32_t>(attributes.size());
     length = 20;

@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "framework/situation.h"
+#include "kzq/sample_rows.h"
+#include "kzq/sql_filter_walk.h"
+#include "kzq/tables.h"
+
+namespace {
+
+std::string Trimmed(std::string text) {
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\0')) text.pop_back();
+  return text;
+}
+
+kzq::StatusInputs Inputs(bool collector_up, bool database_up) {
+  kzq::StatusInputs in;
+  in.collector_up = collector_up;
+  in.database_up = database_up;
+  in.origin_node = "agent01";
+  in.server_id = "SQL1";
+  in.host_name = "db01";
+  in.time_stamp = "1261123101500000";
+  in.db_version = "16.0.4135.4";
+  return in;
+}
+
+TEST(StatusRow, NoDataRowNamesEveryCollectorTextAndTheServerState) {
+  kzq::RowBuilder row(kzq::kzqsrvre_spec);
+  kzq::BuildNoDataRow(row, Inputs(true, false), true);
+  for (const char* name : {"SRVVERSN", "MAXLOCK", "MAXBLOCK", "TBMXLOCK", "MAXSEVTIME", "UMAXLOCK", "UMAXBLOCK",
+                           "UTBMXLOCK", "SQLVER"})
+    EXPECT_EQ(Trimmed(row.Text(name)), "nodata") << name;
+  EXPECT_EQ(Trimmed(row.Text("MAXSEV")), "no");
+  EXPECT_EQ(Trimmed(row.Text("SRVSTATUS")), "Inactive");
+  EXPECT_EQ(row.Text("COLLSTATUS"), std::string("Active  \0\0\0\0", 12));
+  EXPECT_EQ(row.Text("ORIGINNODE"), "agent01" + std::string(57, ' '));
+  EXPECT_EQ(row.Int("SAMPLENO"), 1);
+  EXPECT_EQ(row.Int("ROWNO"), 1);
+  EXPECT_EQ(row.Int("NUMDBS"), 0);
+  EXPECT_EQ(row.Text("SAMPTIME"), "1261123101500000");
+  EXPECT_EQ(Trimmed(row.Text("SERVERID")), "SQL1");
+
+  // Without the zero fill the integers keep 0xFF, and the services decide
+  // the server state.
+  kzq::BuildNoDataRow(row, Inputs(false, false), false);
+  EXPECT_EQ(row.Int("NUMDBS"), -1);
+  EXPECT_EQ(Trimmed(row.Text("SRVSTATUS")), "Unknown");
+  kzq::BuildNoDataRow(row, Inputs(false, true), false);
+  EXPECT_EQ(Trimmed(row.Text("SRVSTATUS")), "Active");
+}
+
+TEST(StatusRow, SummaryTableWritesItsOwnFieldsInsteadOfNoData) {
+  kzq::RowBuilder row(kzq::kzqsrvs_spec);
+  kzq::BuildInactiveRow(row, Inputs(false, false));
+  EXPECT_EQ(Trimmed(row.Text("SRVTYPE")), "SQL Server");
+  EXPECT_EQ(row.Text("PMDESC"), " ");
+  EXPECT_EQ(Trimmed(row.Text("SQLVER")), "16.0.4135.4");
+  EXPECT_EQ(row.Text("SRVVERSN"), "16.0.413");
+  EXPECT_EQ(row.Text("SRVSTATUS"), std::string(12, '\xFF'));
+}
+
+TEST(StatusRow, ReasonFollowsTheTimeSinceStartThenTheStatusCode) {
+  EXPECT_STREQ(kzq::InactiveReason(539.9, 1), "Collector Initializing");
+  EXPECT_STREQ(kzq::InactiveReason(540.0, 1), "Data Collector Timeout");
+  EXPECT_STREQ(kzq::InactiveReason(540.0, 20), "Data Collector Timeout");
+  EXPECT_STREQ(kzq::InactiveReason(9999, 3), "Open Pipe Error");
+  EXPECT_STREQ(kzq::InactiveReason(9999, 4), "Pipe Create Error");
+  EXPECT_STREQ(kzq::InactiveReason(9999, 21), "Data Collector Error");
+}
+
+TEST(StatusRow, TablesWithOwnFieldsBeforeTheServerIdSendThemFromTheCollector) {
+  EXPECT_EQ(kzq::kzqbtchs_spec.CollectorOffset(), kzq::kzqbtchs_spec.offsets[kzq::kzqbtchs_spec.IndexOf("APARAMSEC")]);
+  EXPECT_EQ(kzq::CollectorRowLength(kzq::kzqlserr_spec), 1154 - 80);
+  EXPECT_EQ(kzq::CollectorRowLength(kzq::kzqsrvre_spec), 1516);
+  EXPECT_EQ(kzq::CollectorRowLength(kzq::kzqsrvcd_spec), 512);
+}
+
+// The SQL text table takes the session to ask for from a PID comparison.
+std::string SessionFor(const char* filter_text) {
+  std::string error;
+  auto lookup = [](std::string_view name) -> std::optional<framework::AttributeKind> {
+    const int i = kzq::kzqsql_spec.IndexOf(name);
+    if (i < 0) return std::nullopt;
+    return kzq::kzqsql_spec.attributes[i].type == kzq::kTypeText ? framework::AttributeKind::kText
+                                                                   : framework::AttributeKind::kInteger;
+  };
+  auto filter = framework::SituationFilter::Parse(filter_text, lookup, &error);
+  EXPECT_TRUE(filter.has_value()) << error;
+  framework::RequestDetail detail;
+  detail.table = "KZQSQL";
+  detail.filter = &*filter;
+  framework::ContextInfo context;
+  kzq::kzq_kzqsql_agent object(&detail, &context, nullptr);
+  const std::string session = kzq::SessionIdFromFilter(object);
+  framework::FilterInfo info;
+  EXPECT_EQ(object.GetFilterInfo(&info), 0) << "the walk is rewound";
+  return session;
+}
+
+TEST(SqlFilterWalk, SessionComesFromThePidComparisonOnly) {
+  EXPECT_EQ(SessionFor("SERVERID EQ 'SQL1' AND PID EQ 53"), "53");
+  EXPECT_EQ(SessionFor("SERVERID EQ 'SQL1'"), "");
+}
+
+}  // namespace
