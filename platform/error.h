@@ -26,6 +26,7 @@ inline constexpr int kErrNoMoreItems = 259;
 inline constexpr int kErrTooManyPosts = 298;
 inline constexpr int kErrGeneric = 31;  // ERROR_GEN_FAILURE
 inline constexpr int kErrKeyDeleted = 1018;
+inline constexpr int kErrServiceDoesNotExist = 1060;  // ERROR_SERVICE_DOES_NOT_EXIST
 inline constexpr int kErrNotStartedAsService = 1063;  // ERROR_FAILED_SERVICE_CONTROLLER_CONNECT
 inline constexpr int kErrServiceSpecific = 1066;
 inline constexpr int kErrNoneMapped = 1332;  // no such account
