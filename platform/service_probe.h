@@ -7,7 +7,8 @@
 // names in any case; "MSSQLSERVER=mssql-server" when unset), whose processes
 // are listed in `<KZQ_CGROUP_ROOT or /sys/fs/cgroup>/system.slice/<unit>.service/
 // cgroup.procs` (or below `systemd/` for a version 1 hierarchy). A name with
-// neither fails to open with 1060, as on Windows.
+// neither fails to open with 1060, as on Windows; one that cannot be a file
+// name (empty, over 256 characters, holding '/' or '\') with 123.
 #pragma once
 
 #include <cstdint>

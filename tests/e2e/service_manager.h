@@ -24,8 +24,8 @@ class ServiceManager {
   virtual bool Pause() = 0;
   virtual bool Continue() = 0;
   virtual bool Stop() = 0;
-  // Waits (up to 30 s) until the service has reported `state`.
-  virtual bool WaitFor(State state) = 0;
+  // Waits until the service has reported `state`.
+  virtual bool WaitFor(State state, int timeout_ms = 30000) = 0;
   // The exit code the stopped service left.
   virtual int ExitCode() = 0;
   // What the manager has seen, for failure messages.

@@ -56,8 +56,8 @@ class NotifySocketManager final : public ServiceManager {
 
   // Each state is looked for after the last one found, so a second
   // "running" needs a second READY.
-  bool WaitFor(State state) override {
-    const uint64_t deadline = platform::MonotonicMillis() + 30000;
+  bool WaitFor(State state, int timeout_ms) override {
+    const uint64_t deadline = platform::MonotonicMillis() + static_cast<uint64_t>(timeout_ms);
     for (;;) {
       const size_t found = log_.find(MarkerOf(state), seen_);
       if (found != std::string::npos) {

@@ -44,8 +44,8 @@ class ScManager final : public ServiceManager {
   bool Continue() override { return false; }
   bool Stop() override { return Sc({"stop", name_}); }
 
-  bool WaitFor(State state) override {
-    const uint64_t deadline = platform::MonotonicMillis() + 30000;
+  bool WaitFor(State state, int timeout_ms) override {
+    const uint64_t deadline = platform::MonotonicMillis() + static_cast<uint64_t>(timeout_ms);
     for (;;) {
       if (Sc({"query", name_}) && last_.find(std::string("STATE              ") + StateNumberOf(state)) != std::string::npos)
         return true;
