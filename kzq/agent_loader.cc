@@ -8,6 +8,7 @@
 #include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
 #include "kzq/tables.h"
+#include "kzq/errorlog_monitor.h"
 #include "kzq/take_sample.h"
 #include "platform/clock.h"
 
@@ -40,6 +41,18 @@ constexpr Registration kRegistrationOrder[] = {
 };
 static_assert(sizeof kRegistrationOrder / sizeof kRegistrationOrder[0] == kTableCount);
 
+// Every collector table samples from the collector; the error table
+// answers from the errorlog and runs its monitor while events are wanted.
+void InstallAgentSampling() {
+  SetSampleFunction([](framework::tavra& object, const TableSpec& spec) {
+    return spec.form == SampleForm::kPushed ? ErrorlogReportSample(object) : TakeCollectorSample(object, spec);
+  });
+  PushedTableHooks hooks;
+  hooks.started = [] { TheErrorlogMonitor().RequestStarted(); };
+  hooks.ended = [] { TheErrorlogMonitor().RequestEnded(); };
+  SetPushedTableHooks(hooks);
+}
+
 }  // namespace
 
 void RegisterAllTables() {
@@ -64,7 +77,7 @@ int AgentLoader() {
   if (config.hostName != nullptr) AVR_SetHostname(config.hostName);
   if (config.serverId != nullptr) AVR_SetSubsystemId(config.serverId);
   AVR_SetNodeType("MSS");
-  InstallCollectorSampling();
+  InstallAgentSampling();
   RegisterAllTables();
   return 0;
 }

@@ -21,6 +21,15 @@ using SampleFunction = int (*)(framework::tavra& object, const TableSpec& spec);
 void SetSampleFunction(SampleFunction function);
 SampleFunction CurrentSampleFunction();
 
+// The producer behind the pushed table: told when an event request opens
+// and when one closes, so it runs only while someone listens.
+struct PushedTableHooks {
+  void (*started)() = nullptr;
+  void (*ended)() = nullptr;
+};
+void SetPushedTableHooks(PushedTableHooks hooks);
+PushedTableHooks CurrentPushedTableHooks();
+
 // The behaviour that depends only on the layout; shared by all tables.
 int DumpRows(framework::tavra& object, const TableSpec& spec, unsigned samples, unsigned inserts);
 int DescribeAttribute(const TableSpec& spec, int index, framework::AttributeDescriptor* out);
@@ -92,6 +101,14 @@ template <typename Agent>
 class TableManagerOf : public framework::TableManager {
  public:
   TableManagerOf() : TableManager("KZQ", Agent::Table().key) {}
+  void EventRequestStarted(framework::tavra*) override {
+    const PushedTableHooks hooks = CurrentPushedTableHooks();
+    if (Agent::Table().form == SampleForm::kPushed && hooks.started != nullptr) hooks.started();
+  }
+  void EventRequestEnded(framework::tavra*) override {
+    const PushedTableHooks hooks = CurrentPushedTableHooks();
+    if (Agent::Table().form == SampleForm::kPushed && hooks.ended != nullptr) hooks.ended();
+  }
   framework::tavra* CreateObject(const framework::RequestDetail* detail,
                                  const framework::ContextInfo* context) override {
     return new (std::nothrow) Agent(detail, context, this);

@@ -37,6 +37,11 @@ char PathListSeparator();
 // tried as it stands.
 const char* DefaultExecutableExtensions();
 
+// The name of the directory's entry that matches `name` in any ASCII case
+// (the exact spelling first), or `name` itself when there is none. File
+// names are case-insensitive on Windows, where this is `name` unchanged.
+std::string FindEntryIgnoringCase(const std::string& directory, const std::string& name);
+
 // Where process-shared helper files (lock files, pid files) live:
 // $KZQ_RUNTIME_DIR, else /tmp on POSIX and the temporary directory on
 // Windows. Never empty.

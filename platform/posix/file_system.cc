@@ -1,5 +1,8 @@
 #include "platform/file_system.h"
 
+#include <dirent.h>
+#include <strings.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -44,6 +47,19 @@ char PathSeparator() { return '/'; }
 char PathListSeparator() { return ':'; }
 
 const char* DefaultExecutableExtensions() { return ""; }
+
+std::string FindEntryIgnoringCase(const std::string& directory, const std::string& name) {
+  DIR* dir = opendir(directory.c_str());
+  if (dir == nullptr) return name;
+  std::string found = name;
+  bool exact = false;
+  for (const dirent* entry = readdir(dir); entry != nullptr && !exact; entry = readdir(dir)) {
+    exact = name == entry->d_name;
+    if (exact || strcasecmp(name.c_str(), entry->d_name) == 0) found = entry->d_name;
+  }
+  closedir(dir);
+  return exact ? name : found;
+}
 
 std::string RuntimeDirectory() {
   const char* dir = getenv("KZQ_RUNTIME_DIR");

@@ -44,6 +44,8 @@ char PathListSeparator() { return ';'; }
 
 const char* DefaultExecutableExtensions() { return ".COM;.EXE;.BAT;.CMD"; }
 
+std::string FindEntryIgnoringCase(const std::string&, const std::string& name) { return name; }
+
 std::string RuntimeDirectory() {
   const char* dir = getenv("KZQ_RUNTIME_DIR");
   if (dir != nullptr && *dir != '\0') return dir;

@@ -1,0 +1,243 @@
+#include "kzq/errorlog_monitor.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/agent.h"
+#include "framework/trace.h"
+#include "kvc/kvcenv.h"
+#include "kvc/kvcstr.h"
+#include "kzq/error_event.h"
+#include "kzq/errorlog_queue.h"
+#include "kzq/errorlog_state.h"
+#include "kzq/tables.h"
+#include "platform/clock.h"
+#include "platform/dir_watch.h"
+#include "platform/file_system.h"
+
+namespace kzq {
+namespace {
+
+constexpr int kWatchWaitMillis = 250;  // how soon a park or a stop is noticed
+
+std::string Text(const char* value) { return value != nullptr ? value : ""; }
+
+bool NamesTheLog(const std::string& changed, const std::string& log_name) {
+  // The log and its generations ("ERRORLOG.1") all count as the log.
+  if (changed.size() < log_name.size()) return false;
+  for (size_t i = 0; i < log_name.size(); ++i)
+    if (toupper(static_cast<unsigned char>(changed[i])) != toupper(static_cast<unsigned char>(log_name[i])))
+      return false;
+  return true;
+}
+
+std::string OriginNode() {
+  static const std::string origin = [] {
+    char host[64];
+    DetermineLocalHost(host, sizeof host);
+    return std::string(host);
+  }();
+  return origin;
+}
+
+std::string RowOf(const std::string& event, int64_t now) {
+  const kvc::AgentConfig& config = kvc::TheAgentConfig();
+  platform::LocalTime local;
+  platform::ToLocal(now, &local);
+  local.millisecond = 0;
+  char stamp[64];
+  kvc::FormatTime(local, stamp, 4);
+  return BuildErrorRow(event, OriginNode(), config.serverId, config.hostName, stamp);
+}
+
+}  // namespace
+
+ErrorlogMonitor::ErrorlogMonitor(EmitRow emit_row, Clock now) : emit_row_(emit_row), now_(now) {}
+
+ErrorlogMonitor::~ErrorlogMonitor() {
+  {
+    std::lock_guard<std::mutex> guard(park_lock_);
+    stopping_ = true;
+    park_changed_.notify_all();
+  }
+  context_.roll_over = true;  // a running parser stops at its next line
+  if (thread_.joinable()) thread_.join();
+  if (parser_.joinable()) parser_.join();
+}
+
+void ErrorlogMonitor::RequestStarted() {
+  if (requests_ == 0) {
+    if (thread_.joinable()) {
+      TRC1_Printf("Resuming suspended MonitorErrorLog thread.\n");
+      std::lock_guard<std::mutex> guard(park_lock_);
+      parked_ = false;
+      park_changed_.notify_all();
+    } else {
+      thread_ = std::thread([this] { Run(); });
+    }
+  }
+  if (thread_.joinable()) ++requests_;
+  TRC1_Printf("event_request_count:%d.\n", requests_.load());
+}
+
+void ErrorlogMonitor::RequestEnded() {
+  if (requests_ == 0) {
+    TRC1_Printf("No thread exist.\n");
+    return;
+  }
+  TRC1_Printf("Request count decremented. event_request_count:%d.\n", --requests_);
+  if (requests_ != 0) return;
+  TRC1_Printf("Suspending thread. event_request_count:%d.\n", requests_.load());
+  {
+    std::lock_guard<std::mutex> guard(park_lock_);
+    parked_ = true;
+  }
+  TheErrorEventQueue().Clear();
+}
+
+bool ErrorlogMonitor::WaitWhileParked() {
+  std::unique_lock<std::mutex> guard(park_lock_);
+  park_changed_.wait(guard, [this] { return !parked_ || stopping_; });
+  return !stopping_;
+}
+
+void ErrorlogMonitor::Emit(const std::string& event) {
+  emit_row_(RowOf(event, now_()));
+  TheErrorEventQueue().AppendBounded(event, settings_.max_event_rows);
+}
+
+// Steps 1-8 of the monitor's start: where the log is, the settings, the
+// start-up scan and the resume point. False when the monitor cannot run.
+bool ErrorlogMonitor::Prepare(std::string* directory) {
+  kvc::AgentConfig& config = kvc::TheAgentConfig();
+  kvc::ReadAgentEnvironment(config);
+  const std::string log = Text(config.errorLog);
+  if (log.empty()) {
+    TRC1_Printf("\t\tError log name was not supplied.\n");
+    return false;
+  }
+  TRC1_Printf("\t\tErrolog file name is '%s'.\n", log.c_str());
+  const size_t slash = log.find_last_of("\\/");
+  if (slash == std::string::npos || slash == 0 || slash + 1 == log.size()) {
+    TRC1_Printf("\t\tInvalid Errorlog Path : '%s'.\n", log.c_str());
+    return false;
+  }
+  *directory = log.substr(0, slash);
+  // On Linux the server writes "errorlog": the name is matched in any case.
+  context_.log_path = *directory + log[slash] + platform::FindEntryIgnoringCase(*directory, log.substr(slash + 1));
+  settings_ = ReadErrorlogSettings();
+  context_.min_severity = settings_.min_severity;
+  TRC1_Printf("\t\t Errorlog min severity :'%d'.\n", context_.min_severity);
+  context_.state_file = ErrorStateFilePath(Text(config.home), Text(config.version), Text(config.serverId));
+  TRC1_Printf("\t\t PrevParseDetailFile:%s.\n", context_.state_file.c_str());
+  return true;
+}
+
+void ErrorlogMonitor::Run() {
+  std::string directory;
+  if (!Prepare(&directory)) return;
+  int error = 0;
+  std::unique_ptr<platform::DirectoryWatch> watch = platform::WatchDirectory(directory, &error);
+  if (watch == nullptr) {
+    TRC1_Printf("\t\tCreateFile Function Failed. Errorcode:%ld.\n", static_cast<long>(error));
+    return;
+  }
+  ErrorEventQueue& queue = TheErrorEventQueue();
+  StartupScan(settings_, context_.state_file, context_.log_path, context_.roll_over,
+              [&queue](const std::string& event) { queue.Append(event); }, now_);
+  for (const std::string& event : queue.Snapshot()) emit_row_(RowOf(event, now_()));
+  queue.Trim(settings_.max_event_rows);
+  ResumeFromStateFile();
+  WatchLoop(directory, *watch);
+}
+
+void ErrorlogMonitor::ResumeFromStateFile() {
+  const auto point = ReadResumePoint(context_.state_file, 50);
+  if (!point.has_value()) {
+    TRC1_Printf("\t\tError in opening file :%s.\n", context_.state_file.c_str());
+    // Only what is written from now on is reported.
+    FILE* file = fopen(context_.log_path.c_str(), "rb");
+    long size = 0;
+    if (file != nullptr && fseek(file, 0, SEEK_END) == 0) size = ftell(file);
+    if (file != nullptr) fclose(file);
+    context_.offset = size < 0 ? 0 : size;
+    return;
+  }
+  if (point->values < 3) TRC1_Printf("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
+  else context_.offset = point->offset;
+  if (context_.offset < 0) {
+    TRC1_Printf("\t\t Offset is:%ld.\n", context_.offset.load());
+    context_.offset = 0;
+  }
+}
+
+void ErrorlogMonitor::WatchLoop(const std::string& directory, platform::DirectoryWatch& watch) {
+  const std::string log_name = context_.log_path.substr(directory.size() + 1);
+  std::string changed;
+  int error = 0;
+  watching_ = true;
+  while (WaitWhileParked()) {
+    const platform::WatchResult result = watch.Next(&changed, kWatchWaitMillis, &error);
+    if (result == platform::WatchResult::kFailed) {
+      TRC1_Printf("\t\tReadDirectoryChangesW failed with Error:%ld.\n", static_cast<long>(error));
+      watching_ = false;
+      return;
+    }
+    if (result == platform::WatchResult::kChanged && NamesTheLog(changed, log_name)) StartParser();
+  }
+}
+
+// At most one parser reads at a time; a change that comes while it reads
+// makes it read once more when it is done.
+void ErrorlogMonitor::StartParser() {
+  if (parser_running_) {
+    context_.more_changes = true;
+    return;
+  }
+  if (parser_.joinable()) parser_.join();
+  parser_running_ = true;
+  parser_ = std::thread([this] {
+    // A change flagged just after the run looked for one is not lost: the
+    // thread takes it itself unless a new run has begun.
+    do {
+      ParseNewLogText(context_, [this](const std::string& event) { Emit(event); }, now_);
+      parser_running_ = false;
+    } while (context_.more_changes.exchange(false) && !parser_running_.exchange(true));
+  });
+}
+
+int ErrorlogReportSample(framework::tavra& object) {
+  ErrorEventQueue& queue = TheErrorEventQueue();
+  if (TheErrorlogMonitor().RequestCount() == 0) {
+    // The queue is filled afresh, so no error is answered twice.
+    queue.Clear();
+    kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
+    const std::string log = Text(kvc::TheAgentConfig().errorLog);
+    const ErrorlogSettings settings = ReadErrorlogSettings();
+    const size_t slash = log.find_last_of("\\/");
+    if (slash != std::string::npos) {
+      const std::string path =
+          log.substr(0, slash + 1) + platform::FindEntryIgnoringCase(log.substr(0, slash), log.substr(slash + 1));
+      int count = 0;
+      FileScan scan{LogTime{}, settings.min_severity, nullptr, settings.max_event_rows, &count, nullptr,
+                    [&queue](const std::string& event) { queue.Append(event); }, platform::NowUnixSeconds};
+      ScanLogFile(path, scan);
+    }
+    TRC1_Printf("Size of queue:%d.\n", queue.Size());
+  }
+  for (const std::string& event : queue.Snapshot()) {
+    const std::string row = RowOf(event, platform::NowUnixSeconds());
+    object.AddRows(row.data(), 1);
+  }
+  return 0;
+}
+
+ErrorlogMonitor& TheErrorlogMonitor() {
+  // Never destroyed: its thread lives as long as the process.
+  static auto* monitor = new ErrorlogMonitor([](const std::string& row) { kzqerror_push(row.data(), 1); },
+                                             platform::NowUnixSeconds);
+  return *monitor;
+}
+
+}  // namespace kzq

@@ -1,0 +1,30 @@
+// Reading what the database server has added to its errorlog since the
+// last read: each error at or above the minimum severity, and each
+// symptom dump, becomes an event, and the resume point follows every line.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace kzq {
+
+// What the monitor lends each parser run.
+struct ErrorlogContext {
+  std::atomic<long> offset{0};  // where the next read starts; 0: after the header block
+  int min_severity = 17;
+  std::string state_file;       // "" when none is kept
+  std::string log_path;         // the ERRORLOG file itself
+  std::atomic<bool> more_changes{false};  // a change came while a run was reading
+  std::atomic<bool> roll_over{false};     // stop reading: the log is being cycled
+};
+
+using EmitEvent = std::function<void(const std::string& event)>;
+using Clock = int64_t (*)();
+
+// One run: reads from the context's offset to the end of the log (again
+// while more changes were reported meanwhile). Returns the events found.
+int ParseNewLogText(ErrorlogContext& context, const EmitEvent& emit, Clock now);
+
+}  // namespace kzq
