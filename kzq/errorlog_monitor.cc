@@ -5,11 +5,11 @@
 #include <cstring>
 
 #include "framework/agent.h"
-#include "framework/trace.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcstr.h"
 #include "kzq/error_event.h"
 #include "kzq/errorlog_queue.h"
+#include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_state.h"
 #include "kzq/tables.h"
 #include "platform/clock.h"
@@ -69,7 +69,7 @@ ErrorlogMonitor::~ErrorlogMonitor() {
 void ErrorlogMonitor::RequestStarted() {
   if (requests_ == 0) {
     if (thread_.joinable()) {
-      TRC1_Printf("Resuming suspended MonitorErrorLog thread.\n");
+      ERRORLOG_FLOW("Resuming suspended MonitorErrorLog thread.\n");
       std::lock_guard<std::mutex> guard(park_lock_);
       parked_ = false;
       park_changed_.notify_all();
@@ -78,17 +78,18 @@ void ErrorlogMonitor::RequestStarted() {
     }
   }
   if (thread_.joinable()) ++requests_;
-  TRC1_Printf("event_request_count:%d.\n", requests_.load());
+  ERRORLOG_FLOW("event_request_count:%d.\n", requests_.load());
 }
 
 void ErrorlogMonitor::RequestEnded() {
   if (requests_ == 0) {
-    TRC1_Printf("No thread exist.\n");
+    ERRORLOG_FAILURE("No thread exist.\n");
     return;
   }
-  TRC1_Printf("Request count decremented. event_request_count:%d.\n", --requests_);
-  if (requests_ != 0) return;
-  TRC1_Printf("Suspending thread. event_request_count:%d.\n", requests_.load());
+  const int remaining = --requests_;
+  ERRORLOG_FLOW("Request count decremented. event_request_count:%d.\n", remaining);
+  if (remaining != 0) return;
+  ERRORLOG_FLOW("Suspending thread. event_request_count:%d.\n", requests_.load());
   {
     std::lock_guard<std::mutex> guard(park_lock_);
     parked_ = true;
@@ -114,13 +115,13 @@ bool ErrorlogMonitor::Prepare(std::string* directory) {
   kvc::ReadAgentEnvironment(config);
   const std::string log = Text(config.errorLog);
   if (log.empty()) {
-    TRC1_Printf("\t\tError log name was not supplied.\n");
+    ERRORLOG_FAILURE("\t\tError log name was not supplied.\n");
     return false;
   }
-  TRC1_Printf("\t\tErrolog file name is '%s'.\n", log.c_str());
+  ERRORLOG_FLOW("\t\tErrolog file name is '%s'.\n", log.c_str());
   const size_t slash = log.find_last_of("\\/");
   if (slash == std::string::npos || slash == 0 || slash + 1 == log.size()) {
-    TRC1_Printf("\t\tInvalid Errorlog Path : '%s'.\n", log.c_str());
+    ERRORLOG_FAILURE("\t\tInvalid Errorlog Path : '%s'.\n", log.c_str());
     return false;
   }
   *directory = log.substr(0, slash);
@@ -128,9 +129,9 @@ bool ErrorlogMonitor::Prepare(std::string* directory) {
   context_.log_path = *directory + log[slash] + platform::FindEntryIgnoringCase(*directory, log.substr(slash + 1));
   settings_ = ReadErrorlogSettings();
   context_.min_severity = settings_.min_severity;
-  TRC1_Printf("\t\t Errorlog min severity :'%d'.\n", context_.min_severity);
+  ERRORLOG_FLOW("\t\t Errorlog min severity :'%d'.\n", context_.min_severity);
   context_.state_file = ErrorStateFilePath(Text(config.home), Text(config.version), Text(config.serverId));
-  TRC1_Printf("\t\t PrevParseDetailFile:%s.\n", context_.state_file.c_str());
+  ERRORLOG_FLOW("\t\t PrevParseDetailFile:%s.\n", context_.state_file.c_str());
   return true;
 }
 
@@ -140,7 +141,7 @@ void ErrorlogMonitor::Run() {
   int error = 0;
   std::unique_ptr<platform::DirectoryWatch> watch = platform::WatchDirectory(directory, &error);
   if (watch == nullptr) {
-    TRC1_Printf("\t\tCreateFile Function Failed. Errorcode:%ld.\n", static_cast<long>(error));
+    ERRORLOG_FAILURE("\t\tCreateFile Function Failed. Errorcode:%ld.\n", static_cast<long>(error));
     return;
   }
   ErrorEventQueue& queue = TheErrorEventQueue();
@@ -155,7 +156,7 @@ void ErrorlogMonitor::Run() {
 void ErrorlogMonitor::ResumeFromStateFile() {
   const auto point = ReadResumePoint(context_.state_file, 50);
   if (!point.has_value()) {
-    TRC1_Printf("\t\tError in opening file :%s.\n", context_.state_file.c_str());
+    ERRORLOG_FAILURE("\t\tError in opening file :%s.\n", context_.state_file.c_str());
     // Only what is written from now on is reported.
     FILE* file = fopen(context_.log_path.c_str(), "rb");
     long size = 0;
@@ -164,10 +165,10 @@ void ErrorlogMonitor::ResumeFromStateFile() {
     context_.offset = size < 0 ? 0 : size;
     return;
   }
-  if (point->values < 3) TRC1_Printf("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
+  if (point->values < 3) ERRORLOG_FAILURE("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
   else context_.offset = point->offset;
   if (context_.offset < 0) {
-    TRC1_Printf("\t\t Offset is:%ld.\n", context_.offset.load());
+    ERRORLOG_FAILURE("\t\t Offset is:%ld.\n", context_.offset.load());
     context_.offset = 0;
   }
 }
@@ -180,7 +181,7 @@ void ErrorlogMonitor::WatchLoop(const std::string& directory, platform::Director
   while (WaitWhileParked()) {
     const platform::WatchResult result = watch.Next(&changed, kWatchWaitMillis, &error);
     if (result == platform::WatchResult::kFailed) {
-      TRC1_Printf("\t\tReadDirectoryChangesW failed with Error:%ld.\n", static_cast<long>(error));
+      ERRORLOG_FAILURE("\t\tReadDirectoryChangesW failed with Error:%ld.\n", static_cast<long>(error));
       watching_ = false;
       return;
     }
@@ -224,7 +225,7 @@ int ErrorlogReportSample(framework::tavra& object) {
                     [&queue](const std::string& event) { queue.Append(event); }, platform::NowUnixSeconds};
       ScanLogFile(path, scan);
     }
-    TRC1_Printf("Size of queue:%d.\n", queue.Size());
+    ERRORLOG_FLOW("Size of queue:%d.\n", queue.Size());
   }
   for (const std::string& event : queue.Snapshot()) {
     const std::string row = RowOf(event, platform::NowUnixSeconds());

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "framework/trace.h"
 #include "kzq/errorlog_events.h"
+#include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_line.h"
 #include "kzq/errorlog_state.h"
 #include "kzq/utf16_line_reader.h"
@@ -22,8 +22,8 @@ void SkipHeader(Utf16LineReader& reader) {
 void PositionReader(ErrorlogContext& context, Utf16LineReader& reader) {
   if (context.offset != 0 && reader.Seek(context.offset)) return;
   if (context.offset != 0) {
-    TRC1_Printf("\t\tError in setting pointer at Offset:%ld.\n", context.offset.load());
-    TRC1_Printf("\t\tSettting pointer to the begening.\n");
+    ERRORLOG_FAILURE("\t\tError in setting pointer at Offset:%ld.\n", context.offset.load());
+    ERRORLOG_FAILURE("\t\tSettting pointer to the begening.\n");
   }
   reader.Seek(0);
   SkipHeader(reader);
@@ -38,7 +38,7 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
     context.offset = reader.Tell();
     if (context.roll_over) return;
     if (!ReadWholeLine(reader, &line)) {
-      TRC1_Printf("\t\tError in fgetws\n");
+      ERRORLOG_FAILURE("\t\tError in fgetws\n");
       return;
     }
     LogLine split;
@@ -48,7 +48,7 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
     if (IsErrorLine(line)) {
       ErrorNumbers numbers;
       if (!ParseErrorNumbers(split.text, &numbers.error, &numbers.severity, &numbers.state)) {
-        TRC1_Printf("\t\tError in swscanf while parsing Error.\n");
+        ERRORLOG_FAILURE("\t\tError in swscanf while parsing Error.\n");
         numbers.severity = -1;
       }
       if (numbers.severity >= context.min_severity) {
@@ -60,7 +60,7 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
           // The message is not written yet: the error line is read again
           // with it next time.
           context.offset = error_line;
-          TRC1_Printf("\t\tError in fgetws\n");
+          ERRORLOG_FAILURE("\t\tError in fgetws\n");
           return;
         }
         emit(event);
@@ -82,17 +82,17 @@ int ParseNewLogText(ErrorlogContext& context, const EmitEvent& emit, Clock now) 
   for (;;) {
     FILE* file = fopen(context.log_path.c_str(), "rb");
     if (file == nullptr) {
-      TRC1_Printf("\t\tERRORLOG FILE '%s' cannot be opened.\n", context.log_path.c_str());
+      ERRORLOG_FAILURE("\t\tERRORLOG FILE '%s' cannot be opened.\n", context.log_path.c_str());
       return count;
     }
     Utf16LineReader reader(file);
     PositionReader(context, reader);
     ReadToEnd(context, reader, emit, now, &count);
-    TRC1_Printf("\t\tIn done part\n");
+    ERRORLOG_FLOW("\t\tIn done part\n");
     fclose(file);
     if (!context.more_changes.exchange(false)) break;
   }
-  TRC1_Printf("\n Number of error found :%d.\n", count);
+  ERRORLOG_FLOW("\n Number of error found :%d.\n", count);
   return count;
 }
 

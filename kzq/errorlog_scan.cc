@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <optional>
 
-#include "framework/trace.h"
 #include "kzq/errorlog_events.h"
+#include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_state.h"
 #include "kzq/utf16_line_reader.h"
 #include "platform/clock.h"
@@ -38,7 +38,7 @@ std::optional<LogLine> LastLine(FILE* file, long size) {
 void RecordFileEnd(FILE* file, long size, const std::string& state_file) {
   const std::optional<LogLine> last = LastLine(file, size);
   if (!last.has_value()) {
-    TRC1_Printf("\n Error in taking last file time abd date.\n");
+    ERRORLOG_FAILURE("\n Error in taking last file time abd date.\n");
     return;
   }
   WriteResumePoint(state_file, {last->date_word, last->time_word, size, 3});
@@ -58,7 +58,7 @@ bool TakeLine(Utf16LineReader& reader, const std::u16string& line, const FileSca
   if (IsErrorLine(line)) {
     ErrorNumbers numbers;
     if (!ParseErrorNumbers(split.text, &numbers.error, &numbers.severity, &numbers.state)) {
-      TRC1_Printf("\t\tError in swscanf while parsing Error.\n");
+      ERRORLOG_FAILURE("\t\tError in swscanf while parsing Error.\n");
       return false;
     }
     // Strictly above the minimum: the live monitor also takes the minimum.
@@ -82,11 +82,11 @@ ErrorlogSettings ReadErrorlogSettings() {
   s.startup_rows = EnvInt("COLL_ERRORLOG_STARTUP_MAX_EVENT_ROW", 0);
   s.max_event_rows = EnvInt("COLL_ERRORLOG_MAX_EVENT_ROW", 50);
   if (s.max_event_rows < 0) {
-    TRC1_Printf("\t\tWrong value of MS_ERROR_MAX_EVENT_ROW:%d\n", s.max_event_rows);
+    ERRORLOG_FAILURE("\t\tWrong value of MS_ERROR_MAX_EVENT_ROW:%d\n", s.max_event_rows);
     s.max_event_rows = 50;
   }
   s.min_severity = EnvInt("COLL_ALERT_SEV", 17);
-  TRC1_Printf("\t\t Errrolog Configuration: statrup_minutes ='%d', startup_rows='%d', max_event_row='%d'.\n",
+  ERRORLOG_FLOW("\t\t Errrolog Configuration: statrup_minutes ='%d', startup_rows='%d', max_event_row='%d'.\n",
               s.startup_minutes, s.startup_rows, s.max_event_rows);
   return s;
 }
@@ -98,14 +98,14 @@ LogTime ReadTime(int minutes, int64_t now) {
     platform::ToLocal(now - static_cast<int64_t>(minutes) * 60, &local);
     t = {local.year - 1900, local.month, local.day, local.hour, local.minute, local.second};
   }
-  TRC1_Printf("\t\t read_time is '%d-%d-%d %d:%d:%d'.\n", t.year, t.month, t.day, t.hour, t.minute, t.second);
+  ERRORLOG_FLOW("\t\t read_time is '%d-%d-%d %d:%d:%d'.\n", t.year, t.month, t.day, t.hour, t.minute, t.second);
   return t;
 }
 
 ScanResult ScanLogFile(const std::string& path, const FileScan& scan) {
   FILE* file = fopen(path.c_str(), "rb");
   if (file == nullptr) {
-    TRC1_Printf("\t\tERRORLOG FILE '%s' cannot be opened.\n", path.c_str());
+    ERRORLOG_FAILURE("\t\tERRORLOG FILE '%s' cannot be opened.\n", path.c_str());
     return kScanNoFile;
   }
   fseek(file, 0, SEEK_END);
@@ -118,7 +118,7 @@ ScanResult ScanLogFile(const std::string& path, const FileScan& scan) {
   while (result != kScanDone && step_end - kStep >= 0 && !(scan.roll_over != nullptr && *scan.roll_over)) {
     reader.Seek(step_end - kStep);
     if (!reader.ReadLine(&line, kMaxLogLineUnits)) {
-      TRC1_Printf("\t\tError in fgetws\n");
+      ERRORLOG_FAILURE("\t\tError in fgetws\n");
       break;
     }
     const long earlier_end = reader.Tell();
@@ -143,14 +143,14 @@ void StartupScan(const ErrorlogSettings& settings, const std::string& state_file
   std::optional<LogTime> state_time;
   const auto point = ReadResumePoint(state_file, 35);
   if (!point.has_value()) {
-    TRC1_Printf("\t\t File '%s' not exist.\n", state_file.c_str());
+    ERRORLOG_FAILURE("\t\t File '%s' not exist.\n", state_file.c_str());
   } else if (point->values < 2) {
-    TRC1_Printf("\t\tError in Reading file: '%s'.\n", state_file.c_str());
+    ERRORLOG_FAILURE("\t\tError in Reading file: '%s'.\n", state_file.c_str());
   } else {
     LogLine words{point->date_word, point->time_word, u"", u""};
     LogTime t;
     if (ParseLineTime(words, &t)) state_time = t;
-    else TRC1_Printf("\t\t Date is not in corerct format.\n");
+    else ERRORLOG_FAILURE("\t\t Date is not in corerct format.\n");
   }
   LogTime start = read_time;
   if (state_time.has_value())

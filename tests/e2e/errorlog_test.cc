@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "kvc/kvcenv.h"
+#include "framework/table_manager.h"
+#include "kzq/agent_loader.h"
 #include "kzq/catalogue.h"
 #include "kzq/errorlog_monitor.h"
 #include "kzq/errorlog_queue.h"
@@ -185,6 +187,24 @@ TEST_F(Errorlog, TheStartUpScanQueuesOlderErrorsAcrossGenerations) {
   EXPECT_EQ(Field(rows[2], "UMSGTEXT"), "ERRORLOG.2");
 }
 
+TEST_F(Errorlog, TheStartUpScanStopsAtItsTimeSpanAndRowBudget) {
+  platform::SetEnv("COLL_ERRORLOG_STARTUP_MAX_TIME", "60");
+  platform::SetEnv("COLL_ERRORLOG_STARTUP_MAX_EVENT_ROW", "3");
+  // Three hours ago, then within the last hour: only the recent ones count.
+  platform::LocalTime now;
+  platform::ToLocal(platform::NowUnixSeconds() - 3 * 3600, &now);
+  kzq_test::LogClock old{now.year, now.month, now.day, now.hour, now.minute, now.second, 0};
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), old);
+  writer.InfoLines(40).Error("spid90", 801, 20, 1, "too old").Advance(2 * 3600 + 1800);
+  for (int i = 1; i <= 4; ++i) writer.Advance(60).InfoLines(20).Error("spid90", 810 + i, 20, 1, "recent " + std::to_string(i));
+  writer.InfoLines(40);
+  auto monitor = StartMonitor();
+  std::vector<std::string> texts;
+  for (const std::string& row : RowsWhen(3)) texts.push_back(Field(row, "UMSGTEXT"));
+  // The newest three, oldest first within a step.
+  EXPECT_EQ(texts, (std::vector<std::string>{"recent 4", "recent 3", "recent 2"}));
+}
+
 TEST_F(Errorlog, AReportSampleAnswersTheNewestErrorsOnce) {
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
   writer.InfoLines(40).Error("spid80", 701, 20, 3, "one").Error("spid80", 702, 22, 3, "two").InfoLines(40);
@@ -198,6 +218,53 @@ TEST_F(Errorlog, AReportSampleAnswersTheNewestErrorsOnce) {
     const std::string first(reinterpret_cast<const char*>(object.Data()), object.RowSize());
     EXPECT_EQ(Field(first, "UMSGTEXT"), "one");
   }
+}
+
+// Through the framework, as the agent runs it: an event request on the
+// error table starts the agent's own monitor and receives each error.
+class Listener : public framework::RowConsumer {
+ public:
+  int Deliver(const framework::tavra& table) override {
+    std::lock_guard<std::mutex> guard(lock);
+    for (int i = 0; i < table.NumDataItems(); ++i)
+      rows.emplace_back(reinterpret_cast<const char*>(table.Data()) + static_cast<size_t>(i) * table.RowSize(),
+                        static_cast<size_t>(table.RowSize()));
+    return 0;
+  }
+  std::mutex lock;
+  std::vector<std::string> rows;
+};
+
+TEST_F(Errorlog, AnEventRequestOnTheErrorTableReceivesEachErrorAtOnce) {
+  platform::SetEnv("KVCLOGDIR", home_->Path());
+  kzq::AgentLoader();
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  Listener listener;
+  framework::RequestDetail detail;
+  detail.table = "KZQERROR";
+  detail.type = framework::kSampleEvent;
+  detail.consumer = &listener;
+  const framework::ContextInfo context;
+  framework::TableManager* manager = framework::TableManager::Find("KZQERROR");
+  ASSERT_NE(manager, nullptr);
+  framework::tavra* request = manager->OpenRequest(&detail, &context);
+  ASSERT_NE(request, nullptr);
+  EXPECT_EQ(kzq::TheErrorlogMonitor().RequestCount(), 1);
+  const uint64_t deadline = platform::MonotonicMillis() + 10000;
+  while (!kzq::TheErrorlogMonitor().Watching() && platform::MonotonicMillis() < deadline) platform::SleepMillis(5);
+  writer.Error("spid99", 9001, 21, 1, "The log for database 'sales' is not available.");
+  size_t received = 0;
+  while (received == 0 && platform::MonotonicMillis() < deadline) {
+    platform::SleepMillis(5);
+    std::lock_guard<std::mutex> guard(listener.lock);
+    received = listener.rows.size();
+  }
+  manager->CloseRequest(request);
+  EXPECT_EQ(kzq::TheErrorlogMonitor().RequestCount(), 0);
+  std::lock_guard<std::mutex> guard(listener.lock);
+  ASSERT_EQ(listener.rows.size(), 1u);
+  EXPECT_EQ(Field(listener.rows[0], "ERRORID"), "9001");
+  EXPECT_EQ(Field(listener.rows[0], "UMSGTEXT"), "The log for database 'sales' is not available.");
 }
 
 }  // namespace
