@@ -42,7 +42,10 @@ int ReadWait(const char* setting, int fallback) {
 
 void SetError(IpcAnchor* anchor, uint32_t code, const char* text) {
   anchor->error_code = code;
-  snprintf(anchor->error_text, sizeof anchor->error_text, "%s", text);
+  // The anchor keeps the first 22 characters; longer texts are cut on purpose.
+  const size_t n = strnlen(text, sizeof anchor->error_text - 1);
+  memcpy(anchor->error_text, text, n);
+  anchor->error_text[n] = '\0';
 }
 
 // Endpoint results become anchor errors; other negative results leave the

@@ -45,17 +45,50 @@ std::string ErrorStateFilePath(const std::string& home, const std::string& versi
   return home + sep + "tmp" + sep + version + sep + server_id + sep + server_id + "_KZQERROR_EVENT";
 }
 
-bool WriteResumePoint(const std::string& path, const ResumePoint& point) {
-  const size_t slash = path.find_last_of("\\/");
-  if (slash != std::string::npos) platform::CreateDirectories(path.substr(0, slash));
+namespace {
+
+std::string ResumeLine(const ResumePoint& point) {
   std::string bytes;
-  PutUnits(point.date_word + u" " + point.time_word + u" " +
-               platform::Utf8ToUtf16(std::to_string(point.offset)) + u"\n",
+  PutUnits(point.date_word + u" " + point.time_word + u" " + platform::Utf8ToUtf16(std::to_string(point.offset)) +
+               u"\n",
            &bytes);
+  return bytes;
+}
+
+// Opens the file truncated, making its directory on the first write.
+FILE* OpenTruncated(const std::string& path) {
   FILE* file = fopen(path.c_str(), "wb");
-  if (file == nullptr) return false;
-  const bool written = fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-  return fclose(file) == 0 && written;
+  const size_t slash = path.find_last_of("\\/");
+  if (file == nullptr && slash != std::string::npos) {
+    platform::CreateDirectories(path.substr(0, slash));
+    file = fopen(path.c_str(), "wb");
+  }
+  return file;
+}
+
+}  // namespace
+
+bool WriteResumePoint(const std::string& path, const ResumePoint& point) {
+  ResumePointWriter writer(path);
+  return writer.Save(point);
+}
+
+ResumePointWriter::~ResumePointWriter() {
+  if (file_ != nullptr) fclose(file_);
+}
+
+bool ResumePointWriter::Save(const ResumePoint& point) {
+  const std::string bytes = ResumeLine(point);
+  if (file_ != nullptr && bytes.size() < written_) {
+    fclose(file_);
+    file_ = nullptr;
+  }
+  if (file_ == nullptr) file_ = OpenTruncated(path_);
+  if (file_ == nullptr) return false;
+  const bool saved = fseek(file_, 0, SEEK_SET) == 0 && fwrite(bytes.data(), 1, bytes.size(), file_) == bytes.size() &&
+                     fflush(file_) == 0;
+  written_ = bytes.size();
+  return saved;
 }
 
 std::optional<ResumePoint> ReadResumePoint(const std::string& path, size_t max_units) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -22,6 +23,24 @@ std::string ErrorStateFilePath(const std::string& home, const std::string& versi
 // Rewrites the whole file with "<date> <time> <offset>\n" in UTF-16LE,
 // making its directory first when needed. False when it cannot be written.
 bool WriteResumePoint(const std::string& path, const ResumePoint& point);
+
+// Keeps the state file open while a parser run saves point after point:
+// each save overwrites the line in place (reopening to truncate only when
+// the line got shorter), which costs one write instead of an open, a write
+// and a close.
+class ResumePointWriter {
+ public:
+  explicit ResumePointWriter(std::string path) : path_(std::move(path)) {}
+  ~ResumePointWriter();
+  ResumePointWriter(const ResumePointWriter&) = delete;
+  ResumePointWriter& operator=(const ResumePointWriter&) = delete;
+  bool Save(const ResumePoint& point);
+
+ private:
+  std::string path_;
+  FILE* file_ = nullptr;
+  size_t written_ = 0;  // bytes of the line now in the file
+};
 
 // Reads the first line (at most `max_units` units, as the writer never
 // writes more) word by word. std::nullopt when the file cannot be opened.

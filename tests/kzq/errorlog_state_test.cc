@@ -34,6 +34,18 @@ TEST(ErrorlogState, ResumePointIsOneUtf16LineWrittenWhole) {
   EXPECT_EQ(point->offset, 7);
 }
 
+TEST(ErrorlogState, AnOpenWriterLeavesExactlyTheLastPoint) {
+  kzq_test::TempDir home;
+  const std::string path = kzq::ErrorStateFilePath(home.Path(), "kvc", "SQL2");
+  kzq::ResumePointWriter writer(path);
+  ASSERT_TRUE(writer.Save({u"2026-11-23", u"10:15:02.31", 123456, 3}));
+  ASSERT_TRUE(writer.Save({u"2026-11-23", u"10:15:03.00", 999999, 3}));
+  EXPECT_EQ(kzq_test::ReadFile(path), Utf16Bytes("2026-11-23 10:15:03.00 999999\n"));
+  // A shorter line (a log that started over) leaves nothing of the longer one.
+  ASSERT_TRUE(writer.Save({u"2026-11-24", u"00:00:01.00", 714, 3}));
+  EXPECT_EQ(kzq_test::ReadFile(path), Utf16Bytes("2026-11-24 00:00:01.00 714\n"));
+}
+
 TEST(ErrorlogState, DamagedOrMissingFilesSayHowMuchWasRead) {
   kzq_test::TempDir dir;
   EXPECT_FALSE(kzq::ReadResumePoint(dir.File("none"), 50).has_value());
