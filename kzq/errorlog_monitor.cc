@@ -32,6 +32,17 @@ bool NamesTheLog(const std::string& changed, const std::string& log_name) {
   return true;
 }
 
+// The configured log's directory and the log's own name there, found in
+// any case (on Linux the server writes "errorlog"). False for a path
+// without a directory part or without a file name.
+bool LocateLog(const std::string& configured, std::string* directory, std::string* path) {
+  const size_t slash = configured.find_last_of("\\/");
+  if (slash == std::string::npos || slash == 0 || slash + 1 == configured.size()) return false;
+  *directory = configured.substr(0, slash);
+  *path = *directory + configured[slash] + platform::FindEntryIgnoringCase(*directory, configured.substr(slash + 1));
+  return true;
+}
+
 std::string OriginNode() {
   static const std::string origin = [] {
     char host[64];
@@ -119,14 +130,10 @@ bool ErrorlogMonitor::Prepare(std::string* directory) {
     return false;
   }
   ERRORLOG_FLOW("\t\tErrolog file name is '%s'.\n", log.c_str());
-  const size_t slash = log.find_last_of("\\/");
-  if (slash == std::string::npos || slash == 0 || slash + 1 == log.size()) {
+  if (!LocateLog(log, directory, &context_.log_path)) {
     ERRORLOG_FAILURE("\t\tInvalid Errorlog Path : '%s'.\n", log.c_str());
     return false;
   }
-  *directory = log.substr(0, slash);
-  // On Linux the server writes "errorlog": the name is matched in any case.
-  context_.log_path = *directory + log[slash] + platform::FindEntryIgnoringCase(*directory, log.substr(slash + 1));
   settings_ = ReadErrorlogSettings();
   context_.min_severity = settings_.min_severity;
   ERRORLOG_FLOW("\t\t Errorlog min severity :'%d'.\n", context_.min_severity);
@@ -216,10 +223,8 @@ int ErrorlogReportSample(framework::tavra& object) {
     kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
     const std::string log = Text(kvc::TheAgentConfig().errorLog);
     const ErrorlogSettings settings = ReadErrorlogSettings();
-    const size_t slash = log.find_last_of("\\/");
-    if (slash != std::string::npos) {
-      const std::string path =
-          log.substr(0, slash + 1) + platform::FindEntryIgnoringCase(log.substr(0, slash), log.substr(slash + 1));
+    std::string directory, path;
+    if (LocateLog(log, &directory, &path)) {
       int count = 0;
       FileScan scan{LogTime{}, settings.min_severity, nullptr, settings.max_event_rows, &count, nullptr,
                     [&queue](const std::string& event) { queue.Append(event); }, platform::NowUnixSeconds};

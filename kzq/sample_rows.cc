@@ -13,9 +13,9 @@ bool IsOwnText(const char* name) {
   return false;
 }
 
-bool IsSummaryTable(const TableSpec& spec) { return strcmp(spec.name, "kzqsrvs") == 0; }
-
 }  // namespace
+
+bool IsSummaryTable(const TableSpec& spec) { return strcmp(spec.name, "kzqsrvs") == 0; }
 
 RowBuilder::RowBuilder(const TableSpec& spec) : spec_(spec), row_(static_cast<size_t>(spec.row_size), 0) {}
 

@@ -40,6 +40,9 @@ class RowBuilder {
   std::vector<unsigned char> row_;
 };
 
+// The server summary table, whose status rows carry its own fields.
+bool IsSummaryTable(const TableSpec& spec);
+
 // The bytes of one collector row for the table.
 inline int CollectorRowLength(const TableSpec& spec) { return spec.row_size - spec.CollectorOffset(); }
 

@@ -237,7 +237,6 @@ void AddHeartbeatRow(tavra& object, const TableSpec& spec, kvc::IpcAnchor*& anch
   AddRow(object, row);
 }
 
-bool IsSummaryTable(const TableSpec& spec) { return strcmp(spec.name, "kzqsrvs") == 0; }
 bool IsSqlTextTable(const TableSpec& spec) { return strcmp(spec.name, "kzqsql") == 0; }
 
 }  // namespace
