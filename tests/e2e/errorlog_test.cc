@@ -15,6 +15,7 @@
 #include "kzq/agent_loader.h"
 #include "kzq/catalogue.h"
 #include "kzq/errorlog_monitor.h"
+#include "kzq/errorlog_parser.h"
 #include "kzq/errorlog_queue.h"
 #include "kzq/tables.h"
 #include "platform/clock.h"
@@ -166,6 +167,25 @@ TEST_F(Errorlog, AnErrorWhoseMessageIsNotYetWrittenIsReadWhenItIs) {
   const auto rows = RowsWhen(1);
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "half a message");
+}
+
+TEST_F(Errorlog, AReadPastTheEndOfAShrunkenLogFindsNothingAndKeepsItsPlace) {
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  writer.Error("spid51", 601, 19, 1, "before the offset");
+  kzq::ErrorlogContext context;
+  context.log_path = log_->File("ERRORLOG");
+  context.offset = 1 << 20;
+  int emitted = 0;
+  EXPECT_EQ(kzq::ParseNewLogText(context, [&emitted](const std::string&) { ++emitted; }, platform::NowUnixSeconds), 0);
+  EXPECT_EQ(emitted, 0);
+  EXPECT_EQ(context.offset, 1 << 20);
+  // From the start (offset 0) the header is skipped and the error found;
+  // a second run in the same call, asked for by a change during the first,
+  // finds nothing new.
+  context.offset = 0;
+  context.more_changes = true;
+  EXPECT_EQ(kzq::ParseNewLogText(context, [&emitted](const std::string&) { ++emitted; }, platform::NowUnixSeconds), 1);
+  EXPECT_FALSE(context.more_changes);
 }
 
 TEST_F(Errorlog, TheStartUpScanQueuesOlderErrorsAcrossGenerations) {
