@@ -12,9 +12,11 @@ test: test-native test-windows
 
 deps-native:
 	@scripts/ensure-packages $(NATIVE_PACKAGES)
+	@scripts/ensure-httplib-header
 
 deps-windows:
 	@scripts/ensure-packages $(WINDOWS_PACKAGES)
+	@scripts/ensure-httplib-header
 
 # Native tests run with AddressSanitizer and UndefinedBehaviorSanitizer.
 build: deps-native

@@ -19,7 +19,9 @@ struct AgentState {
 };
 
 AgentState& State() {
-  static AgentState state;
+  // Never destroyed: the exit routine shuts the framework down while the
+  // process exits, and the thread in WaitForShutdown may still hold it.
+  static AgentState& state = *new AgentState;
   return state;
 }
 

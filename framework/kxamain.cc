@@ -1,16 +1,81 @@
 #include "framework/kxamain.h"
 
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
 #include "framework/agent.h"
+#include "framework/serve/endpoint.h"
+#include "framework/serve/sample_cache.h"
 #include "framework/table_manager.h"
 #include "framework/trace.h"
 
+namespace {
+
+// What kxamain starts. Never destroyed: a service ends by process exit,
+// while these threads may still run.
+struct Serving {
+  std::mutex lock;
+  framework::SampleCache cache;
+  framework::SampleScheduler* scheduler = nullptr;
+  std::unique_ptr<framework::HttpEndpoint> endpoint;
+};
+
+Serving& TheServing() {
+  static Serving* serving = new Serving;
+  return *serving;
+}
+
+// Registered after the agent's exit routine, so it runs before it: no
+// sample may be waiting on the channel when the exit routine shuts it.
+void StopServing() {
+  Serving& s = TheServing();
+  std::lock_guard<std::mutex> guard(s.lock);
+  if (s.endpoint) s.endpoint->Stop();
+  if (s.scheduler != nullptr) s.scheduler->Stop();
+}
+
+// A setting that cannot be served as asked stops the start: an agent
+// nobody can reach, or one that anyone could, is worse than none.
+int RefuseStart(const std::string& reason) {
+  fprintf(stderr, "kzqagent: %s\n", reason.c_str());
+  TRC1_Printf("HTTP endpoint not started: %s\n", reason.c_str());
+  TRC1_Sync();
+  return 2;
+}
+
+std::string UrlHost(const std::string& host) { return host.find(':') != std::string::npos ? "[" + host + "]" : host; }
+
+}  // namespace
+
 int kxamain(int, char**) {
+  std::string error;
+  const auto settings = framework::ReadHttpSettings(&error);
+  if (!settings) return RefuseStart(error);
   if (AgentLoader loader = framework::RegisteredLoader()) loader();
   // One line per start, whatever the trace level: it tells an operator
   // reading the trace what the agent came up with.
   TRC1_Printf("Agent started with %d tables\n", static_cast<int>(framework::TableManager::Registered().size()));
   TRC1_Sync();
+  Serving& s = TheServing();
+  {
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (settings->enabled) {
+      s.endpoint = framework::HttpEndpoint::Start(*settings, &s.cache, &error);
+      if (!s.endpoint) return RefuseStart(error);
+      const std::string url = "http://" + UrlHost(settings->host) + ":" + std::to_string(s.endpoint->Port()) + "/";
+      printf("kzqagent: HTTP endpoint on %s\n", url.c_str());
+      fflush(stdout);
+      TRC1_Printf("HTTP endpoint on %s\n", url.c_str());
+      TRC1_Sync();
+    }
+    s.scheduler = new framework::SampleScheduler(&s.cache, settings->sample_interval);
+    s.scheduler->Start();
+  }
+  atexit(StopServing);
   framework::WaitForShutdown();
+  StopServing();
   TRC1_Sync();
   return 0;
 }

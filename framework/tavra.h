@@ -18,8 +18,12 @@ struct TavraAutomationCapsule;
 
 enum SampleType : int { kSampleReport = 1, kSampleEvent = 2 };
 
-// One attribute of a row: lower-case name, offset, length and type code
-// (9 text, 3 32-bit integer, 13 64-bit integer).
+// Type codes of attribute descriptors.
+inline constexpr uint16_t kTextType = 9;
+inline constexpr uint16_t kInt32Type = 3;
+inline constexpr uint16_t kInt64Type = 13;
+
+// One attribute of a row: lower-case name, offset, length and type code.
 struct AttributeDescriptor {
   const char* name = nullptr;
   uint16_t offset = 0;

@@ -4,9 +4,12 @@
 #include <cstdio>
 
 #include "framework/agent.h"
+#include "framework/serve/agent_description.h"
 #include "framework/trace.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
+#include "kzq/catalogue_json.h"
+#include "kzq/service_status.h"
 #include "kzq/tables.h"
 #include "kzq/errorlog_monitor.h"
 #include "kzq/take_sample.h"
@@ -53,6 +56,18 @@ void InstallAgentSampling() {
   SetPushedTableHooks(hooks);
 }
 
+// What the endpoint serves beyond rows: the catalogue, and the two services
+// the agent depends on.
+void PublishToConsumers() {
+  framework::PublishCatalogue(CatalogueJson());
+  framework::PublishServiceProbe([] {
+    const std::string collector = CollectorServiceName();
+    const std::string database = DatabaseServiceName();
+    return std::vector<framework::ServiceState>{{"collector", collector, ServiceRuns(collector.c_str())},
+                                                {"sqlserver", database, ServiceRuns(database.c_str())}};
+  });
+}
+
 }  // namespace
 
 void RegisterAllTables() {
@@ -79,6 +94,7 @@ int AgentLoader() {
   AVR_SetNodeType("MSS");
   InstallAgentSampling();
   RegisterAllTables();
+  PublishToConsumers();
   return 0;
 }
 

@@ -5,8 +5,9 @@
 
 namespace kzq {
 
-// [{"name", "key", "row_size", "attributes": [{"name", "offset", "length",
-// "type"}...]}...] in catalogue order, attributes in row order.
+// [{"name", "key", "row_size", "sampling" ("full", "short" or "pushed"),
+// "attributes": [{"name", "offset", "length", "type", "identifies"}...]}...]
+// in catalogue order, attributes in row order.
 nlohmann::ordered_json CatalogueJson();
 
 }  // namespace kzq

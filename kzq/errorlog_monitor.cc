@@ -78,6 +78,7 @@ ErrorlogMonitor::~ErrorlogMonitor() {
 }
 
 void ErrorlogMonitor::RequestStarted() {
+  std::lock_guard<std::mutex> requests(request_lock_);
   if (requests_ == 0) {
     if (thread_.joinable()) {
       ERRORLOG_FLOW("Resuming suspended MonitorErrorLog thread.\n");
@@ -93,6 +94,7 @@ void ErrorlogMonitor::RequestStarted() {
 }
 
 void ErrorlogMonitor::RequestEnded() {
+  std::lock_guard<std::mutex> requests(request_lock_);
   if (requests_ == 0) {
     ERRORLOG_FAILURE("No thread exist.\n");
     return;

@@ -54,6 +54,8 @@ class ErrorlogMonitor {
   std::thread parser_;
   std::atomic<bool> parser_running_{false};
   std::atomic<int> requests_{0};
+  // Consumers come and go on threads of their own: one start or end at a time.
+  std::mutex request_lock_;
   std::atomic<bool> watching_{false};
   std::mutex park_lock_;
   std::condition_variable park_changed_;

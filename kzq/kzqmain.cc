@@ -113,6 +113,5 @@ int main(int argc, char** argv) {
   if (!console) return kzq::RunAsService(argc, argv, AgentMain, ServiceStopHook);
   kvc::SetChannelConsoleMode(true);
   platform::InstallStopHandler(StopAgent);
-  AgentMain(argc, argv);
-  return 0;
+  return AgentMain(argc, argv);
 }

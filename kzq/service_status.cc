@@ -1,7 +1,10 @@
 #include "kzq/service_status.h"
 
+#include <cstdlib>
+
 #include "kvc/kvcopts.h"
 #include "kvc/kvcutil.h"
+#include "platform/environment.h"
 #include "platform/service_probe.h"
 
 namespace kzq {
@@ -40,6 +43,23 @@ uint32_t check_service_status(const char* service_name) {
   if (kvc::Debug().debug)
     kvc::Log('w', kMessageId, "QueryServiceStatusEx() returned service_status: %d\n", static_cast<int>(probe.state));
   return 0;
+}
+
+bool ServiceRuns(const char* service_name) {
+  const platform::ServiceProbe probe = platform::QueryService(service_name);
+  return probe.ok && probe.state == platform::kServiceRunning && probe.process_id != 0;
+}
+
+namespace {
+
+std::string Env(const char* name) { return platform::GetEnv(name).value_or(""); }
+
+}  // namespace
+
+std::string CollectorServiceName() { return "KZQCOLL" + std::to_string(atoi(Env("COLL_SERVICENUMBER").c_str())); }
+
+std::string DatabaseServiceName() {
+  return atoi(Env("KZQ_NAMED_INSTANCE").c_str()) != 0 ? "MSSQL$" + Env("COLL_SERVERID") : "MSSQLSERVER";
 }
 
 }  // namespace kzq

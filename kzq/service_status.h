@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace kzq {
 
@@ -12,5 +13,15 @@ namespace kzq {
 // always logged; a failed status query and a service in any state but
 // running are logged only with the debug flag on.
 uint32_t check_service_status(const char* service_name);
+
+// Whether the service runs, asked without logging anything: for consumers
+// that ask often and only want the answer.
+bool ServiceRuns(const char* service_name);
+
+// KZQCOLL<COLL_SERVICENUMBER>.
+std::string CollectorServiceName();
+// MSSQL$<COLL_SERVERID> for a named instance (KZQ_NAMED_INSTANCE non-zero),
+// else MSSQLSERVER.
+std::string DatabaseServiceName();
 
 }  // namespace kzq

@@ -47,15 +47,13 @@ struct Services {
 
 Services ProbeServices(tavra& object) {
   Services s;
-  char collector[32];
-  snprintf(collector, sizeof collector, "KZQCOLL%d", atoi(Env("COLL_SERVICENUMBER").c_str()));
-  s.collector_up = check_service_status(collector) != 0;
+  const std::string collector = CollectorServiceName();
+  s.collector_up = check_service_status(collector.c_str()) != 0;
   if (s.collector_up)
-    SAMPLE_TRACE(object, "Collector service : <%s> is running.(kvcsampl)\n", collector);
+    SAMPLE_TRACE(object, "Collector service : <%s> is running.(kvcsampl)\n", collector.c_str());
   else
-    SAMPLE_TRACE(object, "Collector service : <%s> is down.(kvcsampl)\n", collector);
-  const std::string database =
-      atoi(Env("KZQ_NAMED_INSTANCE").c_str()) != 0 ? "MSSQL$" + Env("COLL_SERVERID") : "MSSQLSERVER";
+    SAMPLE_TRACE(object, "Collector service : <%s> is down.(kvcsampl)\n", collector.c_str());
+  const std::string database = DatabaseServiceName();
   s.database_up = check_service_status(database.c_str()) != 0;
   if (s.database_up)
     SAMPLE_TRACE(object, "set (SQL server service [%s] is up now ) \n", database.c_str());

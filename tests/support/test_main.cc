@@ -13,5 +13,8 @@ int main(int argc, char** argv) {
   if (!platform::GetEnv("COLL_SERVERID").has_value())
     platform::SetEnv("COLL_SERVERID", "t" + std::to_string(platform::CurrentProcessId()));
   platform::SetEnv("COLL_SERVICENUMBER", "1");
+  // Agents the tests start listen on a free port each, never on the
+  // default one an agent of the machine may hold.
+  if (!platform::GetEnv("KZQ_HTTP_LISTEN").has_value()) platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:0");
   return RUN_ALL_TESTS();
 }

@@ -1,0 +1,248 @@
+#include "framework/serve/endpoint.h"
+
+#include <httplib.h>
+
+#include <atomic>
+#include <thread>
+
+#include "framework/action_log.h"
+#include "framework/agent.h"
+#include "framework/request.h"
+#include "framework/serve/agent_description.h"
+#include "framework/serve/event_stream.h"
+#include "framework/serve/metrics_text.h"
+#include "framework/serve/row_json.h"
+#include "framework/serve/status_page.h"
+#include "framework/table_manager.h"
+#include "platform/clock.h"
+
+namespace framework {
+
+struct HttpEndpoint::Impl {
+  HttpSettings settings;
+  const SampleCache* cache = nullptr;
+  httplib::Server server;
+  std::thread listener;
+  int port = 0;
+  std::atomic<bool> stopping{false};
+  std::atomic<int> event_consumers{0};
+  std::mutex action_lock;  // one action at a time, so its log lines are its own
+};
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+void Answer(httplib::Response& res, int status, const Json& body) {
+  res.status = status;
+  res.set_content(WireText(body), "application/json");
+}
+
+void Refuse(httplib::Response& res, int status, const std::string& message) {
+  Answer(res, status, {{"error", message}});
+}
+
+// Compares in time that does not depend on where the texts differ.
+bool SameSecret(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  unsigned char difference = 0;
+  for (size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return difference == 0;
+}
+
+bool Authorised(const std::string& token, const httplib::Request& req) {
+  if (token.empty()) return true;
+  const std::string header = req.get_header_value("Authorization");
+  if (header.rfind("Bearer ", 0) == 0 && SameSecret(header.substr(7), token)) return true;
+  return req.has_param("access_token") && SameSecret(req.get_param_value("access_token"), token);
+}
+
+const Json* CatalogueEntry(const std::string& table) {
+  for (const auto& entry : PublishedCatalogue())
+    if (UpperName(entry.value("name", "").c_str()) == UpperName(table.c_str())) return &entry;
+  return nullptr;
+}
+
+MetricsContext CurrentContext() {
+  const AgentIdentity identity = Identity();
+  std::string host = identity.host;
+  if (host.empty()) {
+    char local[256];
+    DetermineLocalHost(local, sizeof local);
+    host = local;
+  }
+  return {identity.subsystem, host, platform::NowUnixSeconds(), EventsEmitted()};
+}
+
+void ServeSample(const httplib::Request& req, httplib::Response& res) {
+  const std::string table = req.matches[1];
+  if (TableManager::Find(table) == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+  std::optional<SituationFilter> filter;
+  if (req.has_param("filter")) {
+    std::string error;
+    filter = ParseTableFilter(table, req.get_param_value("filter"), &error);
+    if (!filter) return Refuse(res, 400, "bad filter: " + error);
+  }
+  CapturedSample sample;
+  if (CaptureReportSample(table, filter ? &*filter : nullptr, &sample) != kRequestOk)
+    return Refuse(res, 500, "the table made no object for the request");
+  Json body = SampleJson(sample);
+  body["sample_result"] = sample.sample_result;
+  Answer(res, 200, body);
+}
+
+Json StatusJson(const SampleCache& cache) {
+  const MetricsContext context = CurrentContext();
+  Json services = Json::array();
+  for (const ServiceState& s : ProbeServices()) services.push_back({{"role", s.role}, {"name", s.name}, {"up", s.up}});
+  const auto snapshot = cache.Snapshot();
+  Json tables = Json::array();
+  Json recent = Json::array();
+  for (TableManager* manager : TableManager::Registered()) {
+    Json entry = {{"name", manager->Table()}, {"taken_at", nullptr}, {"rows", 0}, {"samples", 0}, {"errors", 0}};
+    auto it = snapshot.find(manager->Table());
+    if (it != snapshot.end() && it->second.last) {
+      const CapturedSample& last = *it->second.last;
+      entry["taken_at"] = last.taken_at;
+      entry["rows"] = last.count;
+      entry["samples"] = it->second.samples;
+      entry["errors"] = it->second.failures;
+      const Json* catalogue = CatalogueEntry(manager->Table());
+      if (catalogue != nullptr && catalogue->value("sampling", "") == "pushed")
+        for (int i = 0; i < last.count; ++i) recent.push_back(RowJson(last, i));
+    }
+    tables.push_back(entry);
+  }
+  return {{"server_id", context.server_id}, {"host", context.host},      {"services", services},
+          {"tables", tables},               {"recent_errors", recent}, {"events_emitted", context.events_emitted}};
+}
+
+void ServeEvents(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
+  const std::string table = req.matches[1];
+  const Json* entry = CatalogueEntry(table);
+  if (entry == nullptr || TableManager::Find(table) == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+  if (entry->value("sampling", "") != "pushed")
+    return Refuse(res, 404, "table '" + table + "' has no events: it is sampled, read /tables/" + table);
+  if (++impl.event_consumers > kMaxEventConsumers) {
+    --impl.event_consumers;
+    return Refuse(res, 503, "too many event consumers (at most " + std::to_string(kMaxEventConsumers) + ")");
+  }
+  std::shared_ptr<EventSubscription> subscription = EventSubscription::Open(table);
+  if (!subscription) {
+    --impl.event_consumers;
+    return Refuse(res, 500, "the table made no object for the event request");
+  }
+  res.set_header("Cache-Control", "no-cache");
+  res.set_chunked_content_provider(
+      "text/event-stream",
+      [&impl, subscription](size_t offset, httplib::DataSink& sink) {
+        if (impl.stopping) return false;
+        // The first line tells the consumer its request is open; later
+        // comments find consumers that left.
+        if (offset == 0) return sink.write(": subscribed\n\n", 14);
+        const auto event = subscription->Next(std::chrono::milliseconds(1000));
+        const std::string text = event ? "data: " + *event + "\n\n" : ": keep-alive\n\n";
+        return sink.write(text.data(), text.size());
+      },
+      [&impl](bool) { --impl.event_consumers; });
+}
+
+void ServeAction(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
+  if (impl.settings.token.empty())
+    return Refuse(res, 403, "actions are disabled: they run commands on the database host, so the agent takes "
+                            "them only when KZQ_HTTP_TOKEN is set and the request carries it");
+  std::string command = req.body;
+  std::string table = "KZQSRVR";
+  if (req.get_header_value("Content-Type").rfind("application/json", 0) == 0) {
+    const Json body = Json::parse(req.body, nullptr, false);
+    if (!body.is_object() || !body.contains("command") || !body["command"].is_string())
+      return Refuse(res, 400, "expected {\"command\": \"...\"}");
+    command = body["command"].get<std::string>();
+    if (body.contains("table") && body["table"].is_string()) table = body["table"].get<std::string>();
+  }
+  if (command.empty() || command.size() > 1024) return Refuse(res, 400, "the command must have 1 to 1024 characters");
+  TableManager* manager = TableManager::Find(table);
+  if (manager == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+  std::lock_guard<std::mutex> guard(impl.action_lock);
+  const uint64_t before = ActionLogLast();
+  RequestDetail detail;
+  detail.table = manager->Table();
+  const ContextInfo context{manager->Application()};
+  tavra* object = manager->OpenRequest(&detail, &context);
+  if (object == nullptr) return Refuse(res, 500, "the table made no object for the action");
+  TavraAutomationCapsule capsule;
+  capsule.command = command;
+  const int taken = object->ExecuteCommand(&capsule);
+  manager->CloseRequest(object);
+  if (taken != 0) return Refuse(res, 501, "no take-action handler is registered");
+  Json lines = Json::array();
+  for (const ActionLogEntry& e : ActionLogSince(before))
+    lines.push_back({{"id", e.id}, {"line", e.line}, {"title", e.title}});
+  Answer(res, 200, {{"command", command}, {"result", capsule.result}, {"finished", capsule.finished},
+                    {"lines", lines}});
+}
+
+void Route(HttpEndpoint::Impl& impl) {
+  httplib::Server& s = impl.server;
+  s.set_payload_max_length(kMaxRequestBody);
+  s.new_task_queue = [] { return new httplib::ThreadPool(kMaxEventConsumers + 8); };
+  s.set_pre_routing_handler([&impl](const httplib::Request& req, httplib::Response& res) {
+    if (Authorised(impl.settings.token, req)) return httplib::Server::HandlerResponse::Unhandled;
+    res.set_header("WWW-Authenticate", "Bearer");
+    Refuse(res, 401, "this agent needs its token: send 'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
+    return httplib::Server::HandlerResponse::Handled;
+  });
+  s.Get("/", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(StatusPageHtml(), "text/html; charset=utf-8");
+  });
+  s.Get("/status", [&impl](const httplib::Request&, httplib::Response& res) {
+    Answer(res, 200, StatusJson(*impl.cache));
+  });
+  s.Get("/tables", [](const httplib::Request&, httplib::Response& res) { Answer(res, 200, PublishedCatalogue()); });
+  s.Get(R"(/tables/([A-Za-z0-9]+))", ServeSample);
+  s.Get("/metrics", [&impl](const httplib::Request&, httplib::Response& res) {
+    res.set_content(MetricsText(impl.cache->Snapshot(), ProbeServices(), CurrentContext()),
+                    "text/plain; version=0.0.4; charset=utf-8");
+  });
+  s.Get(R"(/events/([A-Za-z0-9]+))",
+        [&impl](const httplib::Request& req, httplib::Response& res) { ServeEvents(impl, req, res); });
+  s.Post("/actions", [&impl](const httplib::Request& req, httplib::Response& res) { ServeAction(impl, req, res); });
+  s.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
+    if (res.body.empty()) Refuse(res, res.status, "no such resource: " + req.method + " " + req.path);
+  });
+}
+
+}  // namespace
+
+HttpEndpoint::HttpEndpoint(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+HttpEndpoint::~HttpEndpoint() { Stop(); }
+
+std::unique_ptr<HttpEndpoint> HttpEndpoint::Start(const HttpSettings& settings, const SampleCache* cache,
+                                                  std::string* error) {
+  auto impl = std::make_unique<Impl>();
+  impl->settings = settings;
+  impl->cache = cache;
+  Route(*impl);
+  impl->port = settings.port == 0 ? impl->server.bind_to_any_port(settings.host)
+                                  : (impl->server.bind_to_port(settings.host, settings.port) ? settings.port : -1);
+  if (impl->port <= 0) {
+    *error = "cannot listen on " + settings.host + ":" + std::to_string(settings.port) +
+             " (address in use, or not an address of this host)";
+    return nullptr;
+  }
+  Impl* raw = impl.get();
+  impl->listener = std::thread([raw] { raw->server.listen_after_bind(); });
+  return std::unique_ptr<HttpEndpoint>(new HttpEndpoint(std::move(impl)));
+}
+
+int HttpEndpoint::Port() const { return impl_->port; }
+
+void HttpEndpoint::Stop() {
+  if (!impl_->listener.joinable()) return;
+  impl_->stopping = true;
+  impl_->server.stop();
+  impl_->listener.join();
+}
+
+}  // namespace framework

@@ -1,0 +1,38 @@
+// The HTTP endpoint of the framework: the catalogue, fresh samples as
+// JSON, Prometheus metrics of the cached samples, live error events as
+// server-sent events, take-action commands, and a status page.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "framework/serve/http_settings.h"
+#include "framework/serve/sample_cache.h"
+
+namespace framework {
+
+// Consumers following events at once; one more is answered 503.
+inline constexpr int kMaxEventConsumers = 16;
+// Largest request body taken (an action's command is at most 1024 characters).
+inline constexpr size_t kMaxRequestBody = 64 * 1024;
+
+class HttpEndpoint {
+ public:
+  // Binds and starts serving on threads of its own; null with *error set
+  // when the address cannot be bound.
+  static std::unique_ptr<HttpEndpoint> Start(const HttpSettings& settings, const SampleCache* cache,
+                                             std::string* error);
+  ~HttpEndpoint();
+
+  int Port() const;
+  // Ends every event stream and stops listening; waits for the threads.
+  void Stop();
+
+  struct Impl;
+
+ private:
+  explicit HttpEndpoint(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace framework

@@ -1,0 +1,31 @@
+// The endpoint's settings from the environment: where it listens, the
+// bearer token, and how often the scheduler samples every table.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace framework {
+
+inline constexpr const char* kDefaultListen = "127.0.0.1:9433";
+inline constexpr int kDefaultSampleInterval = 30;  // seconds
+
+struct HttpSettings {
+  bool enabled = true;  // KZQ_HTTP_LISTEN=off turns the endpoint off
+  std::string host = "127.0.0.1";
+  int port = 9433;  // 0: any free port, told on standard output
+  std::string token;
+  int sample_interval = kDefaultSampleInterval;
+};
+
+// Reads KZQ_HTTP_LISTEN (host:port, [v6]:port or off), KZQ_HTTP_TOKEN and
+// KZQ_SAMPLE_INTERVAL. A setting that cannot be used, or a non-loopback
+// address without a token, gives std::nullopt and a one-line reason.
+std::optional<HttpSettings> ReadHttpSettings(std::string* error);
+
+// Parses "host:port" / "[v6]:port" into *settings; false with a reason.
+bool ParseListen(const std::string& text, HttpSettings* settings, std::string* error);
+
+bool IsLoopbackHost(const std::string& host);
+
+}  // namespace framework

@@ -1,0 +1,30 @@
+// Prometheus text exposition of the cached samples and of the agent's own
+// health. Integer attributes become gauges kzq_<table>_<attribute>, the
+// texts that identify a row become labels, and every series carries the
+// server_id and host labels. Fields without a value are left out.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "framework/serve/agent_description.h"
+#include "framework/serve/sample_cache.h"
+
+namespace framework {
+
+struct MetricsContext {
+  std::string server_id;
+  std::string host;
+  int64_t now = 0;  // Unix seconds
+  uint64_t events_emitted = 0;
+};
+
+std::string MetricsText(const std::map<std::string, CachedTable>& tables, const std::vector<ServiceState>& services,
+                        const MetricsContext& context);
+
+// A label value with backslash, double quote and line feed escaped.
+std::string EscapeLabelValue(const std::string& value);
+
+}  // namespace framework

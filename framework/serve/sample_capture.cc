@@ -1,0 +1,59 @@
+#include "framework/serve/sample_capture.h"
+
+#include <strings.h>
+
+#include "framework/request.h"
+#include "framework/serve/agent_description.h"
+#include "framework/table_manager.h"
+#include "platform/clock.h"
+
+namespace framework {
+
+void CaptureRows(const tavra& table, CapturedSample* sample) {
+  if (sample->attributes.empty()) {
+    sample->table = table.TableName();
+    for (int i = 0; i < table.NumAttributes(); ++i) {
+      AttributeDescriptor d;
+      if (table.GetAttributeDescriptor(i, &d) == 0) sample->attributes.push_back(d);
+    }
+  }
+  sample->row_size = table.RowSize();
+  const size_t bytes = static_cast<size_t>(table.NumDataItems()) * static_cast<size_t>(table.RowSize());
+  sample->rows.append(reinterpret_cast<const char*>(table.Data()), bytes);
+  sample->count += table.NumDataItems();
+}
+
+int CapturingConsumer::Deliver(const tavra& table) {
+  CaptureRows(table, sample_);
+  return 0;
+}
+
+std::optional<SituationFilter> ParseTableFilter(const std::string& table, const std::string& text,
+                                                std::string* error) {
+  const nlohmann::ordered_json* attributes = nullptr;
+  for (const auto& entry : PublishedCatalogue())
+    if (strcasecmp(entry.value("name", "").c_str(), table.c_str()) == 0) attributes = &entry["attributes"];
+  const auto lookup = [attributes](std::string_view name) -> std::optional<AttributeKind> {
+    if (attributes == nullptr) return std::nullopt;
+    for (const auto& a : *attributes) {
+      const std::string known = a.value("name", "");
+      if (known.size() == name.size() && strncasecmp(known.c_str(), name.data(), name.size()) == 0)
+        return a.value("type", 0) == kTextType ? AttributeKind::kText : AttributeKind::kInteger;
+    }
+    return std::nullopt;
+  };
+  return SituationFilter::Parse(text, lookup, error);
+}
+
+int CaptureReportSample(const std::string& table, const SituationFilter* filter, CapturedSample* out) {
+  CapturingConsumer consumer(out);
+  RequestDetail detail;
+  detail.table = table;
+  detail.filter = filter;
+  detail.consumer = &consumer;
+  out->taken_at = platform::NowUnixSeconds();
+  if (TableManager* manager = TableManager::Find(table)) out->table = manager->Table();
+  return RunReportSample(detail, &out->sample_result, nullptr);
+}
+
+}  // namespace framework

@@ -1,0 +1,357 @@
+// The agent's HTTP endpoint, end to end: a real kzqagent with a real kzqcoll
+// replaying rows and a real errorlog, read over HTTP by this test, by
+// kzqctl, by a Prometheus server and by a browser.
+#include <httplib.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "kzq/errorlog_state.h"
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/process.h"
+#include "tests/support/binaries.h"
+#include "tests/support/errorlog_writer.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using testing::HasSubstr;
+
+constexpr uint64_t kPatience = 60000;  // ms; process starts under Wine are slow
+
+const kzq_test::LogClock kLogStart{2026, 11, 23, 9, 0, 0, 0};
+
+// Waits until `done` holds or the patience runs out.
+template <typename F>
+bool Eventually(F done, uint64_t patience = kPatience) {
+  const uint64_t deadline = platform::MonotonicMillis() + patience;
+  while (!done()) {
+    if (platform::MonotonicMillis() > deadline) return false;
+    platform::SleepMillis(20);
+  }
+  return true;
+}
+
+// One running agent and the port its endpoint took.
+struct RunningAgent {
+  std::unique_ptr<platform::ChildProcess> process;
+  std::string output;
+  int port = 0;
+  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port); }
+};
+
+// Follows an event stream on a thread of its own and keeps every event.
+class EventConsumer {
+ public:
+  EventConsumer(const std::string& url, const std::string& path) : client_(url) {
+    client_.set_read_timeout(120);
+    thread_ = std::thread([this, path] {
+      std::string pending;
+      client_.Get(path, [&](const char* data, size_t length) {
+        pending.append(data, length);
+        for (size_t end; (end = pending.find("\n\n")) != std::string::npos; pending.erase(0, end + 2)) {
+          std::lock_guard<std::mutex> guard(lock_);
+          if (pending.rfind(": subscribed", 0) == 0) subscribed_ = true;
+          if (pending.rfind("data: ", 0) == 0) events_.push_back(Json::parse(pending.substr(6, end - 6)));
+        }
+        return !leaving_;
+      });
+    });
+  }
+  ~EventConsumer() { Leave(); }
+  void Leave() {
+    leaving_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+  bool Subscribed() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return subscribed_;
+  }
+  std::vector<std::string> Messages() {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::vector<std::string> texts;
+    for (const Json& e : events_) texts.push_back(e.value("UMSGTEXT", ""));
+    return texts;
+  }
+
+ private:
+  httplib::Client client_;
+  std::thread thread_;
+  std::atomic<bool> leaving_{false};
+  std::mutex lock_;
+  bool subscribed_ = false;
+  std::vector<Json> events_;
+};
+
+class Http : public testing::Test {
+ protected:
+  void SetUp() override {
+    platform::SetEnv("COLL_HOME", home_.Path());
+    platform::SetEnv("COLL_VERSION", "kvh");
+    platform::SetEnv("COLL_ERRORLOG", log_.File("ERRORLOG"));
+    platform::SetEnv("COLL_ALERT_SEV", "");
+    platform::SetEnv("KZQ_RUNTIME_DIR", runtime_.Path());
+    platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:0");
+    platform::SetEnv("KZQ_HTTP_TOKEN", "");
+    platform::SetEnv("KZQ_SAMPLE_INTERVAL", "1");
+    kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"),
+                        R"({"SERVERID": "SQL1", "HOSTNAME": "db01", "DBNAME": "master", "DBSIZE": 6})"
+                        "\n"
+                        R"({"SERVERID": "SQL1", "HOSTNAME": "db01", "DBNAME": "sales", "DBSIZE": 20480})"
+                        "\n");
+    log_writer_ = std::make_unique<kzq_test::ErrorlogWriter>(
+        kzq_test::ErrorlogWriter::Create(log_.File("ERRORLOG"), kLogStart));
+    // Events start from here, whenever the monitor starts watching.
+    const std::string state = kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value());
+    ASSERT_TRUE(kzq::WriteResumePoint(state, {u"2026-11-23", u"09:00:00.00", LogSize(), 3}));
+    StartCollector();
+  }
+  void TearDown() override {
+    for (auto* p : {&collector_, &agent_.process})
+      if (*p) {
+        (*p)->Kill();
+        (*p)->Wait();
+      }
+  }
+
+  // Waits for `done`; every two seconds an informational line changes the
+  // log, since lines written before the monitor watched are read with the
+  // next change (no error is added, so none can be invented).
+  template <typename F>
+  bool ArrivesWithChanges(F done) {
+    int polls = 0;
+    return Eventually([&] {
+      if (done()) return true;
+      if (++polls % 100 == 0) log_writer_->Info("Backup", "Log was backed up.");
+      return false;
+    });
+  }
+
+  long LogSize() { return static_cast<long>(kzq_test::ReadFile(log_.File("ERRORLOG")).size()); }
+
+  void StartCollector() {
+    int error = 0;
+    collector_ = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
+                                        &error, {home_.File("kzqcoll.out")});
+    ASSERT_NE(collector_, nullptr) << error;
+  }
+
+  // Starts kzqagent -console and waits for its endpoint's line.
+  RunningAgent StartAgent(const std::string& name = "agent") {
+    RunningAgent agent;
+    agent.output = home_.File(name + ".out");
+    int error = 0;
+    agent.process = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
+                                           {agent.output});
+    EXPECT_NE(agent.process, nullptr) << error;
+    const std::string marker = "HTTP endpoint on http://127.0.0.1:";
+    Eventually([&] {
+      const std::string text = kzq_test::ReadFile(agent.output);
+      const size_t at = text.find(marker);
+      if (at != std::string::npos) agent.port = atoi(text.c_str() + at + marker.size());
+      return agent.port > 0;
+    });
+    EXPECT_GT(agent.port, 0) << kzq_test::ReadFile(agent.output);
+    return agent;
+  }
+
+  static Json GetJson(const std::string& url, const std::string& path, int expected_status = 200) {
+    httplib::Client client(url);
+    client.set_read_timeout(60);
+    auto result = client.Get(path);
+    EXPECT_TRUE(result) << path;
+    if (!result) return Json();
+    EXPECT_EQ(result->status, expected_status) << path << ": " << result->body;
+    return Json::parse(result->body, nullptr, false);
+  }
+
+  // The agent's scheduler has sampled every table once.
+  static bool Sampled(const std::string& url) {
+    const Json status = GetJson(url, "/status");
+    for (const Json& t : status["tables"])
+      if (t["taken_at"].is_null()) return false;
+    return status["tables"].size() == 33;
+  }
+
+  kzq_test::TempDir home_, runtime_, replay_, log_;
+  std::unique_ptr<kzq_test::ErrorlogWriter> log_writer_;
+  std::unique_ptr<platform::ChildProcess> collector_;
+  RunningAgent agent_;
+};
+
+TEST_F(Http, TablesSamplesAndFiltersAsJson) {
+  agent_ = StartAgent();
+  const Json tables = GetJson(agent_.Url(), "/tables");
+  ASSERT_EQ(tables.size(), 33u);
+  EXPECT_EQ(tables[32]["name"], "kzqerror");
+  EXPECT_EQ(tables[32]["sampling"], "pushed");
+
+  const Json sample = GetJson(agent_.Url(), "/tables/kzqdbd");
+  ASSERT_EQ(sample["rows"].size(), 2u) << sample.dump();
+  EXPECT_EQ(sample["table"], "KZQDBD");
+  EXPECT_EQ(sample["rows"][0]["DBNAME"], "master");
+  EXPECT_EQ(sample["rows"][1]["DBSIZE"], 20480);
+  EXPECT_EQ(sample["rows"][1]["OWNER"], "");
+
+  const Json filtered = GetJson(agent_.Url(), "/tables/KZQDBD?filter=DBSIZE%20GT%20100%20AND%20DBNAME%20LIKE%20'sal%25'");
+  ASSERT_EQ(filtered["rows"].size(), 1u) << filtered.dump();
+  EXPECT_EQ(filtered["rows"][0]["DBNAME"], "sales");
+
+  EXPECT_THAT(GetJson(agent_.Url(), "/tables/KZQDBD?filter=DBNAM%20EQ%201", 400)["error"].get<std::string>(),
+              HasSubstr("unknown attribute 'DBNAM'"));
+  EXPECT_THAT(GetJson(agent_.Url(), "/tables/KZQNOPE", 404)["error"].get<std::string>(), HasSubstr("KZQNOPE"));
+  EXPECT_THAT(GetJson(agent_.Url(), "/events/KZQDBD", 404)["error"].get<std::string>(), HasSubstr("no events"));
+  EXPECT_EQ(GetJson(agent_.Url(), "/nothing/here", 404)["error"], "no such resource: GET /nothing/here");
+}
+
+TEST_F(Http, MetricsCarryTheCachedSamplesAndTheAgentsHealth) {
+  agent_ = StartAgent();
+  ASSERT_TRUE(Eventually([&] { return Sampled(agent_.Url()); }));
+  httplib::Client client(agent_.Url());
+  auto scrape = client.Get("/metrics");
+  ASSERT_TRUE(scrape);
+  EXPECT_EQ(scrape->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
+  EXPECT_THAT(scrape->body, testing::ContainsRegex("kzq_kzqdbd_dbsize\\{server_id=\"[^\"]+\",host=\"[^\"]*\","
+                                                   "dbname=\"sales\"\\} 20480\n"));
+  EXPECT_THAT(scrape->body, testing::ContainsRegex("kzq_samples_total\\{[^}]*table=\"KZQDBD\"\\} [1-9]"));
+  EXPECT_THAT(scrape->body, HasSubstr("service=\"KZQCOLL1\"} 1\n"));
+#ifndef _WIN32
+  kzq_test::WriteFile(home_.File("scrape.txt"), scrape->body);
+  const int promtool = system(("promtool check metrics < " + home_.File("scrape.txt")).c_str());
+  EXPECT_EQ(promtool, 0) << "promtool check metrics found problems";
+#endif
+}
+
+TEST_F(Http, TwoEventConsumersEachReceiveEveryErrorAtOnce) {
+  agent_ = StartAgent();
+  EventConsumer first(agent_.Url(), "/events/KZQERROR");
+  EventConsumer second(agent_.Url(), "/events/kzqerror");
+  ASSERT_TRUE(Eventually([&] { return first.Subscribed() && second.Subscribed(); }))
+      << kzq_test::ReadFile(agent_.output);
+  log_writer_->Advance(1).Error("spid51", 9002, 17, 2, "The transaction log for database 'sales' is full.");
+  log_writer_->Advance(1).Error("Logon", 18456, 14, 5, "Login failed for user 'sa'.");  // below 17
+  log_writer_->Advance(1).Error("spid7s", 823, 24, 2, "The operating system returned error 21 to SQL Server.");
+  const std::vector<std::string> expected = {"The transaction log for database 'sales' is full.",
+                                             "The operating system returned error 21 to SQL Server."};
+  EXPECT_TRUE(ArrivesWithChanges([&] { return first.Messages().size() >= 2 && second.Messages().size() >= 2; }))
+      << kzq_test::ReadFile(agent_.output);
+  platform::SleepMillis(300);  // nothing more may come
+  EXPECT_EQ(first.Messages(), expected);
+  EXPECT_EQ(second.Messages(), expected);
+}
+
+// The resume point outlives the agent: errors written while it was killed
+// arrive with the log's next change after its restart, and none of the
+// earlier ones again.
+TEST_F(Http, ErrorsWrittenWhileTheAgentWasKilledArriveAfterItsRestart) {
+  agent_ = StartAgent();
+  {
+    EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+    ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
+    log_writer_->Advance(1).Error("spid51", 1105, 17, 2, "Could not allocate space in 'sales'.");
+    ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Messages().size() == 1; }));
+    agent_.process->Kill();
+    agent_.process->Wait();
+  }
+  log_writer_->Advance(1).Error("spid52", 9002, 17, 2, "The transaction log for database 'hr' is full.");
+  log_writer_->Advance(1).Error("spid53", 824, 24, 2, "SQL Server detected a logical consistency-based I/O error.");
+  agent_ = StartAgent("restarted");
+  EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+  ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
+  log_writer_->Advance(1).Error("spid54", 3041, 17, 1, "BACKUP failed to complete the command BACKUP LOG hr.");
+  ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Messages().size() >= 3; })) << kzq_test::ReadFile(agent_.output);
+  platform::SleepMillis(300);
+  EXPECT_EQ(consumer.Messages(), (std::vector<std::string>{"The transaction log for database 'hr' is full.",
+                                                           "SQL Server detected a logical consistency-based I/O error.",
+                                                           "BACKUP failed to complete the command BACKUP LOG hr."}));
+}
+
+TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
+  agent_ = StartAgent();
+  httplib::Client open(agent_.Url());
+  auto refused = open.Post("/actions", R"({"command": "echo hi"})", "application/json");
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->status, 403);
+  EXPECT_THAT(refused->body, HasSubstr("KZQ_HTTP_TOKEN"));
+  agent_.process->Kill();
+  agent_.process->Wait();
+
+  platform::SetEnv("KZQ_HTTP_TOKEN", "t0ken");
+  agent_ = StartAgent("guarded");
+  httplib::Client anonymous(agent_.Url());
+  for (const char* path : {"/", "/tables", "/metrics", "/status", "/events/KZQERROR"}) {
+    auto result = anonymous.Get(path);
+    ASSERT_TRUE(result) << path;
+    EXPECT_EQ(result->status, 401) << path;
+    EXPECT_EQ(result->get_header_value("WWW-Authenticate"), "Bearer");
+  }
+  httplib::Client wrong(agent_.Url());
+  wrong.set_bearer_token_auth("t0kem");
+  EXPECT_EQ(wrong.Get("/tables")->status, 401);
+  httplib::Client holder(agent_.Url());
+  holder.set_bearer_token_auth("t0ken");
+  EXPECT_EQ(holder.Get("/tables")->status, 200);
+  EXPECT_EQ(anonymous.Get("/tables?access_token=t0ken")->status, 200);
+  auto action = holder.Post("/actions", R"({"command": 42})", "application/json");
+  EXPECT_EQ(action->status, 400);
+}
+
+TEST_F(Http, AnOpenAddressWithoutATokenIsRefusedAtStart) {
+  platform::SetEnv("KZQ_HTTP_LISTEN", "0.0.0.0:0");
+  int error = 0;
+  auto agent = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
+                                      {home_.File("open.out")});
+  ASSERT_NE(agent, nullptr) << error;
+  EXPECT_EQ(agent->Wait(), 2);
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("open.out")),
+              HasSubstr("refusing to listen on 0.0.0.0 without KZQ_HTTP_TOKEN"));
+}
+
+// Runs kzqctl with the arguments; its exit code, output in *text.
+int Kzqctl(const std::string& arguments, const std::string& output, std::string* text) {
+  std::vector<std::string> argv = {kzq_test::BuiltProgram("kzq", "kzqctl")};
+  for (size_t start = 0, end; start < arguments.size(); start = end + 1) {
+    end = arguments.find('|', start);
+    if (end == std::string::npos) end = arguments.size();
+    argv.push_back(arguments.substr(start, end - start));
+  }
+  int error = 0;
+  auto ctl = platform::StartProcess(argv, &error, {output});
+  if (ctl == nullptr) return -1;
+  const int code = ctl->Wait();
+  *text = kzq_test::ReadFile(output);
+  return code;
+}
+
+TEST_F(Http, KzqctlReadsARunningAgentAndSaysWhenThereIsNone) {
+  agent_ = StartAgent();
+  std::string text;
+  const std::string url = agent_.Url();
+  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl1"), &text), 0);
+  EXPECT_THAT(text, HasSubstr("KZQERROR   pushed"));
+  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--filter|DBNAME EQ 'sales'", home_.File("ctl2"), &text), 0);
+  EXPECT_THAT(text, testing::ContainsRegex("DBNAME +DBSIZE"));
+  EXPECT_THAT(text, testing::ContainsRegex("sales +20480"));
+  EXPECT_THAT(text, testing::Not(HasSubstr("master")));
+  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--json", home_.File("ctl3"), &text), 0);
+  EXPECT_EQ(Json::parse(text)["rows"].size(), 2u);
+  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQNOPE", home_.File("ctl4"), &text), 1);
+  EXPECT_THAT(text, HasSubstr("the agent answered 404: unknown table 'KZQNOPE'"));
+  agent_.process->Kill();
+  agent_.process->Wait();
+  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl5"), &text), 1);
+  EXPECT_THAT(text, HasSubstr("no agent answers at " + url));
+}
+
+}  // namespace

@@ -1,0 +1,155 @@
+// What consumers read: the endpoint's settings, rows rendered as JSON and
+// the Prometheus exposition of cached samples.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "framework/serve/agent_description.h"
+#include "framework/serve/http_settings.h"
+#include "framework/serve/metrics_text.h"
+#include "framework/serve/row_json.h"
+#include "platform/environment.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(HttpSettings, ListenAddressesTokensAndIntervals) {
+  struct Case {
+    const char* listen;
+    const char* token;
+    const char* interval;
+    bool accepted;
+    const char* host_or_error;
+  };
+  const Case cases[] = {
+      {"", "", "", true, "127.0.0.1"},
+      {"127.0.0.2:80", "", "5", true, "127.0.0.2"},
+      {"[::1]:9000", "", "", true, "::1"},
+      {"localhost:0", "", "", true, "localhost"},
+      {"0.0.0.0:9433", "", "", false, "without KZQ_HTTP_TOKEN"},
+      {"0.0.0.0:9433", "s3cret", "", true, "0.0.0.0"},
+      {"127.0.0.1", "", "", false, "is not host:port"},
+      {"127.0.0.1:65536", "", "", false, "no port"},
+      {"[::1:9000", "", "", false, "unclosed"},
+      {"127.0.0.1:9433", "", "0", false, "KZQ_SAMPLE_INTERVAL='0'"},
+      {"127.0.0.1:9433", "", "10s", false, "KZQ_SAMPLE_INTERVAL='10s'"},
+  };
+  for (const Case& c : cases) {
+    platform::SetEnv("KZQ_HTTP_LISTEN", c.listen);
+    platform::SetEnv("KZQ_HTTP_TOKEN", c.token);
+    platform::SetEnv("KZQ_SAMPLE_INTERVAL", c.interval);
+    std::string error;
+    const auto settings = framework::ReadHttpSettings(&error);
+    ASSERT_EQ(settings.has_value(), c.accepted) << c.listen << " " << error;
+    if (c.accepted) EXPECT_EQ(settings->host, c.host_or_error);
+    else EXPECT_THAT(error, HasSubstr(c.host_or_error)) << c.listen;
+  }
+  platform::SetEnv("KZQ_HTTP_LISTEN", "off");
+  platform::SetEnv("KZQ_SAMPLE_INTERVAL", "");
+  std::string error;
+  const auto off = framework::ReadHttpSettings(&error);
+  ASSERT_TRUE(off.has_value()) << error;
+  EXPECT_FALSE(off->enabled);
+  for (const char* name : {"KZQ_HTTP_LISTEN", "KZQ_HTTP_TOKEN", "KZQ_SAMPLE_INTERVAL"}) platform::SetEnv(name, "");
+}
+
+// A small table: a key text, a plain text, an integer, a 64-bit integer.
+framework::CapturedSample MakeSample(const std::string& table) {
+  framework::CapturedSample s;
+  s.table = table;
+  s.attributes = {{"dbname", 0, 8, framework::kTextType},
+                  {"owner", 8, 6, framework::kTextType},
+                  {"rowno", 14, 4, framework::kInt32Type},
+                  {"dbsize", 18, 4, framework::kInt32Type},
+                  {"pages", 22, 8, framework::kInt64Type}};
+  s.row_size = 30;
+  return s;
+}
+
+void AddRow(framework::CapturedSample* s, const char* name, const char* owner, int32_t size, int64_t pages) {
+  std::string row(static_cast<size_t>(s->row_size), ' ');
+  memcpy(row.data(), name, strlen(name));
+  memcpy(row.data() + 8, owner, strlen(owner));
+  const int32_t rowno = s->count + 1;
+  memcpy(row.data() + 14, &rowno, 4);
+  memcpy(row.data() + 18, &size, 4);
+  memcpy(row.data() + 22, &pages, 8);
+  s->rows += row;
+  ++s->count;
+}
+
+TEST(RowJson, TrimsTextsKeepsNumbersAndNullsFieldsWithoutValue) {
+  framework::CapturedSample s = MakeSample("KZQT");
+  AddRow(&s, "master", "sa", 512, int64_t{1} << 40);
+  AddRow(&s, "sales", "x", 0, 0);
+  memset(s.rows.data() + s.row_size + 8, 0xFF, 6);   // owner of row 2
+  memset(s.rows.data() + s.row_size + 18, 0xFF, 4);  // dbsize of row 2
+  const auto json = framework::SampleJson(s);
+  EXPECT_EQ(framework::WireText(json["rows"][0]),
+            R"({"DBNAME":"master","OWNER":"sa","ROWNO":1,"DBSIZE":512,"PAGES":1099511627776})");
+  EXPECT_EQ(framework::WireText(json["rows"][1]), R"({"DBNAME":"sales","OWNER":null,"ROWNO":2,"DBSIZE":null,"PAGES":0})");
+
+  // A collector may send bytes that are not UTF-8: the answer still goes out.
+  memcpy(s.rows.data(), "\xC3(bad", 5);
+  EXPECT_THAT(framework::WireText(framework::RowJson(s, 0)), HasSubstr("\"DBNAME\":\"\xEF\xBF\xBD(bad"));
+}
+
+class Metrics : public testing::Test {
+ protected:
+  void SetUp() override {
+    framework::PublishCatalogue(nlohmann::ordered_json::parse(R"([{"name":"kzqt","attributes":[
+        {"name":"dbname","type":9,"identifies":true},{"name":"owner","type":9,"identifies":false}]}])"));
+  }
+  void TearDown() override { framework::PublishCatalogue(nlohmann::ordered_json::array()); }
+
+  std::string Render(framework::CapturedSample s) {
+    s.taken_at = 1000;
+    std::map<std::string, framework::CachedTable> tables;
+    tables[s.table] = {std::make_shared<framework::CapturedSample>(s), 7, 2};
+    const std::vector<framework::ServiceState> services = {{"collector", "KZQCOLL1", true},
+                                                           {"sqlserver", "MSSQLSERVER", false}};
+    return framework::MetricsText(tables, services, {"SQL\"1", "db01", 1012, 5});
+  }
+};
+
+TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTexts) {
+  framework::CapturedSample s = MakeSample("KZQT");
+  AddRow(&s, "master", "sa", 512, 9);
+  AddRow(&s, "sales", "bob", 20480, 10);
+  memset(s.rows.data() + s.row_size + 22, 0xFF, 8);  // no page count for sales
+  const std::string text = Render(s);
+  EXPECT_THAT(text, HasSubstr("# TYPE kzq_kzqt_dbsize gauge\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_kzqt_dbsize{server_id=\"SQL\\\"1\",host=\"db01\",dbname=\"master\"} 512\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_kzqt_dbsize{server_id=\"SQL\\\"1\",host=\"db01\",dbname=\"sales\"} 20480\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_kzqt_pages{server_id=\"SQL\\\"1\",host=\"db01\",dbname=\"master\"} 9\n"));
+  EXPECT_THAT(text, Not(HasSubstr("dbname=\"sales\"} 10")));  // 0xFF-filled: left out
+  EXPECT_THAT(text, Not(HasSubstr("kzq_kzqt_owner")));         // texts are no gauges
+  EXPECT_THAT(text, Not(HasSubstr("kzq_kzqt_rowno")));         // bookkeeping
+  EXPECT_THAT(text, Not(HasSubstr("row=")));
+}
+
+TEST_F(Metrics, RowsTheirLabelsCannotTellApartGetTheirPosition) {
+  framework::CapturedSample s = MakeSample("KZQT");
+  AddRow(&s, "same", "a", 1, 1);
+  AddRow(&s, "same", "b", 2, 2);
+  const std::string text = Render(s);
+  EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"1\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"2\"} 2\n"));
+}
+
+TEST_F(Metrics, TheAgentsOwnHealthIsAlwaysThere) {
+  const std::string text = Render(MakeSample("KZQT"));
+  EXPECT_THAT(text, HasSubstr("kzq_collector_up{server_id=\"SQL\\\"1\",host=\"db01\",service=\"KZQCOLL1\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_sqlserver_up{server_id=\"SQL\\\"1\",host=\"db01\",service=\"MSSQLSERVER\"} 0\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_sample_age_seconds{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 12\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_samples_total{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 7\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_sample_errors_total{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 2\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_error_events_total{server_id=\"SQL\\\"1\",host=\"db01\"} 5\n"));
+  EXPECT_EQ(framework::EscapeLabelValue("a\\b\nc"), "a\\\\b\\nc");
+  EXPECT_EQ(framework::EscapeLabelValue("J\xC3\xBCrgen \xC3("), "J\xC3\xBCrgen \xEF\xBF\xBD(");
+}
+
+}  // namespace
