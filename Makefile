@@ -35,10 +35,7 @@ test-windows: build-windows
 	scripts/wine-test build-win
 
 demo: build
-	@echo "kzq demo: the agent binary arrives with the agent host; this build"
-	@echo "holds the platform layer and the common services. It will run:"
-	@echo "  kzqcoll replaying demo/ rows, the sample ERRORLOG writer, and"
-	@echo "  kzqagent -console with HTTP on 127.0.0.1."
+	@scripts/demo build
 
 # Benchmarks run on an optimised build without sanitizers.
 bench: deps-native

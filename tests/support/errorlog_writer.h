@@ -1,17 +1,15 @@
-// Writes errorlog files as the database server does: UTF-16LE with a
-// byte-order mark, CR LF line ends, and lines of
-// "YYYY-MM-DD HH:MM:SS.cc <source padded to 12 columns><text>". Every call
-// lands in the file at once, so a test can grow a log another part of the
-// agent is reading.
+// Writes errorlog files as the database server does (the text itself is
+// demo/errorlog_text.h). Every call lands in the file at once, so a test
+// can grow a log another part of the agent is reading.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <string>
+#include <vector>
 
+#include "demo/errorlog_text.h"
 #include "platform/clock.h"
-#include "platform/text.h"
 
 namespace kzq_test {
 
@@ -20,48 +18,19 @@ inline constexpr const char* kGermanText = "Anmeldung für Benutzer „Jürgen�
 inline constexpr const char* kJapaneseText = "ユーザー 'sa' のログインに失敗しました。";
 inline constexpr const char* kEmojiText = "Sicherung 💾 abgeschlossen ✅ 🚀";
 
-// The time written in front of a line.
-struct LogClock {
-  int year = 2026;
-  int month = 11;
-  int day = 23;
-  int hour = 10;
-  int minute = 0;
-  int second = 0;
-  int hundredths = 0;
-};
-
-// UTF-16LE bytes of UTF-8 text.
-inline std::string Utf16Bytes(const std::string& utf8) {
-  std::string bytes;
-  for (char16_t unit : platform::Utf8ToUtf16(utf8)) {
-    bytes.push_back(static_cast<char>(unit & 0xFF));
-    bytes.push_back(static_cast<char>(unit >> 8));
-  }
-  return bytes;
-}
-
-// One line as the server formats it, without its line end.
-inline std::string LogLineText(const LogClock& t, const std::string& source, const std::string& text) {
-  char stamp[64];
-  snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%02d ", t.year, t.month, t.day, t.hour, t.minute,
-           t.second, t.hundredths);
-  const size_t pad = source.size() < 12 ? 12 - source.size() : 1;
-  return stamp + source + std::string(pad, ' ') + text;
-}
+using kzq_demo::LogClock;
+using kzq_demo::LogLineText;
+using kzq_demo::Utf16Bytes;
 
 class ErrorlogWriter {
  public:
   // Starts the file afresh with the byte-order mark and the server's
   // five-line start-up header.
   static ErrorlogWriter Create(const std::string& path, const LogClock& start) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << "\xFF\xFE";
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << kzq_demo::kByteOrderMark;
     ErrorlogWriter writer(path, start);
-    writer.Info("Server", "SQL Server 2022 (RTM-CU14) - 16.0.4135.4 (X64)")
-        .Info("Server", "UTC adjustment: 1:00")
-        .Info("Server", "All rights reserved.")
-        .Info("Server", "Server process ID is 4242.")
-        .Info("Server", "Logging SQL Server messages in file 'C:\\Data\\Log\\ERRORLOG'.");
+    const kzq_demo::StartupFacts facts{"1:00", 4242, "C:\\Data\\Log\\ERRORLOG"};
+    writer.Bytes(kzq_demo::LogLines(start, "Server", kzq_demo::StartupHeader(facts)));
     return writer;
   }
   // Appends to the file as it is.
@@ -80,26 +49,21 @@ class ErrorlogWriter {
   const LogClock& Clock() const { return clock_; }
 
   ErrorlogWriter& Info(const std::string& source, const std::string& text) {
-    return Bytes(Utf16Bytes(LogLineText(clock_, source, text) + "\r\n"));
+    return Bytes(kzq_demo::LogLines(clock_, source, {text}));
   }
   // The error line and the message line after it.
   ErrorlogWriter& Error(const std::string& source, long error, int severity, int state, const std::string& message) {
-    char numbers[96];
-    snprintf(numbers, sizeof numbers, "Error: %ld, Severity: %d, State: %d.", error, severity, state);
-    return Bytes(
-        Utf16Bytes(LogLineText(clock_, source, numbers) + "\r\n" + LogLineText(clock_, source, message) + "\r\n"));
+    return Bytes(kzq_demo::LogLines(clock_, source, {kzq_demo::ErrorNumbersText(error, severity, state), message}));
   }
   // A symptom dump: the line that starts it (`first_text` should hold
   // "create symptom dump"), `detail_lines` lines of detail and, when
   // `finished`, the line that names the dump file.
   ErrorlogWriter& SymptomDump(const std::string& source, const std::string& first_text, int detail_lines,
                               bool finished = true) {
-    std::string text = LogLineText(clock_, source, first_text) + "\r\n";
-    for (int i = 0; i < detail_lines; ++i)
-      text += LogLineText(clock_, source, "* Short Stack Dump frame " + std::to_string(i)) + "\r\n";
-    if (finished)
-      text += LogLineText(clock_, source, "***Stack Dump being sent to C:\\Data\\Log\\SQLDump0001.txt") + "\r\n";
-    return Bytes(Utf16Bytes(text));
+    std::vector<std::string> texts{first_text};
+    for (int i = 0; i < detail_lines; ++i) texts.push_back("* Short Stack Dump frame " + std::to_string(i));
+    if (finished) texts.push_back(kzq_demo::StackDumpSentText("C:\\Data\\Log\\SQLDump0001.txt"));
+    return Bytes(kzq_demo::LogLines(clock_, source, texts));
   }
   // `count` numbered informational lines, written in large blocks.
   ErrorlogWriter& InfoLines(int count, const std::string& source = "spid12s") {
@@ -118,7 +82,7 @@ class ErrorlogWriter {
   }
   // Bytes as they stand: damaged text, a half unit, a line without its end.
   ErrorlogWriter& Bytes(const std::string& bytes) {
-    std::ofstream(path_, std::ios::binary | std::ios::app) << bytes;
+    kzq_demo::AppendToLog(path_, bytes);
     return *this;
   }
 
