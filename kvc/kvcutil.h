@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "kvc/kvcopts.h"
+
 namespace kvc {
 
 #if defined(__GNUC__)
@@ -56,3 +58,9 @@ void RotateBackups(const char* path, int count);
 }  // namespace kvc
 
 #define KVC_LOG_AT(level, id, ...) ::kvc::LogAt(__FILE__, __LINE__, level, id, __VA_ARGS__)
+
+// A trace line that is written only while the debug switch is on.
+#define KVC_DEBUG_TRACE(id, ...)                                \
+  do {                                                          \
+    if (::kvc::Debug().debug) ::kvc::Log('t', id, __VA_ARGS__); \
+  } while (0)

@@ -6,6 +6,7 @@
 #include "framework/agent.h"
 #include "framework/serve/agent_description.h"
 #include "framework/trace.h"
+#include "kvc/kvcact.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
 #include "kzq/catalogue_json.h"
@@ -77,6 +78,9 @@ void RegisterAllTables() {
     if (flow && (r.init == kzqsrvcd_init || r.init == kzqfgrpd_init)) TRC1_Printf("Calling %s_init()\n", r.name);
     r.init();
   }
+  // A take-action command may arrive on any table; every one runs it the same way.
+  for (framework::TableManager* manager : framework::TableManager::Registered())
+    manager->SetCommandHandler(kvc::kvcaction);
 }
 
 int AgentLoader() {

@@ -10,7 +10,7 @@ namespace kzq {
 int AgentLoader();
 
 // Registers every table's manager in the agent's fixed order (which is not
-// the catalogue's). The results are not checked, as a table that fails to
+// the catalogue's) and makes kvcaction their take-action handler. The results are not checked, as a table that fails to
 // register simply stays unknown.
 void RegisterAllTables();
 

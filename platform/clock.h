@@ -26,6 +26,9 @@ LocalTime NowLocal();
 // Seconds since 1970-01-01 UTC.
 int64_t NowUnixSeconds();
 
+// Milliseconds since 1970-01-01 UTC.
+int64_t NowUnixMillis();
+
 // The local time of a moment given in seconds since 1970-01-01 UTC.
 // Returns false when the moment cannot be represented.
 bool ToLocal(int64_t unix_seconds, LocalTime* out);

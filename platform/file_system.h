@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace platform {
 
@@ -25,6 +26,14 @@ int StatPath(const std::string& path, FileStatus* out);
 // Creates the directory and any missing parents. Returns 0 (also when it
 // already exists) or a Windows error number.
 int CreateDirectories(const std::string& path);
+
+// Creates one directory whose parent exists. Returns 0, 183 when the path
+// already exists, or another Windows error number.
+int MakeDirectory(const std::string& path);
+
+// The names of a directory's entries, "." and ".." left out, in no
+// particular order; empty when it cannot be read.
+std::vector<std::string> ListDirectory(const std::string& directory);
 
 // The native separator of path elements.
 char PathSeparator();

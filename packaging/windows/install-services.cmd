@@ -5,7 +5,8 @@ rem   install-services.cmd <instance> [<install directory>]
 rem The install directory defaults to the directory of this script; it must
 rem hold kzqagent.exe and kzqcoll.exe. The agent's settings are the values of
 rem HKLM\SOFTWARE\Orvane\kzq\<instance>\Environment; this script sets
-rem COLL_SERVERID there. Remove with: install-services.cmd <instance> /remove
+rem COLL_SERVERID there, and for take action COLL_BINPATH (where
+rem kyresql.cmd is) and COLL_PREFIX (the agent's temporary-file prefix). Remove with: install-services.cmd <instance> /remove
 setlocal
 if "%~1"=="" goto usage
 set "INSTANCE=%~1"
@@ -22,6 +23,10 @@ if not exist "%DIR%\kzqcoll.exe" (echo kzqcoll.exe not found in %DIR% & exit /b 
 
 if not exist "%DIR%\replay" mkdir "%DIR%\replay"
 reg add "HKLM\%KEY%\Environment" /v COLL_SERVERID /t REG_SZ /d "%INSTANCE%" /f
+if errorlevel 1 exit /b 4
+reg add "HKLM\%KEY%\Environment" /v COLL_BINPATH /t REG_SZ /d "%DIR%" /f
+if errorlevel 1 exit /b 4
+reg add "HKLM\%KEY%\Environment" /v COLL_PREFIX /t REG_SZ /d kzq /f
 if errorlevel 1 exit /b 4
 sc create %COLLECTOR% binPath= "\"%DIR%\kzqcoll.exe\" --service --replay \"%DIR%\replay\"" start= auto DisplayName= "kzq collector (%INSTANCE%)"
 if errorlevel 1 exit /b 5

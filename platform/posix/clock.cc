@@ -18,6 +18,12 @@ LocalTime NowLocal() {
 
 int64_t NowUnixSeconds() { return static_cast<int64_t>(time(nullptr)); }
 
+int64_t NowUnixMillis() {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
 bool ToLocal(int64_t unix_seconds, LocalTime* out) {
   time_t t = static_cast<time_t>(unix_seconds);
   std::tm tm{};

@@ -42,6 +42,23 @@ int CreateDirectories(const std::string& path) {
   return S_ISDIR(st.st_mode) ? kOk : kErrAlreadyExists;
 }
 
+int MakeDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), 0777) == 0) return kOk;
+  return errno == EEXIST ? kErrAlreadyExists : posix::FromErrno(errno);
+}
+
+std::vector<std::string> ListDirectory(const std::string& directory) {
+  std::vector<std::string> names;
+  DIR* dir = opendir(directory.c_str());
+  if (dir == nullptr) return names;
+  for (const dirent* entry = readdir(dir); entry != nullptr; entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  return names;
+}
+
 char PathSeparator() { return '/'; }
 
 char PathListSeparator() { return ':'; }

@@ -30,6 +30,14 @@ LocalTime NowLocal() {
 
 int64_t NowUnixSeconds() { return static_cast<int64_t>(_time64(nullptr)); }
 
+int64_t NowUnixMillis() {
+  FILETIME ft;
+  GetSystemTimeAsFileTime(&ft);
+  const int64_t ticks = (static_cast<int64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
+  constexpr int64_t kUnixEpochTicks = 116444736000000000;  // 1970-01-01 in 100 ns since 1601
+  return (ticks - kUnixEpochTicks) / 10000;
+}
+
 bool ToLocal(int64_t unix_seconds, LocalTime* out) {
   __time64_t t = unix_seconds;
   std::tm tm{};

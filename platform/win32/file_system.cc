@@ -38,6 +38,24 @@ int CreateDirectories(const std::string& path) {
   return (attributes & FILE_ATTRIBUTE_DIRECTORY) ? kOk : kErrAlreadyExists;
 }
 
+int MakeDirectory(const std::string& path) {
+  if (CreateDirectoryA(path.c_str(), nullptr)) return kOk;
+  return win32::LastError();
+}
+
+std::vector<std::string> ListDirectory(const std::string& directory) {
+  std::vector<std::string> names;
+  WIN32_FIND_DATAA found;
+  HANDLE search = FindFirstFileA((directory + "\\*").c_str(), &found);
+  if (search == INVALID_HANDLE_VALUE) return names;
+  do {
+    const std::string name = found.cFileName;
+    if (name != "." && name != "..") names.push_back(name);
+  } while (FindNextFileA(search, &found));
+  FindClose(search);
+  return names;
+}
+
 char PathSeparator() { return '\\'; }
 
 char PathListSeparator() { return ';'; }

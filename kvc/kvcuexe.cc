@@ -1,0 +1,194 @@
+#include "kvc/kvcuexe.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "kvc/kvcenv.h"
+#include "kvc/kvcsqlib.h"
+#include "kvc/kvcstr.h"
+#include "kvc/kvctemp.h"
+#include "kvc/kvcutil.h"
+#include "kvc/kvcutl2.h"
+#include "platform/clock.h"
+#include "platform/command_shell.h"
+#include "platform/environment.h"
+#include "platform/file_system.h"
+
+namespace kvc {
+namespace {
+
+// Parameters of this many characters are put in single quotes, when they
+// hold a quote or a blank, before they travel by file.
+constexpr size_t kQuoteFrom = 226;
+constexpr size_t kQuoteBelow = 569;
+// The interpreter's line must stay within this many characters, counting
+// 31 for the redirections.
+constexpr size_t kInlineLimit = 256;
+constexpr size_t kRedirectionAllowance = 31;
+constexpr size_t kLineBuffer = 7000;  // output lines and quoted parameters, with the terminator
+
+// "kzq" and "KZQ" exactly: this agent's prefix, whose files are kept for a
+// while and whose "kzqsql" command is served in process.
+bool IsAgentPrefix(const std::string& prefix) { return prefix == "kzq" || prefix == "KZQ"; }
+
+bool IsSqlCommand(const char* command) { return strcmp(command, "kzqsql") == 0 || strcmp(command, "KZQSQL") == 0; }
+
+// The command as the interpreter gets it: a plain name is taken from the
+// bin directory; "@name" and names with a path separator are run as given.
+struct CommandName {
+  std::string directory;  // the bin directory and a separator, or empty
+  std::string name;
+};
+
+CommandName Locate(const std::string& bin_path, const char* command) {
+  if (command[0] == '@') return {"", command + 1};
+  if (strchr(command, platform::PathSeparator()) != nullptr || bin_path.empty()) return {"", command};
+  return {bin_path + platform::PathSeparator(), command};
+}
+
+bool FitsOnLine(const CommandName& command, const char* parms) {
+  return command.directory.size() + strlen(parms) + kRedirectionAllowance <= kInlineLimit &&
+         strpbrk(parms, platform::ShellSpecialCharacters()) == nullptr;
+}
+
+// The parameters as written to the input file: quoted in the middle band
+// of lengths, as they stand otherwise.
+std::string FileParameters(const char* parms) {
+  const size_t length = strlen(parms);
+  if (length < kQuoteFrom || length >= kQuoteBelow) return parms;
+  char quoted[kLineBuffer];
+  return QuoteText(parms, '\'', ' ', quoted, sizeof quoted) < 0 ? std::string(parms) : std::string(quoted);
+}
+
+bool WriteParameters(const std::string& path, const char* parms) {
+  FILE* file = fopen(path.c_str(), "w");
+  if (file == nullptr) {
+    Log('e', "uex3040", "Can't open parm file %s\n", path.c_str());
+    return false;
+  }
+  fprintf(file, "%s\n", FileParameters(parms).c_str());
+  fclose(file);
+  KVC_DEBUG_TRACE("uex3047", "Parms written to file '%.132s'\n", path.c_str());
+  return true;
+}
+
+r_exec_chain* NewNode(const char* text, size_t length) {
+  r_exec_chain* node = nullptr;
+  TrackedAlloc(nullptr, reinterpret_cast<void**>(&node), offsetof(r_exec_chain, text) + length + 1, kTrackUntracked,
+               __FILE__, __LINE__, "r_exec_chain");
+  node->next = nullptr;
+  node->length = static_cast<int32_t>(length);
+  memcpy(node->text, text, length);
+  node->text[length] = '\0';
+  return node;
+}
+
+// Every line of the file, trailing white space removed, as a chain.
+r_exec_chain* ReadLines(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "r");
+  if (file == nullptr) {
+    Log('w', "uex3050", "Cannot open file %s\n", path.c_str());
+    return nullptr;
+  }
+  r_exec_chain* head = nullptr;
+  r_exec_chain** tail = &head;
+  char line[kLineBuffer];
+  while (fgets(line, sizeof line, file) != nullptr) {
+    size_t length = strlen(line);
+    if (length == 0) continue;
+    while (length > 0 && isspace(static_cast<unsigned char>(line[length - 1]))) --length;
+    *tail = NewNode(line, length);
+    tail = &(*tail)->next;
+  }
+  fclose(file);
+  return head;
+}
+
+// Runs the command: the agent's own SQL requests in process, everything
+// else through the interpreter. -1 with *error set when nothing could run.
+int Run(const ExecPlaces& places, const char* command, const char* parms, const std::string& line,
+        const ExecTempFiles& files, int* error) {
+  if (IsAgentPrefix(places.prefix) && IsSqlCommand(command)) {
+    *error = 0;
+    return RunSqlRequest(parms, files.output.c_str());
+  }
+  return platform::RunShellCommand(line, error);
+}
+
+platform::LocalTime UtcNow() {
+  const int64_t now = platform::NowUnixMillis();
+  platform::LocalTime utc;
+  platform::ToUtc(now / 1000, &utc);
+  utc.millisecond = static_cast<int>(now % 1000);
+  return utc;
+}
+
+void TraceChain(const r_exec_chain* head) {
+  if (!Debug().debug) return;
+  int number = 0;
+  for (const r_exec_chain* node = head; node != nullptr; node = node->next)
+    Log('w', "uex3050", "u_exec returning Line(%d) ptr(%d) next(%d) value(%s)\n", ++number,
+        static_cast<int>(reinterpret_cast<intptr_t>(node)), static_cast<int>(reinterpret_cast<intptr_t>(node->next)),
+        node->text);
+}
+
+}  // namespace
+
+ExecPlaces CurrentExecPlaces() {
+  AgentConfig& config = TheAgentConfig();
+  ReadAgentEnvironment(config);
+  ExecPlaces places;
+  places.home = platform::GetEnv("COLL_HOME").value_or("");
+  places.prefix = config.prefix != nullptr ? config.prefix : "";
+  places.server_id = platform::GetEnv("COLL_SERVERID").value_or("");
+  places.bin_path = config.binPath != nullptr ? config.binPath : "";
+  places.delete_interval_minutes = TempFileDeleteInterval();
+  return places;
+}
+
+r_exec_chain* u_exec(const char* command, const char* parms) { return u_exec_in(CurrentExecPlaces(), command, parms); }
+
+r_exec_chain* u_exec_in(const ExecPlaces& places, const char* command, const char* parms) {
+  KVC_DEBUG_TRACE("uex3010", "Cmd '%s'; Parms '%s'\n", command, parms);
+  const CommandName name = Locate(places.bin_path, command);
+  const std::string directory = PrepareExecTempDirectory(places.home, places.prefix, places.server_id);
+  const ExecTempFiles files = ExecTempFileNames(directory, places.prefix, UtcNow());
+  KVC_DEBUG_TRACE("uex3047", "Output filename : %s\n", files.output.c_str());
+  KVC_DEBUG_TRACE("uex3047", "Input filename : %s\n", files.input.c_str());
+
+  const bool inline_parms = FitsOnLine(name, parms);
+  if (!inline_parms && !WriteParameters(files.input, parms)) return nullptr;
+  const std::string line = platform::RedirectedCommandLine(
+      name.directory + name.name + " " + (inline_parms ? parms : "-filein " + files.input), files.output);
+  KVC_DEBUG_TRACE("uex3047", "Command to execute %s\n", line.c_str());
+
+  int error = 0;
+  const int status = Run(places, command, parms, line, files, &error);
+  r_exec_chain* head = nullptr;
+  if (status == -1 && error != 0)
+    Log('w', "uex3048", "Command error '%.20s' errno=%d %s\n", line.c_str(), error, strerror(error));
+  else
+    head = ReadLines(files.output);
+
+  if (IsAgentPrefix(places.prefix)) {
+    CleanExecTempFiles(directory, places.prefix, platform::NowUnixMillis(), places.delete_interval_minutes);
+  } else {
+    remove(files.input.c_str());
+    remove(files.output.c_str());
+  }
+  TraceChain(head);
+  return head;
+}
+
+void free_exec_chain(r_exec_chain* head) {
+  while (head != nullptr) {
+    r_exec_chain* next = head->next;
+    TrackedFree(nullptr, reinterpret_cast<void**>(&head), kTrackUntracked, __FILE__, __LINE__, "r_exec_chain");
+    head = next;
+  }
+}
+
+}  // namespace kvc

@@ -1,0 +1,23 @@
+// Running a command line through the system's command interpreter: cmd.exe
+// on Windows, /bin/sh on POSIX.
+#pragma once
+
+#include <string>
+
+namespace platform {
+
+// Flushes every C stream, then runs `line` through the interpreter and
+// waits for it. Returns the C library's `system` status; -1 when the
+// interpreter could not be run, with *error holding errno (0 otherwise).
+int RunShellCommand(const std::string& line, int* error);
+
+// The line that runs `command` (with its arguments) with its standard
+// output and error both going to `output_file`: "(command) 2>out 1>&2".
+std::string RedirectedCommandLine(const std::string& command, const std::string& output_file);
+
+// Characters that the interpreter would act on when they stand in the
+// arguments of "(cmd args)": arguments holding one of them must not be put
+// on the line as they are.
+const char* ShellSpecialCharacters();
+
+}  // namespace platform

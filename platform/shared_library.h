@@ -1,0 +1,23 @@
+// Libraries loaded into the process at run time.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace platform {
+
+class SharedLibrary {
+ public:
+  virtual ~SharedLibrary() = default;
+  // The address of an exported entry, or null when it has none by that name.
+  virtual void* Entry(const char* name) const = 0;
+};
+
+// Loads the library of a base name the platform's way: "kzqsqld" is
+// LoadLibraryA("kzqsqld.dll") on Windows (the program's directory, the
+// system directories, then PATH) and dlopen("libkzqsqld.so") on POSIX
+// (LD_LIBRARY_PATH, then the system's library directories). Null when it
+// cannot be loaded; the library stays loaded while the object lives.
+std::unique_ptr<SharedLibrary> LoadSharedLibrary(const std::string& base_name);
+
+}  // namespace platform

@@ -1,0 +1,150 @@
+// u_exec against real commands run by the system's command interpreter.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "kvc/kvctemp.h"
+#include "kvc/kvcuexe.h"
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/file_system.h"
+#include "tests/e2e/action_sandbox.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// The chain's texts; frees it. Each node's length must be its text's.
+std::vector<std::string> Texts(kvc::r_exec_chain* chain) {
+  std::vector<std::string> texts;
+  for (const kvc::r_exec_chain* node = chain; node != nullptr; node = node->next) {
+    EXPECT_EQ(static_cast<size_t>(node->length), strlen(node->text));
+    texts.emplace_back(node->text);
+  }
+  kvc::free_exec_chain(chain);
+  return texts;
+}
+
+std::vector<std::string> Exec(const std::string& command, const std::string& parms) {
+  kzq_test::TheActionSandbox();
+  return Texts(kvc::u_exec(command.c_str(), parms.c_str()));
+}
+
+// Inline parameters that still fit on the interpreter's line.
+size_t InlineRoom() { return 225 - (kzq_test::TheActionSandbox().bin.size() + 1); }
+
+TEST(Exec, OutputComesBackLineByLineWithTrailingBlanksRemoved) {
+  EXPECT_THAT(Exec("printlines", " "), ElementsAre("first line", "", "", "last line"));
+}
+
+TEST(Exec, NothingPrintedIsNoChain) { EXPECT_TRUE(Exec("silent", " ").empty()); }
+
+TEST(Exec, ACommandThatCannotStartReportsWhatTheInterpreterSaid) {
+  const std::vector<std::string> lines = Exec("nosuchcommand", " ");
+  ASSERT_FALSE(lines.empty());
+  EXPECT_THAT(lines.front(), HasSubstr("nosuchcommand"));
+}
+
+TEST(ExecCommandName, PlainNamesComeFromTheBinDirectoryAtSignAndPathsAsGiven) {
+  const auto& sandbox = kzq_test::TheActionSandbox();
+  EXPECT_THAT(Exec("whereami", " "), ElementsAre("bin"));
+  EXPECT_THAT(Exec("@whereami", " "), ElementsAre("path"));
+  EXPECT_THAT(Exec(sandbox.path_dir + platform::PathSeparator() + "whereami", " "), ElementsAre("path"));
+}
+
+TEST(ExecParameters, GoOnTheLineWhileTheyFitThenByFile) {
+  const std::string fits(InlineRoom(), 'x');
+  EXPECT_THAT(Exec("showargs", fits), ElementsAre("args=" + fits));
+  const std::string too_long = fits + "x";
+  EXPECT_THAT(Exec("showargs", too_long), ElementsAre(StartsWith("args=-filein "), too_long));
+}
+
+TEST(ExecParameters, CharactersTheInterpreterWouldActOnTravelByFileUnchanged) {
+  for (const std::string parms : {"count(*) x", "a > b", "a | b & c"})
+    EXPECT_THAT(Exec("showargs", parms), ElementsAre(StartsWith("args=-filein "), parms)) << parms;
+}
+
+TEST(ExecParameters, LengthsFrom226To568AreQuotedInTheFile) {
+  const std::string below = "a " + std::string(223, 'q');      // 225
+  const std::string first = "a " + std::string(224, 'q');      // 226
+  const std::string last = "it's " + std::string(563, 'q');    // 568
+  const std::string beyond = "it's " + std::string(564, 'q');  // 569
+  EXPECT_THAT(Exec("showargs", below), ElementsAre(StartsWith("args=-filein "), below));
+  EXPECT_THAT(Exec("showargs", first), ElementsAre(StartsWith("args=-filein "), "'" + first + "'"));
+  EXPECT_THAT(Exec("showargs", last),
+              ElementsAre(StartsWith("args=-filein "), "'it''s " + std::string(563, 'q') + "'"));
+  EXPECT_THAT(Exec("showargs", beyond), ElementsAre(StartsWith("args=-filein "), beyond));
+}
+
+std::vector<std::string> Entries(const std::string& directory) {
+  std::vector<std::string> names = platform::ListDirectory(directory);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(ExecTempFiles, TheAgentsPrefixKeepsItsFilesNamedMonthDayYearFirst) {
+  const auto& sandbox = kzq_test::TheActionSandbox();
+  const std::vector<std::string> before = Entries(sandbox.TempDirectory());
+  Exec("showargs", "kept(1)");
+  std::vector<std::string> added;
+  for (const std::string& name : Entries(sandbox.TempDirectory()))
+    if (std::find(before.begin(), before.end(), name) == before.end()) added.push_back(name);
+  ASSERT_EQ(added.size(), 2u);
+  std::smatch in, out;
+  ASSERT_TRUE(std::regex_match(added[0], in, std::regex(R"(kzq_(\d{16,17})\.in)"))) << added[0];
+  ASSERT_TRUE(std::regex_match(added[1], out, std::regex(R"(kzq_(\d{16,17})\.out)"))) << added[1];
+  EXPECT_EQ(in[1], out[1]);
+  platform::LocalTime utc;
+  ASSERT_TRUE(platform::ToUtc(platform::NowUnixSeconds(), &utc));
+  EXPECT_EQ(std::stoi(in[1].str().substr(0, 2)), utc.month);
+  EXPECT_EQ(std::stoi(in[1].str().substr(4, 4)), utc.year);
+}
+
+TEST(ExecTempFiles, AnyOtherPrefixRemovesItsFilesAtOnce) {
+  kzq_test::TheActionSandbox();
+  kzq_test::TempDir home;
+  kvc::ExecPlaces places = kvc::CurrentExecPlaces();
+  places.home = home.Path();
+  places.prefix = "oth";
+  places.server_id = "S1";
+  EXPECT_THAT(Texts(kvc::u_exec_in(places, "showargs", "gone(1)")),
+              ElementsAre(StartsWith("args=-filein "), "gone(1)"));
+  const char sep = platform::PathSeparator();
+  EXPECT_TRUE(Entries(home.Path() + sep + "tmp" + sep + "oth" + sep + "S1").empty());
+}
+
+TEST(ExecTempFiles, FilesOfThePrefixOlderThanTheIntervalAreDeleted) {
+  kzq_test::TempDir dir;
+  kzq_test::WriteFile(dir.File("kzq_old.out"), "x");
+  kzq_test::WriteFile(dir.File("other.out"), "x");
+  // The files were made just now: the clock moves on instead of the files
+  // being made old, since a file's creation time cannot be set everywhere.
+  const int64_t now = platform::NowUnixMillis();
+  kvc::CleanExecTempFiles(dir.Path(), "kzq", now + 90 * 1000, 2);
+  EXPECT_THAT(Entries(dir.Path()), ElementsAre("kzq_old.out", "other.out"));
+  kvc::CleanExecTempFiles(dir.Path(), "kzq", now + 150 * 1000, 2);
+  EXPECT_THAT(Entries(dir.Path()), ElementsAre("other.out"));
+}
+
+TEST(ExecTempFiles, DeleteIntervalIsTwoMinutesUnlessAllDigits) {
+  const auto interval_for = [](const char* value) {
+    platform::SetEnv("COLL_TMPFILE_DEL_INTERVAL", value);
+    const int minutes = kvc::TempFileDeleteInterval();
+    platform::SetEnv("COLL_TMPFILE_DEL_INTERVAL", "");
+    return minutes;
+  };
+  EXPECT_EQ(interval_for(""), 2);
+  EXPECT_EQ(interval_for("15"), 15);
+  EXPECT_EQ(interval_for("5m"), 2);
+  EXPECT_EQ(interval_for("-1"), 2);
+}
+
+}  // namespace

@@ -1,0 +1,2 @@
+@echo off
+rem Runs and prints nothing.

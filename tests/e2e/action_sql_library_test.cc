@@ -1,0 +1,79 @@
+// The agent's own "kzqsql" command served by the in-process SQL library,
+// each case in a process of its own: the library is loaded once per
+// process.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "platform/environment.h"
+#include "platform/file_system.h"
+#include "platform/process.h"
+#include "tests/e2e/action_sandbox.h"
+#include "tests/support/binaries.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+#ifdef _WIN32
+constexpr const char* kLibraryPath = "PATH";
+#else
+constexpr const char* kLibraryPath = "LD_LIBRARY_PATH";
+#endif
+
+// Runs the request in kvc_sql_runner with `library_dir` searched first for
+// the library; returns what the runner printed.
+std::string RunRequest(const std::string& library_dir, const std::string& request) {
+  kzq_test::TheActionSandbox();
+  kzq_test::TempDir out;
+  const std::optional<std::string> saved = platform::GetEnv(kLibraryPath);
+  platform::SetEnv(kLibraryPath, library_dir + platform::PathListSeparator() + saved.value_or(""));
+  int error = 0;
+  platform::ProcessOptions options;
+  options.output_file = out.File("runner.txt");
+  auto child = platform::StartProcess({kzq_test::BuiltProgram("tests", "kvc_sql_runner"), request}, &error, options);
+  platform::SetEnv(kLibraryPath, saved.value_or(""));
+  if (child == nullptr) return "cannot start the runner: " + std::to_string(error);
+  EXPECT_EQ(child->Wait(), 0);
+  return kzq_test::ReadFile(options.output_file);
+}
+
+// How the runner prints a node of the chain.
+std::string Node(const std::string& text) { return "LINE " + std::to_string(text.size()) + " " + text; }
+
+std::string LibraryDir(const char* variant) {
+  const char sep = platform::PathSeparator();
+  return kzq_test::TheActionSandbox().build_dir + sep + "sqllib" + sep + variant;
+}
+
+TEST(SqlLibrary, AnswersWithTheLinesTheLibraryWrote) {
+  const std::string out = RunRequest(LibraryDir("whole"), "select name from sys.databases");
+  EXPECT_THAT(out, HasSubstr(Node("request: select name from sys.databases")));
+  EXPECT_THAT(out, HasSubstr(Node("server: dbhost\\" + platform::GetEnv("COLL_SERVERID").value_or(""))));
+  EXPECT_THAT(out, HasSubstr(Node("debug: 1")));  // handed the debug settings before the request
+  EXPECT_THAT(out, Not(HasSubstr("NO CHAIN")));
+}
+
+TEST(SqlLibrary, AFailedRequestIsTracedAndItsLinesStillRead) {
+  const std::string out = RunRequest(LibraryDir("whole"), "fail 3");
+  EXPECT_THAT(out, HasSubstr("DLL returned 3"));
+  EXPECT_THAT(out, HasSubstr(Node("request: fail 3")));
+}
+
+TEST(SqlLibrary, MissingLibraryOrEntryIsLoggedAndGivesNoChain) {
+  kzq_test::TempDir empty;
+  const std::string absent = RunRequest(empty.Path(), "select 1");
+  EXPECT_THAT(absent, HasSubstr("UEX3047BW"));
+  EXPECT_THAT(absent, HasSubstr("LoadLibray(kzqdbdll.dll) failed"));
+  EXPECT_THAT(absent, HasSubstr("NO CHAIN"));
+  const std::string partial = RunRequest(LibraryDir("partial"), "select 1");
+  EXPECT_THAT(partial, HasSubstr("UEX3047AW"));
+  EXPECT_THAT(partial, HasSubstr("DLL routines not found"));
+  EXPECT_THAT(partial, HasSubstr("NO CHAIN"));
+}
+
+}  // namespace
