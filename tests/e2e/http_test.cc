@@ -105,6 +105,7 @@ class Http : public testing::Test {
     platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:0");
     platform::SetEnv("KZQ_HTTP_TOKEN", "");
     platform::SetEnv("KZQ_SAMPLE_INTERVAL", "1");
+    platform::SetEnv("COLL_PREFIX", "kzq");
     kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"),
                         R"({"SERVERID": "SQL1", "HOSTNAME": "db01", "DBNAME": "master", "DBSIZE": 6})"
                         "\n"
@@ -303,8 +304,15 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   holder.set_bearer_token_auth("t0ken");
   EXPECT_EQ(holder.Get("/tables")->status, 200);
   EXPECT_EQ(anonymous.Get("/tables?access_token=t0ken")->status, 200);
-  auto action = holder.Post("/actions", R"({"command": 42})", "application/json");
-  EXPECT_EQ(action->status, 400);
+  EXPECT_EQ(holder.Post("/actions", R"({"command": 42})", "application/json")->status, 400);
+  auto action = holder.Post("/actions", R"({"command": "echo hello from kzq"})", "application/json");
+  ASSERT_TRUE(action);
+  ASSERT_EQ(action->status, 200) << action->body;
+  const Json answer = Json::parse(action->body);
+  ASSERT_EQ(answer["lines"].size(), 1u) << action->body;
+  EXPECT_EQ(answer["lines"][0]["id"], "KVCACT002");
+  EXPECT_EQ(answer["lines"][0]["line"], "hello from kzq");
+  EXPECT_EQ(answer["lines"][0]["title"], "Database Action");
 }
 
 TEST_F(Http, AnOpenAddressWithoutATokenIsRefusedAtStart) {
