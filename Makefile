@@ -2,7 +2,7 @@
 # Each target installs what it needs on a fresh Debian machine.
 
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev \
-  libsystemd-dev
+  libsystemd-dev prometheus chromium
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
 JOBS ?= 2
 

@@ -91,7 +91,7 @@ void ServeSample(const httplib::Request& req, httplib::Response& res) {
   Answer(res, 200, body);
 }
 
-Json StatusJson(const SampleCache& cache) {
+Json StatusJson(const SampleCache& cache, int event_consumers) {
   const MetricsContext context = CurrentContext();
   Json services = Json::array();
   for (const ServiceState& s : ProbeServices()) services.push_back({{"role", s.role}, {"name", s.name}, {"up", s.up}});
@@ -114,7 +114,8 @@ Json StatusJson(const SampleCache& cache) {
     tables.push_back(entry);
   }
   return {{"server_id", context.server_id}, {"host", context.host},      {"services", services},
-          {"tables", tables},               {"recent_errors", recent}, {"events_emitted", context.events_emitted}};
+          {"tables", tables},               {"recent_errors", recent}, {"events_emitted", context.events_emitted},
+          {"event_consumers", event_consumers}};
 }
 
 void ServeEvents(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
@@ -196,7 +197,7 @@ void Route(HttpEndpoint::Impl& impl) {
     res.set_content(StatusPageHtml(), "text/html; charset=utf-8");
   });
   s.Get("/status", [&impl](const httplib::Request&, httplib::Response& res) {
-    Answer(res, 200, StatusJson(*impl.cache));
+    Answer(res, 200, StatusJson(*impl.cache, impl.event_consumers));
   });
   s.Get("/tables", [](const httplib::Request&, httplib::Response& res) { Answer(res, 200, PublishedCatalogue()); });
   s.Get(R"(/tables/([A-Za-z0-9]+))", ServeSample);

@@ -15,6 +15,16 @@
 
 #include <nlohmann/json.hpp>
 
+#ifndef _WIN32
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
 #include "kzq/errorlog_state.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -363,3 +373,151 @@ TEST_F(Http, KzqctlReadsARunningAgentAndSaysWhenThereIsNone) {
 }
 
 }  // namespace
+
+#ifndef _WIN32
+// A Prometheus server and a browser run on Linux only.
+namespace {
+
+int FreePort() {
+  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
+  close(s);
+  return ntohs(address.sin_port);
+}
+
+TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
+  agent_ = StartAgent();
+  const int port = FreePort();
+  kzq_test::WriteFile(home_.File("prometheus.yml"),
+                      "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
+                      "scrape_configs:\n  - job_name: kzq\n    static_configs: [{targets: ['127.0.0.1:" +
+                          std::to_string(agent_.port) + "']}]\n");
+  int error = 0;
+  auto prometheus = platform::StartProcess(
+      {"/usr/bin/prometheus", "--config.file=" + home_.File("prometheus.yml"),
+       "--storage.tsdb.path=" + home_.File("tsdb"), "--web.listen-address=127.0.0.1:" + std::to_string(port)},
+      &error, {home_.File("prometheus.out")});
+  ASSERT_NE(prometheus, nullptr) << "prometheus: " << error;
+  httplib::Client client("http://127.0.0.1:" + std::to_string(port));
+  Json answer;
+  const bool found = Eventually([&] {
+    auto result = client.Get("/api/v1/query?query=kzq_kzqdbd_dbsize%7Bdbname%3D%22sales%22%7D");
+    if (!result || result->status != 200) return false;
+    answer = Json::parse(result->body, nullptr, false);
+    return answer.is_object() && !answer["data"]["result"].empty();
+  });
+  prometheus->Kill();
+  prometheus->Wait();
+  ASSERT_TRUE(found) << kzq_test::ReadFile(home_.File("prometheus.out"));
+  const Json& series = answer["data"]["result"][0];
+  EXPECT_EQ(series["value"][1], "20480");
+  EXPECT_EQ(series["metric"]["job"], "kzq");
+  EXPECT_EQ(series["metric"]["server_id"], platform::GetEnv("COLL_SERVERID").value());
+}
+
+// A headless browser driven over its debugging pipe (fd 3 in, fd 4 out,
+// messages ended by NUL).
+class Browser {
+ public:
+  Browser() {
+    int in[2], out[2];
+    if (pipe(in) != 0 || pipe(out) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 3);
+      dup2(out[1], 4);
+      const int devnull = open("/dev/null", O_WRONLY);
+      dup2(devnull, 1);
+      dup2(devnull, 2);
+      execl("/usr/bin/chromium", "chromium", "--headless", "--no-sandbox", "--disable-gpu",
+            "--remote-debugging-pipe", "about:blank", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    to_ = in[1];
+    from_ = out[0];
+  }
+  ~Browser() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    close(to_);
+    close(from_);
+  }
+
+  bool Open(const std::string& url) {
+    const Json target = Call("Target.createTarget", {{"url", url}});
+    const Json attached =
+        Call("Target.attachToTarget", {{"targetId", target.value("targetId", "")}, {"flatten", true}});
+    session_ = attached.value("sessionId", "");
+    return !session_.empty();
+  }
+
+  // The value of a JavaScript expression in the page.
+  Json Evaluate(const std::string& expression) {
+    return Call("Runtime.evaluate", {{"expression", expression}, {"returnByValue", true}}, session_)["result"]["value"];
+  }
+
+ private:
+  Json Call(const std::string& method, const Json& params, const std::string& session = "") {
+    Json message = {{"id", ++last_id_}, {"method", method}, {"params", params}};
+    if (!session.empty()) message["sessionId"] = session;
+    const std::string text = message.dump() + '\0';
+    if (write(to_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) return Json();
+    for (;;) {
+      const size_t end = pending_.find('\0');
+      if (end != std::string::npos) {
+        const Json answer = Json::parse(pending_.substr(0, end), nullptr, false);
+        pending_.erase(0, end + 1);
+        if (answer.is_object() && answer.value("id", 0) == last_id_) return answer.value("result", Json::object());
+        continue;
+      }
+      char buffer[65536];
+      const ssize_t got = read(from_, buffer, sizeof buffer);
+      if (got <= 0) return Json();
+      pending_.append(buffer, static_cast<size_t>(got));
+    }
+  }
+
+  pid_t pid_ = -1;
+  int to_ = -1, from_ = -1;
+  int last_id_ = 0;
+  std::string session_;
+  std::string pending_;
+};
+
+TEST_F(Http, TheStatusPageShowsServicesTablesAndANewErrorWithoutAReload) {
+  agent_ = StartAgent();
+  ASSERT_TRUE(Eventually([&] { return Sampled(agent_.Url()); }));
+  Browser browser;
+  ASSERT_TRUE(browser.Open(agent_.Url() + "/"));
+  const std::string look =
+      "JSON.stringify({services: document.querySelector('#services tbody').innerText,"
+      " tables: document.querySelectorAll('#tables tbody tr').length,"
+      " live: Array.from(document.querySelectorAll('#events tr.live')).map(r => r.innerText)})";
+  Json page;
+  const auto seen = [&] {
+    const Json value = browser.Evaluate(look);  // null while the page loads
+    page = value.is_string() ? Json::parse(value.get<std::string>(), nullptr, false) : Json();
+    return page.is_object();
+  };
+  ASSERT_TRUE(Eventually([&] { return seen() && page["tables"] == 33; })) << page.dump();
+  EXPECT_THAT(page["services"].get<std::string>(), testing::ContainsRegex("collector\\s+KZQCOLL1\\s+up"));
+  EXPECT_THAT(page["services"].get<std::string>(), testing::ContainsRegex("sqlserver\\s+MSSQLSERVER\\s+down"));
+  // The page's own event stream is open before the error is written.
+  ASSERT_TRUE(Eventually([&] { return GetJson(agent_.Url(), "/status")["event_consumers"] == 1; }));
+  log_writer_->Advance(1).Error("spid51", 9002, 17, 2, "The transaction log for database 'sales' is full.");
+  ASSERT_TRUE(ArrivesWithChanges([&] { return seen() && page["live"].size() == 1; })) << page.dump();
+  EXPECT_THAT(page["live"][0].get<std::string>(), HasSubstr("The transaction log for database 'sales' is full."));
+  EXPECT_THAT(page["live"][0].get<std::string>(), HasSubstr("9002"));
+}
+
+}  // namespace
+#endif
