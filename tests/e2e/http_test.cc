@@ -88,6 +88,10 @@ class EventConsumer {
     std::lock_guard<std::mutex> guard(lock_);
     return subscribed_;
   }
+  std::vector<Json> Events() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return events_;
+  }
   std::vector<std::string> Messages() {
     std::lock_guard<std::mutex> guard(lock_);
     std::vector<std::string> texts;
@@ -233,11 +237,13 @@ TEST_F(Http, MetricsCarryTheCachedSamplesAndTheAgentsHealth) {
   auto scrape = client.Get("/metrics");
   ASSERT_TRUE(scrape);
   EXPECT_EQ(scrape->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
-  EXPECT_THAT(scrape->body, testing::ContainsRegex("kzq_kzqdbd_dbsize\\{server_id=\"[^\"]+\",host=\"[^\"]*\","
-                                                   "dbname=\"sales\"\\} 20480\n"));
-  EXPECT_THAT(scrape->body, testing::ContainsRegex("kzq_samples_total\\{[^}]*table=\"KZQDBD\"\\} [1-9]"));
-  EXPECT_THAT(scrape->body, HasSubstr("service=\"KZQCOLL1\"} 1\n"));
+  const std::string server = "server_id=\"" + platform::GetEnv("COLL_SERVERID").value() + "\"";
+  EXPECT_THAT(scrape->body, HasSubstr("kzq_kzqdbd_dbsize{" + server + ",host="));
+  EXPECT_THAT(scrape->body, HasSubstr(",dbname=\"sales\"} 20480\n"));
+  EXPECT_THAT(scrape->body, HasSubstr(",table=\"KZQDBD\"} 2\n"));  // kzq_sample_rows: both replayed rows
+  EXPECT_THAT(scrape->body, HasSubstr("service=\"KZQCOLL1\"} "));
 #ifndef _WIN32
+  EXPECT_THAT(scrape->body, HasSubstr("service=\"KZQCOLL1\"} 1\n"));  // its pid file says it runs
   kzq_test::WriteFile(home_.File("scrape.txt"), scrape->body);
   const int promtool = system(("promtool check metrics < " + home_.File("scrape.txt")).c_str());
   EXPECT_EQ(promtool, 0) << "promtool check metrics found problems";
@@ -260,6 +266,13 @@ TEST_F(Http, TwoEventConsumersEachReceiveEveryErrorAtOnce) {
   platform::SleepMillis(300);  // nothing more may come
   EXPECT_EQ(first.Messages(), expected);
   EXPECT_EQ(second.Messages(), expected);
+  const Json event = first.Events()[0];
+  EXPECT_EQ(event["ERRORID"], "9002");
+  EXPECT_EQ(event["SEVERITY"], 17);
+  EXPECT_EQ(event["SQLSTATE"], 2);
+  EXPECT_EQ(event["MSGISSUER"], "spid51");
+  EXPECT_EQ(event["MSGTIME"], "1261123090001000");
+  EXPECT_GE(event["MSGAGE"].get<int>(), 0);
 }
 
 // The resume point outlives the agent: errors written while it was killed

@@ -20,10 +20,17 @@ const char* StateNumberOf(ServiceManager::State state) {
   return "";
 }
 
+// A service deleted while its process still ends stays marked for deletion
+// for a while, so every manager installs under a name of its own.
+std::string UniqueName() {
+  static int managers = 0;
+  return "kzqtest" + std::to_string(platform::CurrentProcessId()) + "_" + std::to_string(++managers);
+}
+
 class ScManager final : public ServiceManager {
  public:
   explicit ScManager(const std::string& work_dir)
-      : output_(work_dir + "\\sc-output.txt"), name_("kzqtest" + std::to_string(platform::CurrentProcessId())) {}
+      : output_(work_dir + "\\sc-output.txt"), name_(UniqueName()) {}
   ~ScManager() override {
     if (installed_) {
       Sc({"stop", name_});
