@@ -416,6 +416,19 @@ std::vector<std::string> ChannelObjectNames(const std::string& prefix) {
           prefix + "KVCDataShm", prefix + "KVCDataSemAvail", prefix + "KVCDataSemFill"};
 }
 
+namespace {
+
+// Agent and collector may run under different accounts, so a service's
+// objects are open to all; KZQ_PRIVATE_OBJECTS keeps them to the running
+// account, for installations that run both under one.
+platform::ObjectAccess ChannelObjectAccess(bool console) {
+  const std::string restricted = platform::GetEnv("KZQ_PRIVATE_OBJECTS").value_or("");
+  if (!restricted.empty() && restricted != "0") return platform::ObjectAccess::kOwner;
+  return console ? platform::ObjectAccess::kDefault : platform::ObjectAccess::kOpen;
+}
+
+}  // namespace
+
 int CreateObjects(const std::string& prefix) {
   Channel& c = TheChannel();
   if (!c.console) {
@@ -425,7 +438,7 @@ int CreateObjects(const std::string& prefix) {
       return 0;
     }
   }
-  const platform::ObjectAccess access = c.console ? platform::ObjectAccess::kDefault : platform::ObjectAccess::kOpen;
+  const platform::ObjectAccess access = ChannelObjectAccess(c.console);
   c.request = std::make_unique<ShareCommObject>(kRequestArea, access, area::kRequestSize, prefix + "KVCReqShm",
                                                 prefix + "KVCReqSem", nullptr);
   if (!c.request->IsValid()) Log('e', "nsh0012", "Failed to create Request object\n");

@@ -9,6 +9,7 @@ namespace platform {
 enum class ObjectAccess {
   kDefault,  // the creating user's default access
   kOpen,     // anyone on the machine may open and use the object
+  kOwner,    // only the account that runs the process, whatever its defaults
 };
 
 // A security descriptor: the OS's own record on Windows; on POSIX the

@@ -37,6 +37,7 @@ int OpenOrCreate(const char* object, ObjectAccess access, bool* created) {
   *created = fd >= 0;
   if (fd < 0 && errno == EEXIST) fd = shm_open(object, O_RDWR, 0666);
   if (fd >= 0 && *created && access == ObjectAccess::kOpen) fchmod(fd, 0666);
+  if (fd >= 0 && *created && access == ObjectAccess::kOwner) fchmod(fd, 0600);
   return fd;
 }
 

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include "platform/security.h"
+
 namespace platform::win32 {
 
 // GetLastError() of the failed call, never 0.
@@ -18,6 +20,34 @@ class OpenSecurity {
  private:
   SECURITY_DESCRIPTOR descriptor_;
   SECURITY_ATTRIBUTES attributes_;
+};
+
+// A descriptor whose access list grants everything to the process's own
+// account and nothing to anyone else.
+class OwnerSecurity {
+ public:
+  OwnerSecurity();
+  SECURITY_ATTRIBUTES* Attributes() { return ready_ ? &attributes_ : nullptr; }
+
+ private:
+  bool ready_ = false;
+  SECURITY_DESCRIPTOR descriptor_;
+  alignas(DWORD) unsigned char acl_[512];
+  alignas(DWORD) unsigned char user_[512];
+  SECURITY_ATTRIBUTES attributes_;
+};
+
+// The attributes an object of the given access is created with; null for
+// the creator's defaults.
+class ObjectSecurity {
+ public:
+  explicit ObjectSecurity(ObjectAccess access) : access_(access) {}
+  SECURITY_ATTRIBUTES* Attributes();
+
+ private:
+  const ObjectAccess access_;
+  OpenSecurity open_;
+  OwnerSecurity owner_;
 };
 
 }  // namespace platform::win32

@@ -36,8 +36,8 @@ class Win32Semaphore final : public Semaphore {
 
 std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initial,
                                          ObjectAccess access, int* error) {
-  win32::OpenSecurity open;
-  HANDLE sem = CreateSemaphoreA(access == ObjectAccess::kOpen ? open.Attributes() : nullptr,
+  win32::ObjectSecurity security(access);
+  HANDLE sem = CreateSemaphoreA(security.Attributes(),
                                 initial > 0 ? 1 : 0, 1, name.c_str());
   if (sem == nullptr) {
     *error = win32::LastError();

@@ -36,10 +36,10 @@ size_t RoundToPages(size_t size) {
 
 std::unique_ptr<SharedArea> OpenSharedArea(const std::string& name, size_t size,
                                            ObjectAccess access, int* error) {
-  win32::OpenSecurity open;
+  win32::ObjectSecurity security(access);
   const size_t mapped = RoundToPages(size == 0 ? 1 : size);
   HANDLE mapping = CreateFileMappingA(
-      INVALID_HANDLE_VALUE, access == ObjectAccess::kOpen ? open.Attributes() : nullptr,
+      INVALID_HANDLE_VALUE, security.Attributes(),
       PAGE_READWRITE, static_cast<DWORD>(static_cast<uint64_t>(mapped) >> 32),
       static_cast<DWORD>(mapped), name.c_str());
   if (mapping == nullptr) {

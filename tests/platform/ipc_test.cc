@@ -5,6 +5,14 @@
 #include <string>
 #include <thread>
 
+#ifdef _WIN32
+#include <windows.h>
+
+#include <aclapi.h>
+#else
+#include <sys/stat.h>
+#endif
+
 #include "platform/error.h"
 #include "platform/named_lock.h"
 #include "platform/process.h"
@@ -34,6 +42,58 @@ TEST(SharedArea, SecondOpenSeesTheFirstWritesAndReports183) {
   EXPECT_EQ(error, platform::kErrAlreadyExists);
   EXPECT_STREQ(reinterpret_cast<char*>(second->Address() + second->Size() - 8), "tailend");
   platform::RemoveSharedArea(name);
+}
+
+#ifdef _WIN32
+// The access list of a named mapping: its entries' count, and whether the
+// first names the running account.
+void AccessListOf(const std::string& name, int* entries, bool* first_is_me) {
+  HANDLE mapping = OpenFileMappingA(READ_CONTROL, FALSE, name.c_str());
+  ASSERT_NE(mapping, nullptr);
+  ACL* dacl = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  ASSERT_EQ(GetSecurityInfo(mapping, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                            &descriptor),
+            ERROR_SUCCESS);
+  CloseHandle(mapping);
+  *entries = dacl == nullptr ? -1 : dacl->AceCount;  // -1: no list, everyone may
+  *first_is_me = false;
+  ACCESS_ALLOWED_ACE* ace = nullptr;
+  HANDLE token = nullptr;
+  unsigned char user[512];
+  DWORD size = 0;
+  if (dacl != nullptr && GetAce(dacl, 0, reinterpret_cast<void**>(&ace)) &&
+      OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) &&
+      GetTokenInformation(token, TokenUser, user, sizeof user, &size))
+    *first_is_me = EqualSid(&ace->SidStart, reinterpret_cast<TOKEN_USER*>(user)->User.Sid);
+  if (token != nullptr) CloseHandle(token);
+  LocalFree(descriptor);
+}
+#endif
+
+TEST(SharedArea, OwnerAreasAdmitOnlyTheRunningAccountOpenOnesEveryone) {
+  for (const auto access : {platform::ObjectAccess::kOwner, platform::ObjectAccess::kOpen}) {
+    const std::string name = UniqueName(access == platform::ObjectAccess::kOwner ? "owner" : "open");
+    int error = -1;
+    auto area = platform::OpenSharedArea(name, 4096, access, &error);
+    ASSERT_NE(area, nullptr) << error;
+#ifdef _WIN32
+    int entries = 0;
+    bool first_is_me = false;
+    AccessListOf(name, &entries, &first_is_me);
+    if (access == platform::ObjectAccess::kOwner) {
+      EXPECT_EQ(entries, 1);
+      EXPECT_TRUE(first_is_me);
+    } else {
+      EXPECT_EQ(entries, -1);
+    }
+#else
+    struct stat info {};
+    ASSERT_EQ(stat(("/dev/shm/" + name).c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, access == platform::ObjectAccess::kOwner ? 0600u : 0666u);
+#endif
+    platform::RemoveSharedArea(name);
+  }
 }
 
 TEST(Semaphore, CountNeverExceedsOne) {
