@@ -134,7 +134,8 @@ bool AllSampled(const std::string& url) {
   httplib::Client client(url);
   auto status = client.Get("/status");
   if (!status || status->status != 200) return false;
-  const Json tables = Json::parse(status->body, nullptr, false)["tables"];
+  const Json body = Json::parse(status->body, nullptr, false);
+  const Json tables = body.is_object() ? body.value("tables", Json::array()) : Json::array();
   if (tables.size() != 33) return false;
   return std::none_of(tables.begin(), tables.end(), [](const Json& t) { return t["taken_at"].is_null(); });
 }
