@@ -50,9 +50,10 @@ demo: build
 # Benchmarks run on an optimised build without sanitizers.
 bench: deps-native
 	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build-bench -j $(JOBS) --target channel_bench errorlog_bench
+	@cmake --build build-bench -j $(JOBS) --target channel_bench errorlog_bench http_bench kzqagent kzqcoll
 	build-bench/bench/channel_bench
 	build-bench/bench/errorlog_bench
+	build-bench/bench/http_bench
 
 clean:
 	rm -rf build build-win build-bench build-tsan
