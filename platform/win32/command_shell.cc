@@ -1,18 +1,6 @@
 #include "platform/command_shell.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-
 namespace platform {
-
-int RunShellCommand(const std::string& line, int* error) {
-  fflush(nullptr);
-  errno = 0;
-  const int status = system(line.c_str());
-  *error = status == -1 ? errno : 0;
-  return status;
-}
 
 // Without the parentheses: cmd.exe applies the redirections to the whole
 // command either way, since no argument it would act on stands on the
