@@ -10,6 +10,7 @@
 #include "framework/serve/sample_cache.h"
 #include "framework/table_manager.h"
 #include "framework/trace.h"
+#include "platform/semaphore.h"
 
 namespace {
 
@@ -30,6 +31,9 @@ Serving& TheServing() {
 // Registered after the agent's exit routine, so it runs before it: no
 // sample may be waiting on the channel when the exit routine shuts it.
 void StopServing() {
+  // A sample waiting on a collector that does not answer would hold the
+  // stop up for the channel's whole timeout.
+  platform::AbandonSemaphoreWaits();
   Serving& s = TheServing();
   std::lock_guard<std::mutex> guard(s.lock);
   if (s.endpoint) s.endpoint->Stop();

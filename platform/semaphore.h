@@ -30,4 +30,9 @@ std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initi
 // Removes a named semaphore (POSIX only; a no-op on Windows).
 void RemoveSemaphore(const std::string& name);
 
+// Ends every wait on a semaphore of this process, now and later, as if it
+// had timed out (within a fifth of a second). For a process that is
+// stopping: a wait on a peer that never answers must not hold up its end.
+void AbandonSemaphoreWaits();
+
 }  // namespace platform

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "platform/common/sliced_wait.h"
 #include "platform/error.h"
 #include "platform/posix/errors.h"
 
@@ -19,11 +20,10 @@ class PosixSemaphore final : public Semaphore {
   ~PosixSemaphore() override { sem_close(sem_); }
 
   int Wait(uint32_t timeout_ms) override {
-    if (timeout_ms == kWaitForever) {
-      while (sem_wait(sem_) != 0)
-        if (errno != EINTR) return posix::FromErrno(errno);
-      return kOk;
-    }
+    return SlicedWait(timeout_ms, [this](uint32_t slice_ms) { return WaitAtMost(slice_ms); });
+  }
+
+  int WaitAtMost(uint32_t timeout_ms) {
     timespec deadline{};
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += timeout_ms / 1000;

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "platform/common/sliced_wait.h"
 #include "platform/error.h"
 #include "platform/win32/errors.h"
 
@@ -14,6 +15,10 @@ class Win32Semaphore final : public Semaphore {
   ~Win32Semaphore() override { CloseHandle(sem_); }
 
   int Wait(uint32_t timeout_ms) override {
+    return SlicedWait(timeout_ms, [this](uint32_t slice_ms) { return WaitAtMost(slice_ms); });
+  }
+
+  int WaitAtMost(uint32_t timeout_ms) {
     switch (WaitForSingleObject(sem_, timeout_ms)) {
       case WAIT_OBJECT_0:
         return kOk;
