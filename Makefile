@@ -4,7 +4,8 @@
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev \
   libsystemd-dev prometheus chromium
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
-FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-14-dev nlohmann-json3-dev libsystemd-dev
+FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
+  nlohmann-json3-dev libsystemd-dev
 JOBS ?= 2
 
 .PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench deps-native deps-windows build build-windows clean
@@ -43,7 +44,7 @@ test-tsan: deps-native
 # FUZZ_SECONDS per target, one target at a time, and leaves what it found in
 # build-fuzz/found/; test-fuzz only replays the committed corpora.
 FUZZ_TARGETS := errorlog_line_fuzz errorlog_parser_fuzz errorlog_state_fuzz situation_fuzz replay_rows_fuzz \
-  time_text_fuzz option_words_fuzz registry_values_fuzz
+  time_text_fuzz option_words_fuzz registry_values_fuzz channel_data_fuzz channel_request_fuzz
 FUZZ_SECONDS ?= 60
 build-fuzz:
 	@scripts/ensure-packages $(FUZZ_PACKAGES)
