@@ -4,11 +4,13 @@
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev \
   libsystemd-dev prometheus chromium
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
+FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
+  nlohmann-json3-dev libsystemd-dev
 JOBS ?= 2
 
-.PHONY: test test-native test-tsan test-windows demo bench deps-native deps-windows build build-windows clean
+.PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench deps-native deps-windows build build-windows clean
 
-test: test-native test-tsan test-windows
+test: test-native test-tsan test-fuzz test-windows
 
 deps-native:
 	@scripts/ensure-packages $(NATIVE_PACKAGES)
@@ -36,6 +38,38 @@ test-tsan: deps-native
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 report_thread_leaks=0" \
 	  ctest --output-on-failure -j $(JOBS) -L '^($(subst $(eval) ,|,$(TSAN_TESTS)))$$'
 
+# libFuzzer targets (clang), one per parser of data another program wrote;
+# fuzz/corpus/<target>/ holds each one's seeds and every input that once
+# crashed it. `make fuzz` explores from a scratch copy of each corpus for
+# FUZZ_SECONDS per target, one target at a time, and leaves what it found in
+# build-fuzz/found/; test-fuzz only replays the committed corpora.
+FUZZ_TARGETS := errorlog_line_fuzz errorlog_parser_fuzz errorlog_state_fuzz situation_fuzz replay_rows_fuzz \
+  time_text_fuzz option_words_fuzz registry_values_fuzz channel_data_fuzz channel_request_fuzz
+FUZZ_SECONDS ?= 60
+build-fuzz:
+	@scripts/ensure-packages $(FUZZ_PACKAGES)
+	@scripts/ensure-httplib-header
+	@cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
+	  -DCMAKE_CXX_COMPILER=clang++ -DKZQ_FUZZ=ON >/dev/null
+	@cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
+
+test-fuzz: build-fuzz
+	@for t in $(FUZZ_TARGETS); do \
+	  echo "replaying fuzz/corpus/$$t"; \
+	  build-fuzz/fuzz/$$t -runs=0 fuzz/corpus/$$t >build-fuzz/$$t.log 2>&1 || \
+	    { cat build-fuzz/$$t.log; exit 1; }; \
+	done
+
+fuzz: build-fuzz
+	@for t in $(FUZZ_TARGETS); do \
+	  rm -rf build-fuzz/found/$$t && mkdir -p build-fuzz/found/$$t && \
+	  cp fuzz/corpus/$$t/* build-fuzz/found/$$t/ && \
+	  build-fuzz/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=build-fuzz/found/$$t- \
+	    build-fuzz/found/$$t >build-fuzz/found/$$t.log 2>&1; rc=$$?; \
+	  echo "$$t: $$(grep -E 'DONE' build-fuzz/found/$$t.log)"; \
+	  [ $$rc -eq 0 ] || { grep -E -A30 'ERROR|SUMMARY' build-fuzz/found/$$t.log; exit 1; }; \
+	done
+
 build-windows: deps-windows
 	@cmake -S . -B build-win -G Ninja -DCMAKE_BUILD_TYPE=Release \
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake >/dev/null
@@ -56,4 +90,4 @@ bench: deps-native
 	build-bench/bench/http_bench
 
 clean:
-	rm -rf build build-win build-bench build-tsan
+	rm -rf build build-win build-bench build-tsan build-fuzz

@@ -136,18 +136,6 @@ bool SendAll(IpcAnchor* anchor) {
   return true;
 }
 
-// A collector's header is not trusted beyond the bytes it sent: rows it
-// counts but did not send, a negative length or a product that overflows
-// are refused, and the word is answered with no rows.
-bool AnswerCoversRows(const std::string& word, int32_t numrow, int32_t lenrow, size_t received) {
-  if (numrow == 0) return true;
-  const int64_t needed = static_cast<int64_t>(numrow) * lenrow;
-  if (numrow > 0 && lenrow > 0 && static_cast<uint64_t>(needed) <= received) return true;
-  Log('e', "com2300", "Answer to %s refused: %d rows of %d bytes claimed, %lld bytes received\n", word.c_str(),
-      numrow, lenrow, static_cast<long long>(received));
-  return false;
-}
-
 bool ReceiveAll(IpcAnchor* anchor, time_t started) {
   const int wait = Clock().wait_seconds;
   int index = 0;
@@ -165,8 +153,7 @@ bool ReceiveAll(IpcAnchor* anchor, time_t started) {
       if (unique == anchor->last_unique) break;
       Log('i', "tsh0010", "Continue waiting...\n");
     }
-    if (!AnswerCoversRows(entry->word, numrow, lenrow, bytes.size())) numrow = 0;
-    SetPipeRows(entry, numrow, lenrow, bytes.data());
+    AcceptAnswer(entry, numrow, lenrow, bytes);
   }
   return true;
 }
@@ -264,6 +251,21 @@ void SetPipeRows(PipeList* entry, int32_t numrow, int32_t lenrow, const char* ro
     return;
   }
   memcpy(entry->rows, rows, static_cast<size_t>(size));
+}
+
+// A collector's header is not trusted beyond the bytes it sent: rows it
+// counts but did not send, a negative length or a product that overflows
+// are refused, and the word is answered with no rows.
+void AcceptAnswer(PipeList* entry, int32_t numrow, int32_t lenrow, const std::string& bytes) {
+  if (numrow != 0) {
+    const int64_t needed = static_cast<int64_t>(numrow) * lenrow;
+    if (numrow < 0 || lenrow <= 0 || static_cast<uint64_t>(needed) > bytes.size()) {
+      Log('e', "com2300", "Answer to %s refused: %d rows of %d bytes claimed, %zu bytes received\n",
+          entry->word.c_str(), numrow, lenrow, bytes.size());
+      numrow = 0;
+    }
+  }
+  SetPipeRows(entry, numrow, lenrow, bytes.data());
 }
 
 PipeList* GetRequestOn(IpcAnchor* anchor, const char* request_text) {

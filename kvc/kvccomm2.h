@@ -78,6 +78,10 @@ PipeList* PutRequestOn(IpcAnchor* anchor);
 // Gives a collector-side entry its answer (copied).
 void SetPipeRows(PipeList* entry, int32_t numrow, int32_t lenrow, const char* rows);
 void FreePipeList(PipeList* list);
+// Gives an agent-side entry the answer a collector sent: `numrow` rows of
+// `lenrow` bytes from `bytes`, or no rows when the bytes do not cover what
+// the header claims.
+void AcceptAnswer(PipeList* entry, int32_t numrow, int32_t lenrow, const std::string& bytes);
 
 // The request item block for a word, sender and attributes.
 std::vector<char> BuildRequestItem(const std::string& word, const char* sender,

@@ -63,6 +63,11 @@ std::string NewUniqueName(const char* request) {
   return std::string(unique).substr(0, area::kReqUniqueWidth);
 }
 
+// Seconds from `then` to `now`, both as an area holds them. The peer wrote
+// `then`, so it may be anything: the difference is taken in 64 bits, where
+// it cannot overflow.
+int64_t SecondsSince(int32_t then, int32_t now) { return static_cast<int64_t>(now) - then; }
+
 uint32_t Millis(int timeout_seconds) {
   return timeout_seconds <= 0 ? 0 : static_cast<uint32_t>(timeout_seconds) * 1000;
 }
@@ -183,7 +188,7 @@ int ShareCommObject::GetRequest(std::string* name, std::string* unique, std::vec
   const int32_t now = AreaNow();
   const int32_t finished = ReadInt(view_, area::kReqFinishWrite);
   const int32_t limit = ReadInt(view_, area::kReqTimeout);
-  if (now - finished > limit) {
+  if (SecondsSince(finished, now) > limit) {
     Log('e', "nsh0012", "It's %s. Request '%s' received too late to process(now:%d, finish write:%d, timeout:%d)\n",
         FormatNow(nullptr, 1), unique->c_str(), now, finished, limit);
     return kCommFailed;
@@ -196,7 +201,7 @@ int ShareCommObject::GetRequest(std::string* name, std::string* unique, std::vec
 
 bool ShareCommObject::CleanStaleData() {
   const int32_t pending = ReadInt(request_view_, area::kReqDataPending);
-  if (pending == -1 || AreaNow() - pending <= StaleLimit()) return false;
+  if (pending == -1 || SecondsSince(pending, AreaNow()) <= StaleLimit()) return false;
   if (Verbose()) {
     const std::string unique = ReadField(view_, area::kDataUnique, area::kDataUniqueWidth);
     Log('t', "nsh0011", "It's %s. Data for cursor %s are cleaned\n", FormatNow(nullptr, 1), unique.c_str());
@@ -214,7 +219,7 @@ int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, 
   const int32_t now = AreaNow();
   const int32_t finished = ReadInt(request_view_, area::kReqFinishWrite);
   const int32_t limit = ReadInt(request_view_, area::kReqTimeout);
-  if (now - finished > limit) {
+  if (SecondsSince(finished, now) > limit) {
     Log('e', "nsh0013", "Data for Request '%s' are too late to send(%d, %d, %d)\n", unique, now, finished, limit);
     return kCommOk;
   }

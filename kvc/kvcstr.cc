@@ -96,9 +96,16 @@ int ReadSeparatedForm(const std::string& s, DateFields* f) {
   return field < 3 ? kDateUnreadable : 0;
 }
 
+// The years a stamp can hold: its century digit C counts from 1900.
+constexpr int kFirstStampYear = 1900;
+constexpr int kLastStampYear = 2899;
+
 int CheckFields(DateFields* f) {
   f->value[0] = NormaliseYear(f->value[0]);
   const int* v = f->value;
+  // A year outside the stamp's range would print as more (or other) than
+  // its three digits and leave no room for the terminator.
+  if (v[0] < kFirstStampYear || v[0] > kLastStampYear) return kDateUnreadable;
   if (v[1] < 1 || v[1] > 12) return kDateBadMonth;
   if (v[2] < 1 || v[2] > DaysInMonth(v[0], v[1])) return kDateBadDay;
   if (v[3] > 23) return kDateBadHour;

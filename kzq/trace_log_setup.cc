@@ -22,9 +22,14 @@ struct Parts {
 
 template <typename... Args>
 void Trace(TraceLogPlan* plan, const char* format, Args... args) {
-  char line[2048];
-  snprintf(line, sizeof line, format, args...);
-  plan->traces.emplace_back(line);
+  // A line without arguments is taken as it stands, never as a format.
+  if constexpr (sizeof...(args) == 0) {
+    plan->traces.emplace_back(format);
+  } else {
+    char line[2048];
+    snprintf(line, sizeof line, format, args...);
+    plan->traces.emplace_back(line);
+  }
 }
 
 // Splits at the last '\' or '/': false when there is none.

@@ -456,8 +456,12 @@ ValuesDocument ParseValues(std::string_view text) {
     std::string_view line = text.substr(0, end);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     ++number;
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    // The text is kept with its carriage return, if any, so that a rewrite
+    // gives back the line as it was: stripping it would take one more CR of
+    // "...\r\r\n" at every rewrite, and could turn a refused line into a
+    // value.
     ValuesLine kept{std::string(line), std::nullopt};
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     StoredValue value;
     std::string error;
     if (IsBlankOrComment(line)) {

@@ -92,7 +92,12 @@ INSTANTIATE_TEST_SUITE_P(
                     StampCase{"2026-11-13 23:00:60", 0, 524, "DateFmtErr=524"},
                     StampCase{"2026--11-13", 0, 525, "DateFmtErr=525"},
                     StampCase{"2026-11-13 ", 0, 0, "1261113000000000"},
-                    StampCase{"0000000000000004", 0, 520, "DateFmtErr=520"}));
+                    StampCase{"0000000000000004", 0, 520, "DateFmtErr=520"},
+                    // Years the stamp's three digits cannot hold.
+                    StampCase{"202612p2h6$12", 0, 519, "DateFmtErr=519"},
+                    StampCase{"1000-01-01", 0, 519, "DateFmtErr=519"},
+                    StampCase{"2900-01-01", 0, 519, "DateFmtErr=519"},
+                    StampCase{"2899-12-31 23:59:59", 0, 0, "9991231235959000"}));
 
 TEST(ToTimeStamp, ReadsOnlyNinetyNineCharacters) {
   std::string text = "2026-11-13 07:10:05" + std::string(80, ' ') + "x";

@@ -125,6 +125,16 @@ TEST(ValuesText, BadLinesAreReportedWithTheirNumberAndKept) {
   EXPECT_EQ(text + "\n", FormatValues(d)) << "nothing a person wrote is lost";
 }
 
+TEST(ValuesText, RewritingKeepsCarriageReturnsAndRefusedLinesStayRefused) {
+  const std::string text = "# note\r\r\nA = sz:a\r\r\nB = dword:1\r\n";
+  const ValuesDocument d = ParseValues(text);
+  ASSERT_EQ(FormatValues(d), text);
+  const ValuesDocument again = ParseValues(FormatValues(d));
+  EXPECT_EQ(FormatValues(again), text);
+  EXPECT_EQ(again.Find("A"), nullptr) << "a control character in an unquoted text is refused every time";
+  ASSERT_NE(again.Find("B"), nullptr);
+}
+
 TEST(ValuesText, ChangesTouchOnlyTheirOwnLine) {
   ValuesDocument d = ParseValues("# keep me\nA=dword:0x01\nB = sz:b\nbroken\n");
   d.Set({"b", 1, Lit("new\0")});
