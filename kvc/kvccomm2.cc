@@ -260,8 +260,8 @@ void AcceptAnswer(PipeList* entry, int32_t numrow, int32_t lenrow, const std::st
   if (numrow != 0) {
     const int64_t needed = static_cast<int64_t>(numrow) * lenrow;
     if (numrow < 0 || lenrow <= 0 || static_cast<uint64_t>(needed) > bytes.size()) {
-      Log('e', "com2300", "Answer to %s refused: %d rows of %d bytes claimed, %zu bytes received\n",
-          entry->word.c_str(), numrow, lenrow, bytes.size());
+      Log('e', "com2300", "Answer to %s refused: %d rows of %d bytes claimed, %lld bytes received\n",
+          entry->word.c_str(), numrow, lenrow, static_cast<long long>(bytes.size()));
       numrow = 0;
     }
   }
