@@ -115,6 +115,12 @@ ShareCommObject::ShareCommObject(AreaKind kind, platform::ObjectAccess access, s
     WriteInt(view_, area::kDataReadIndex, 0);
     WriteInt(view_, area::kDataWriteIndex, 0);
     if (request_view_ != nullptr) WriteInt(request_view_, area::kReqDataPending, AreaNow());
+  } else if (avail_ != nullptr && fill_ != nullptr && request_view_ != nullptr) {
+    // Each side has one process; a process that finds the channel already
+    // there replaces one that ended, and an answer that process was writing
+    // or reading can never be completed. Left alone, the half-written answer
+    // would hold the area until it went stale (a minute and a half).
+    ClearDataArea();
   }
 }
 
@@ -146,7 +152,15 @@ int ShareCommObject::SendRequest(const char* name, const std::vector<std::string
                                  std::string* unique, const char* statement, int timeout) {
   if (Verbose()) Log('t', "ush0280", "SendRequest(%s): %s, timeout=%d\n", FormatNow(nullptr, 1), name, timeout);
   *unique = NewUniqueName(name);
-  if (WaitOn(avail_.get(), timeout) != kCommOk) return kCommTimeout;
+  if (WaitOn(avail_.get(), timeout) != kCommOk) {
+    // No reader freed the area in the whole wait: what it holds is a request
+    // no reader is serving any more, or a reader ended between taking the
+    // request and freeing the area. Either way the area is cleared now, so
+    // the next request goes through instead of waiting for the watchdog.
+    Log('w', "nsh0042", "Request area not freed within %d seconds; cleared for the next request\n", timeout);
+    Reset(kRequestArea);
+    return kCommTimeout;
+  }
   WriteField(view_, area::kReqName, area::kReqNameWidth, area::kReqNameChars, name);
   WriteField(view_, area::kReqUnique, area::kReqUniqueWidth, area::kReqUniqueWidth, *unique);
   if (statement != nullptr)
@@ -207,12 +221,16 @@ bool ShareCommObject::CleanStaleData() {
     Log('t', "nsh0011", "It's %s. Data for cursor %s are cleaned\n", FormatNow(nullptr, 1), unique.c_str());
     Log('t', "nsh0011", "It's %s. SendData: Data for cursor %s is cleaned\n", FormatNow(nullptr, 1), unique.c_str());
   }
+  ClearDataArea();
+  return true;
+}
+
+void ShareCommObject::ClearDataArea() {
   WriteInt(view_, area::kDataReadIndex, 0);
   WriteInt(view_, area::kDataWriteIndex, 0);
   Reset(kDataArea);
   WriteInt(view_, area::kDataReaderFinished, 1);
   WriteInt(request_view_, area::kReqDataPending, -1);
-  return true;
 }
 
 int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, const char* bytes, int timeout) {
@@ -304,11 +322,7 @@ int ShareCommObject::GetData(const char* expected_unique, std::string* unique, i
       break;
     }
   }
-  WriteInt(view_, area::kDataReadIndex, 0);
-  WriteInt(view_, area::kDataWriteIndex, 0);
-  Reset(kDataArea);
-  WriteInt(view_, area::kDataReaderFinished, 1);
-  WriteInt(request_view_, area::kReqDataPending, -1);
+  ClearDataArea();
   if (Verbose())
     Log('t', "ush0380", "GetData(%s): get unique=%s, numrow=%d, lenrow=%d\n", FormatNow(nullptr, 1), unique->c_str(),
         *rows, *length);

@@ -177,6 +177,8 @@ class ShareCommObject final : public KVCCommObject {
   int ReleaseFill(int kind, const char* failure_id, const char* failure_text);
   int WaitOn(platform::Semaphore* semaphore, int timeout);
   bool CleanStaleData();
+  // Drops whatever answer the data area holds and hands it to the next writer.
+  void ClearDataArea();
 
   const AreaKind kind_;
   KVCShareMemory memory_;

@@ -6,7 +6,10 @@
 //   kvc_channel_peer <first> <second> wrong-unique
 //       answers one row under a unique name that was not asked for
 //   kvc_channel_peer <first> <second> die <rows> <length>
-//       writes the first chunk of its answer and dies
+//       writes the first chunk of its answer, takes the area for the
+//       second once the agent has read the first, and dies holding it
+//   kvc_channel_peer <first> <second> mute
+//       takes every request and answers none, until it is killed
 //   kvc_channel_peer <first> <second> serve <rows> <length> <count>
 //       answers `count` requests through KVCCOMM with a collector anchor;
 //       the i-th answer (from 0) has rows + i rows
@@ -29,7 +32,8 @@ namespace {
 constexpr int kWaitSeconds = 20;
 
 // Writes the first chunk of an answer the way any collector would, through
-// the named objects of the contract, and dies before the rest.
+// the named objects of the contract, and dies with the area taken for the
+// second: the worst moment, as nobody else may write the area then.
 [[noreturn]] void DieAfterFirstChunk(const std::string& prefix, const std::string& unique, int32_t rows,
                                      int32_t length) {
   int error = 0;
@@ -46,6 +50,7 @@ constexpr int kWaitSeconds = 20;
   const std::string first = kzq_test::PatternBytes(kvc::area::kChunk);
   memcpy(view + kvc::area::kDataPayload, first.data(), first.size());
   fill->Release();
+  avail->Wait(kWaitSeconds * 1000);
   std::_Exit(9);
 }
 
@@ -78,6 +83,8 @@ int main(int argc, char** argv) {
   const std::string mode = argv[3];
   std::string name, unique, statement;
   std::vector<std::string> attributes;
+  if (mode == "mute")
+    for (;;) kvc::RequestEndpoint()->GetRequest(&name, &unique, &attributes, &statement, kWaitSeconds);
   const int got = kvc::RequestEndpoint()->GetRequest(&name, &unique, &attributes, &statement, kWaitSeconds);
   if (got == kvc::kCommFailed) return 3;
   if (got != kvc::kCommOk) return 4;

@@ -120,6 +120,7 @@ class Http : public testing::Test {
     platform::SetEnv("KZQ_HTTP_TOKEN", "");
     platform::SetEnv("KZQ_SAMPLE_INTERVAL", "1");
     platform::SetEnv("COLL_PREFIX", "kzq");
+    platform::SetEnv("WAIT_TIMEOUT", "");
     kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"),
                         R"({"SERVERID": "SQL1", "HOSTNAME": "db01", "DBNAME": "master", "DBSIZE": 6})"
                         "\n"
@@ -133,11 +134,17 @@ class Http : public testing::Test {
     StartCollector();
   }
   void TearDown() override {
-    for (auto* p : {&collector_, &agent_.process})
-      if (*p) {
-        (*p)->Kill();
-        (*p)->Wait();
-      }
+    TearDownCollector();
+    if (agent_.process) {
+      agent_.process->Kill();
+      agent_.process->Wait();
+    }
+  }
+  void TearDownCollector() {
+    if (!collector_) return;
+    collector_->Kill();
+    collector_->Wait();
+    collector_.reset();
   }
 
   // Waits for `done`; every two seconds an informational line changes the
@@ -189,6 +196,20 @@ class Http : public testing::Test {
     if (!result) return Json();
     EXPECT_EQ(result->status, expected_status) << path << ": " << result->body;
     return Json::parse(result->body, nullptr, false);
+  }
+
+  // Rows enough for an answer of many chunks.
+  static std::string ManyDatabases(int count) {
+    std::string rows;
+    for (int i = 0; i < count; ++i)
+      rows += R"({"SERVERID": "SQL1", "HOSTNAME": "db01", "DBNAME": "db)" + std::to_string(i) + R"(", "DBSIZE": )" +
+              std::to_string(i) + "}\n";
+    return rows;
+  }
+
+  static size_t DatabaseRows(const std::string& url) {
+    const Json sample = GetJson(url, "/tables/KZQDBD");
+    return sample.is_object() ? sample["rows"].size() : 0;
   }
 
   // The agent's scheduler has sampled every table once.
@@ -383,6 +404,28 @@ TEST_F(Http, KzqctlReadsARunningAgentAndSaysWhenThereIsNone) {
   agent_.process->Wait();
   EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl5"), &text), 1);
   EXPECT_THAT(text, HasSubstr("no agent answers at " + url));
+}
+
+// Whatever moment the collector dies at, a sample is either whole or empty,
+// the agent keeps answering, and a new collector is used without a restart.
+TEST_F(Http, ACollectorKilledMidAnswerCostsOneSampleNotTheAgent) {
+  kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"), ManyDatabases(4000));
+  TearDownCollector();
+  StartCollector();
+  platform::SetEnv("WAIT_TIMEOUT", "3");
+  agent_ = StartAgent();
+  ASSERT_TRUE(Eventually([&] { return DatabaseRows(agent_.Url()) == 4000; }));
+  for (int delay_ms : {5, 60}) {
+    std::atomic<size_t> rows{99999};
+    std::thread sample([&] { rows = DatabaseRows(agent_.Url()); });
+    platform::SleepMillis(static_cast<uint32_t>(delay_ms));
+    TearDownCollector();
+    sample.join();
+    EXPECT_TRUE(rows == 0 || rows == 4000) << rows << " rows after " << delay_ms << " ms";
+    EXPECT_EQ(GetJson(agent_.Url(), "/tables").size(), 33u);  // still serving
+    StartCollector();
+    EXPECT_TRUE(Eventually([&] { return DatabaseRows(agent_.Url()) == 4000; })) << "after " << delay_ms << " ms";
+  }
 }
 
 }  // namespace
