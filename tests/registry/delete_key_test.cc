@@ -28,9 +28,10 @@ TEST_F(DeleteKeyTest, RelativeKeyWithoutSubkeysGoes) {
   EXPECT_EQ(base_, CurrentPath(r_));
 }
 
-TEST_F(DeleteKeyTest, MissingKeyGives6) {
+TEST_F(DeleteKeyTest, MissingKeyGives6AndAnEmptyPathIsRefused) {
   EXPECT_EQ(CRegistry::kKeyNotFound, r_.DeleteKey("nothing", true));
   EXPECT_EQ(CRegistry::kKeyNotFound, r_.DeleteKey(("\\" + Path("nothing")).c_str(), true));
+  EXPECT_EQ(CRegistry::kNotAllowed, r_.DeleteKey("", true));
 }
 
 TEST_F(DeleteKeyTest, SubkeysWithoutRecursionGive17AndNothingGoes) {
@@ -69,10 +70,6 @@ TEST_F(DeleteKeyTest, SiblingWithASharedPrefixIsNotTheOwnKey) {
   ASSERT_EQ(CRegistry::kOk, OpenWritable(inside, "tree2"));
   EXPECT_EQ(CRegistry::kOk, inside.DeleteKey(("\\" + Path("tree")).c_str(), true));
   EXPECT_EQ(Path("tree2"), CurrentPath(inside));
-}
-
-TEST_F(DeleteKeyTest, EmptyPathIsRefused) {
-  EXPECT_EQ(CRegistry::kNotAllowed, r_.DeleteKey("", true));
 }
 
 }  // namespace

@@ -16,23 +16,13 @@ using platform::kCurrentUser;
 class OpenTest : public RegistryTest {};
 
 TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
+  CRegistry r(nullptr, kCurrentUser, base_.c_str());
+  uint32_t open = 0;
+  r.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr, 0);
+  EXPECT_EQ(1u, open) << "the constructor opens when given a hive";
   EXPECT_EQ(base_, CurrentPath(r));
   EXPECT_EQ(CRegistry::kAlreadyOpen, r.Open(nullptr, kCurrentUser, nullptr, false));
   EXPECT_EQ(base_, CurrentPath(r)) << "a refused Open leaves the position alone";
-}
-
-TEST_F(OpenTest, ConstructorOpensWhenGivenAHive) {
-  CRegistry at_key(nullptr, kCurrentUser, base_.c_str());
-  uint32_t open = 0;
-  at_key.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr, 0);
-  EXPECT_EQ(1u, open);
-  EXPECT_EQ(base_, CurrentPath(at_key));
-
-  CRegistry closed;
-  closed.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr, 0);
-  EXPECT_EQ(0u, open);
 }
 
 TEST_F(OpenTest, NullHiveMeansLocalMachine) {
@@ -103,26 +93,22 @@ class PositionTest : public RegistryTest {
   }
 };
 
-TEST_F(PositionTest, RelativePathsGoBelowTheCurrentKey) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
-  ASSERT_EQ(CRegistry::kOk, r.Position("one", false));
-  ASSERT_EQ(CRegistry::kOk, r.Position("TWO\\three", false));
-  EXPECT_EQ(base_ + "\\one\\TWO\\three", CurrentPath(r)) << "the path as given is kept";
-}
-
-TEST_F(PositionTest, AbsolutePathIgnoresTheCurrentKey) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one\\two"));
-  ASSERT_EQ(CRegistry::kOk, r.Position(("\\" + Path("other")).c_str(), false));
-  EXPECT_EQ(Path("other"), CurrentPath(r));
-}
-
-TEST_F(PositionTest, DotDotMovesToTheParentByAbsolutePath) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one\\two\\three"));
-  ASSERT_EQ(CRegistry::kOk, r.Position("..", false));
-  EXPECT_EQ(Path("one\\two"), CurrentPath(r));
+TEST_F(PositionTest, MovesRelativeAbsoluteAndUp) {
+  const struct {
+    const char* open_at;
+    std::vector<std::string> steps;
+    std::string expected;
+  } cases[] = {
+      {"", {"one", "TWO\\three"}, base_ + "\\one\\TWO\\three"},  // the path as given is kept
+      {"one\\two", {"\\" + Path("other")}, Path("other")},
+      {"one\\two\\three", {".."}, Path("one\\two")},
+  };
+  for (const auto& c : cases) {
+    CRegistry r;
+    ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, c.open_at)) << c.open_at;
+    for (const std::string& step : c.steps) ASSERT_EQ(CRegistry::kOk, r.Position(step.c_str(), false)) << step;
+    EXPECT_EQ(c.expected, CurrentPath(r)) << "from " << c.open_at;
+  }
 }
 
 TEST_F(PositionTest, DotDotOneLevelBelowTheRootYieldsTheRoot) {
@@ -143,9 +129,7 @@ TEST_F(PositionTest, FailureKeepsThePositionAndReportsTheCall) {
   EXPECT_EQ(CRegistry::kOk, r.Position("two", false)) << "the current key is still open";
 }
 
-TEST_F(PositionTest, MisuseCodes) {
-  CRegistry closed;
-  EXPECT_EQ(CRegistry::kNotOpen, closed.Position("one", false));
+TEST_F(PositionTest, EmptyPathIsRefused) {
   CRegistry r;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
   EXPECT_EQ(CRegistry::kNotAllowed, r.Position("", false));
@@ -185,9 +169,7 @@ TEST_F(PositionTest, RecordedPathIsCutAt1023CharactersButTheKeyIsReached) {
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(check, ""));
   for (const std::string& name : names)
     ASSERT_EQ(CRegistry::kOk, check.Position(name.c_str(), false));
-  uint32_t size = 8;
-  char text[8];
-  EXPECT_EQ(CRegistry::kOk, check.GetValue("deep", text, nullptr, &size));
+  EXPECT_EQ("yes", Text(check, "deep"));
   r.Close();
   check.Close();
   DeleteChain(base_, names);
@@ -205,16 +187,14 @@ TEST_F(PositionTest, KeyExistsLooksFromTheRootWithoutCreating) {
 }
 
 TEST(UpKeyAbsolute, DropsTheLastComponentAndLeadsWithABackslash) {
-  CRegistry r;
-  char path[32] = "A\\B\\C";
-  r.UpKeyAbsolute(path);
-  EXPECT_STREQ("\\A\\B", path);
-  strcpy(path, "A");
-  r.UpKeyAbsolute(path);
-  EXPECT_STREQ("\\", path);
-  strcpy(path, "");
-  r.UpKeyAbsolute(path);
-  EXPECT_STREQ("\\", path);
+  const std::pair<const char*, const char*> cases[] = {{"A\\B\\C", "\\A\\B"}, {"A", "\\"}, {"", "\\"}};
+  for (const auto& [given, expected] : cases) {
+    CRegistry r;
+    char path[32];
+    strcpy(path, given);
+    r.UpKeyAbsolute(path);
+    EXPECT_STREQ(expected, path) << "from \"" << given << "\"";
+  }
 }
 
 class CloseTest : public RegistryTest {};
@@ -226,34 +206,24 @@ TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
   EXPECT_EQ("RegCloseKey", LastApi(r));
   EXPECT_EQ("", CurrentPath(r));
   EXPECT_EQ(CRegistry::kCloseNotOpen, r.Close());
+  r.Init(true);
+  EXPECT_EQ("", LastApi(r)) << "Init(true) forgets the last call";
   EXPECT_EQ(CRegistry::kOk, OpenReadOnly(r, "")) << "a closed object opens again";
 }
 
 TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
+  MakeKeys({"elsewhere"});
   CRegistry original;
   ASSERT_EQ(CRegistry::kOk, OpenWritable(original, ""));
   {
     CRegistry copy(original);
     EXPECT_EQ(base_, CurrentPath(copy));
     EXPECT_EQ(CRegistry::kOk, copy.PutValue("fromCopy", "1"));
+    // Moving away must not close the key the original stands on.
+    ASSERT_EQ(CRegistry::kOk, copy.Position("elsewhere", false));
     EXPECT_EQ(CRegistry::kOk, copy.Close());
   }  // the copy's destructor closes nothing either
-  char text[8];
-  uint32_t size = sizeof text;
-  EXPECT_EQ(CRegistry::kOk, original.GetValue("fromCopy", text, nullptr, &size));
-  EXPECT_STREQ("1", text);
-}
-
-TEST_F(CloseTest, CopyMovingAwayLeavesTheOriginalsKeyOpen) {
-  MakeKeys({"elsewhere"});
-  CRegistry original;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(original, ""));
-  ASSERT_EQ(CRegistry::kOk, original.PutValue("here", "1"));
-  CRegistry copy(original);
-  ASSERT_EQ(CRegistry::kOk, copy.Position("elsewhere", false));
-  char text[8];
-  uint32_t size = sizeof text;
-  EXPECT_EQ(CRegistry::kOk, original.GetValue("here", text, nullptr, &size));
+  EXPECT_EQ("1", Text(original, "fromCopy"));
 }
 
 TEST_F(CloseTest, AssignmentClosesTheTargetsOwnKeysAndSharesTheSources) {
@@ -266,9 +236,7 @@ TEST_F(CloseTest, AssignmentClosesTheTargetsOwnKeysAndSharesTheSources) {
   EXPECT_EQ(Path("source"), CurrentPath(target));
   EXPECT_EQ(CRegistry::kOk, target.PutValue("viaCopy", "1")) << "the source's access came too";
   EXPECT_EQ(CRegistry::kOk, target.Close());
-  char text[8];
-  uint32_t size = sizeof text;
-  EXPECT_EQ(CRegistry::kOk, source.GetValue("viaCopy", text, nullptr, &size));
+  EXPECT_EQ("1", Text(source, "viaCopy"));
 }
 
 TEST_F(CloseTest, OpenOnAClosedCopyGives15) {

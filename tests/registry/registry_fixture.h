@@ -67,6 +67,13 @@ class RegistryTest : public testing::Test {
     return path;
   }
 
+  // The text value `name` holds, or "<missing>" when it cannot be read.
+  static std::string Text(CRegistry& r, const char* name) {
+    char text[256] = {};
+    uint32_t size = sizeof text;
+    return r.GetValue(name, text, nullptr, &size) == CRegistry::kOk ? text : "<missing>";
+  }
+
   static std::string LastApi(CRegistry& r) {
     char api[CRegistry::kNameSize];
     r.QueryError(api);

@@ -144,46 +144,6 @@ TEST(ValuesText, ChangesTouchOnlyTheirOwnLine) {
   EXPECT_EQ("# keep me\nB = sz:new\nbroken\nC = dword:2\n", FormatValues(d));
 }
 
-// Lines pieced together from fragments that matter to the parser, most of
-// them shaped like values: nothing of the text is lost, and the values that
-// parse survive a rewrite.
-std::string RandomPieces(std::mt19937& random, const std::vector<std::string>& pieces, int most) {
-  std::string out;
-  for (int n = static_cast<int>(random() % (most + 1)); n > 0; --n)
-    out += pieces[random() % pieces.size()];
-  return out;
-}
-
-TEST(ValuesText, RandomLinesLoseNothing) {
-  const std::vector<std::string> names = {"a", "Name", " ", "\"", "\\", "\\n", "=", "@", "#", "\x01"};
-  const std::vector<std::string> types = {"sz:", "expand_sz:", "dword:", "qword:", "binary:",
-                                          "multi_sz:", "hex(7):", "bad:", ""};
-  const std::vector<std::string> data = {"\"", " ", "a", "\\n", "\\", "\\x41", "\\q", "12",
-                                         "0x1f", "4294967296", "ff", "g", ",", "\t", "#", "\r"};
-  std::mt19937 random(20240611);
-  int values = 0;
-  for (int round = 0; round < 3000; ++round) {
-    std::string text;
-    for (int line = 0; line < 4; ++line) {
-      text += RandomPieces(random, names, 3) + " = " + types[random() % types.size()] +
-              RandomPieces(random, data, 5) + "\n";
-    }
-    const ValuesDocument d = ParseValues(text);
-    values += static_cast<int>(d.Count());
-    std::string expected = text;
-    std::erase(expected, '\r');
-    std::string kept = FormatValues(d);
-    std::erase(kept, '\r');
-    ASSERT_EQ(expected, kept) << text;
-    ValuesDocument rewritten;
-    for (size_t i = 0; const StoredValue* v = d.At(i); ++i) rewritten.Set(*v);
-    const ValuesDocument back = ParseValues(FormatValues(rewritten));
-    ASSERT_TRUE(back.problems.empty()) << FormatValues(rewritten);
-    ASSERT_EQ(Summary(d), Summary(back)) << text;
-  }
-  EXPECT_GT(values, 1000) << "the pieces must make values often enough to matter";
-}
-
 // Any name a caller can pass and any bytes of any type come back exactly.
 TEST(ValuesText, RandomValuesSurviveTheFile) {
   const std::string name_chars = std::string("a =\"\\#@\n\t\x7f", 10);
@@ -223,11 +183,6 @@ class FileStoreTest : public kzq_test::RegistryTest {
     for (char& c : dir)
       if (c == '\\') c = '/';
     return dir;
-  }
-  std::string Text(CRegistry& r, const char* name) {
-    char text[64] = {};
-    uint32_t size = sizeof text;
-    return r.GetValue(name, text, nullptr, &size) == CRegistry::kOk ? text : "<missing>";
   }
 };
 
