@@ -128,12 +128,9 @@ INSTANTIATE_TEST_SUITE_P(
                     TextCase{"", kOpLIKE, "", 1}, TextCase{"a", kOpLIKE, "", 0},
                     TextCase{"", kOpLIKE, "_", 0}));
 
-TEST(TextCompare, ReadsNoFurtherThanTheWidth) {
+TEST(TextCompare, ReadsNoFurtherThanTheWidthAndNullReadsAsEmpty) {
   EXPECT_EQ(IsException(kOpEQ, "abcdef", "abc", 3), 1);
   EXPECT_EQ(IsException(kOpLIKE, "abcdef", "abc", 3), 1);
-}
-
-TEST(TextCompare, NullFieldAndValueReadAsEmpty) {
   EXPECT_EQ(IsException(kOpEQ, nullptr, "", 8), 1);
   EXPECT_EQ(IsException(kOpEQ, "abc", nullptr, 3), 0);
   EXPECT_EQ(IsException(kOpGT, "abc", nullptr, 3), 1);
@@ -175,25 +172,21 @@ TEST(IntegerCompare, UnreadableValuesAndLikeNeverHold) {
 
 const Row kMaster = MakeRow("master", "sleeping", 5, 150);
 
-TEST(FilterEvaluation, AndBindsTighterThanOr) {
-  EXPECT_TRUE(Holds("DBNAME EQ 'x' AND STATUS EQ 'x' OR CPU GT 100", kMaster));
-  EXPECT_TRUE(Holds("CPU GT 100 OR DBNAME EQ 'x' AND STATUS EQ 'x'", kMaster));
-}
-
-TEST(FilterEvaluation, NotBindsTighterThanAnd) {
-  EXPECT_FALSE(Holds("NOT DBNAME EQ 'x' AND STATUS EQ 'x'", kMaster));
-  EXPECT_TRUE(Holds("NOT DBNAME EQ 'x' AND NOT STATUS EQ 'x'", kMaster));
-}
-
-TEST(FilterEvaluation, ParenthesesOverridePrecedence) {
-  EXPECT_FALSE(Holds("(CPU GT 100 OR DBNAME EQ 'master') AND PCTDBFREE GT 10", kMaster));
-  EXPECT_FALSE(Holds("NOT (STATUS EQ 'sleeping' OR CPU GT 100)", kMaster));
-  EXPECT_TRUE(Holds("NOT (NOT (DBNAME LIKE 'mas%'))", kMaster));
-}
-
-TEST(FilterEvaluation, KeywordsAndNamesIgnoreCase) {
-  EXPECT_TRUE(Holds("dbname eq 'master' and not Cpu lt 100 Or status like 'x'", kMaster));
-  EXPECT_FALSE(Holds("DBNAME EQ 'MASTER'", kMaster));  // values keep their case
+TEST(FilterEvaluation, PrecedenceParenthesesAndCase) {
+  const std::pair<const char*, bool> cases[] = {
+      // AND binds tighter than OR, NOT tighter than AND
+      {"DBNAME EQ 'x' AND STATUS EQ 'x' OR CPU GT 100", true},
+      {"CPU GT 100 OR DBNAME EQ 'x' AND STATUS EQ 'x'", true},
+      {"NOT DBNAME EQ 'x' AND STATUS EQ 'x'", false},
+      {"NOT DBNAME EQ 'x' AND NOT STATUS EQ 'x'", true},
+      {"(CPU GT 100 OR DBNAME EQ 'master') AND PCTDBFREE GT 10", false},
+      {"NOT (STATUS EQ 'sleeping' OR CPU GT 100)", false},
+      {"NOT (NOT (DBNAME LIKE 'mas%'))", true},
+      // keywords and names ignore case, values keep theirs
+      {"dbname eq 'master' and not Cpu lt 100 Or status like 'x'", true},
+      {"DBNAME EQ 'MASTER'", false},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(Holds(text, kMaster), expected) << text;
 }
 
 TEST(FilterEvaluation, SymbolicOperatorsMeanTheirKeywords) {

@@ -88,17 +88,6 @@ std::optional<framework::SituationFilter> FilterFor(const kzq::TableSpec& spec, 
   return filter;
 }
 
-TEST(Catalogue, OffsetsFollowTheRowOrderWithoutPadding) {
-  for (const kzq::TableSpec* spec : kzq::kCatalogue) {
-    int expected = 0;
-    for (int i = 0; i < spec->attribute_count; ++i) {
-      EXPECT_EQ(spec->offsets[i], expected) << spec->name << "." << spec->attributes[i].name;
-      expected += spec->attributes[i].width;
-    }
-    EXPECT_EQ(expected, spec->row_size) << spec->name;
-  }
-}
-
 TEST(Catalogue, PublishedPlacesOfOddLayouts) {
   EXPECT_EQ(kzq::kzqsrvre_spec.row_size - kzq::kzqsrvre_spec.CollectorOffset(), 1516);
   EXPECT_EQ(kzq::kzqsrvre_spec.offsets[kzq::kzqsrvre_spec.IndexOf("SQLVER")], 1588);
