@@ -26,16 +26,15 @@ TEST(DiagnosticLog, LinePrefixIsUpperCasedIdLevelThenThreadId) {
   kvc::Log('w', "abc1234", "careful\n");
   kvc::Log('a', "abc1235", "shown as information\n");
   kvc::Log('-', "abc1236", "bare\n");
+  kvc::Log('i', ".abc", "full stop: the id as it stands, no level\n");
+  kvc::Log('@', "kzqagent", "names the process, writes nothing\n");
+  kvc::Log('i', "kvc0003", "%s", "");
   EXPECT_THAT(log.Lines(), ElementsAre("NSH0012E " + Tid() + "failed with 7",
                                        "ABC1234W " + Tid() + "careful",
                                        "ABC1235I " + Tid() + "shown as information",
-                                       Tid() + "bare"));
-}
-
-TEST(DiagnosticLog, FullStopIdIsPrintedAsItStandsWithoutLevel) {
-  LogCapture log;
-  kvc::Log('i', ".abc", "text\n");
-  EXPECT_THAT(log.Lines(), ElementsAre("abc " + Tid() + "text"));
+                                       Tid() + "bare",
+                                       "abc " + Tid() + "full stop: the id as it stands, no level",
+                                       "KVC0003I " + Tid() + " *** vsprintf error **** "));
 }
 
 TEST(DiagnosticLog, TraceLinesCarryTheLocalTime) {
@@ -56,18 +55,6 @@ TEST(DiagnosticLog, DetailTraceOnlyWithItsOption) {
   platform::SetEnv("COLL_TRACE_DETAIL", "");
   kvc::ReloadOptions();
   EXPECT_THAT(log.Lines(), ElementsAre(FullyMatches("KVC0002H \\([0-9]{6}\\) .*shown")));
-}
-
-TEST(DiagnosticLog, AtSignNamesTheProcessAndWritesNothing) {
-  LogCapture log;
-  kvc::Log('@', "kzqagent", "ignored\n");
-  EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST(DiagnosticLog, EmptyFormattingIsReplacedByTheErrorText) {
-  LogCapture log;
-  kvc::Log('i', "kvc0003", "%s", "");
-  EXPECT_THAT(log.Lines(), ElementsAre("KVC0003I " + Tid() + " *** vsprintf error **** "));
 }
 
 TEST(DiagnosticLog, WrapsOnTheWriteAfterTheLimit) {
