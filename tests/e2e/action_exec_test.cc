@@ -60,28 +60,22 @@ TEST(ExecCommandName, PlainNamesComeFromTheBinDirectoryAtSignAndPathsAsGiven) {
   EXPECT_THAT(Exec(sandbox.path_dir + platform::PathSeparator() + "whereami", " "), ElementsAre("path"));
 }
 
-TEST(ExecParameters, GoOnTheLineWhileTheyFitThenByFile) {
+// How the parameters reach the command: on its line while they fit and
+// the interpreter would not act on them, otherwise in a file, quoted there
+// when 226 to 568 characters long.
+TEST(ExecParameters, GoOnTheLineOrByFile) {
   const std::string fits(InlineRoom(), 'x');
-  EXPECT_THAT(Exec("showargs", fits), ElementsAre("args=" + fits));
-  const std::string too_long = fits + "x";
-  EXPECT_THAT(Exec("showargs", too_long), ElementsAre(StartsWith("args=-filein "), too_long));
-}
-
-TEST(ExecParameters, CharactersTheInterpreterWouldActOnTravelByFileUnchanged) {
-  for (const std::string parms : {"count(*) x", "a > b", "a | b & c"})
-    EXPECT_THAT(Exec("showargs", parms), ElementsAre(StartsWith("args=-filein "), parms)) << parms;
-}
-
-TEST(ExecParameters, LengthsFrom226To568AreQuotedInTheFile) {
   const std::string below = "a " + std::string(223, 'q');      // 225
   const std::string first = "a " + std::string(224, 'q');      // 226
   const std::string last = "it's " + std::string(563, 'q');    // 568
   const std::string beyond = "it's " + std::string(564, 'q');  // 569
-  EXPECT_THAT(Exec("showargs", below), ElementsAre(StartsWith("args=-filein "), below));
-  EXPECT_THAT(Exec("showargs", first), ElementsAre(StartsWith("args=-filein "), "'" + first + "'"));
-  EXPECT_THAT(Exec("showargs", last),
-              ElementsAre(StartsWith("args=-filein "), "'it''s " + std::string(563, 'q') + "'"));
-  EXPECT_THAT(Exec("showargs", beyond), ElementsAre(StartsWith("args=-filein "), beyond));
+  const std::pair<std::string, std::string> by_file[] = {
+      {fits + "x", fits + "x"}, {"count(*) x", "count(*) x"}, {"a > b", "a > b"}, {"a | b & c", "a | b & c"},
+      {below, below}, {first, "'" + first + "'"}, {last, "'it''s " + std::string(563, 'q') + "'"},
+      {beyond, beyond}};
+  EXPECT_THAT(Exec("showargs", fits), ElementsAre("args=" + fits));
+  for (const auto& [parms, in_file] : by_file)
+    EXPECT_THAT(Exec("showargs", parms), ElementsAre(StartsWith("args=-filein "), in_file)) << parms.size();
 }
 
 std::vector<std::string> Entries(const std::string& directory) {
