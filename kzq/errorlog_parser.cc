@@ -1,6 +1,8 @@
 #include "kzq/errorlog_parser.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "kzq/errorlog_cycle.h"
 #include "kzq/errorlog_events.h"
@@ -42,9 +44,20 @@ void StartOver(ErrorlogContext& context) {
   context.resume = ResumePoint{u"", u"", -1, 0};
 }
 
-void SaveResumePoint(ResumePointWriter& writer, const ErrorlogContext& context) {
+// Writes the resume point. Events go on whatever happens; a failure is
+// reported once, and so is the first success after it.
+void SaveResumePoint(ResumePointWriter& writer, ErrorlogContext& context) {
   if (context.state_file.empty() || context.resume.offset < 0) return;
-  writer.Save(context.resume);
+  const bool saved = writer.Save(context.resume);
+  const int error = errno;
+  if (saved != context.state_unwritable) return;
+  context.state_unwritable = !saved;
+  if (saved)
+    ERRORLOG_FAILURE("\t\tResume point written to '%s' again.\n", context.state_file.c_str());
+  else
+    ERRORLOG_FAILURE("\t\tResume point cannot be written to '%s': %s. Events go on; it is written again "
+                     "once it can be.\n",
+                     context.state_file.c_str(), strerror(error));
 }
 
 // One line, and the message or dump lines that belong to it; the last
@@ -90,7 +103,9 @@ bool HandleLine(ErrorlogContext& context, Utf16LineReader& reader, const std::u1
 // at the start of the first line not handled. The resume point is saved
 // after each event and at the end, not after every line: rewriting it per
 // line cost more than all the parsing, and a restart still reads again at
-// most the lines after the last event.
+// most the lines after the last event. The save at the end comes even when
+// nothing was read, so a state file that could not be written is written
+// with the next change once it can be.
 void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEvent& emit, Clock now, int* count) {
   std::u16string line;
   ResumePointWriter writer(context.state_file);

@@ -23,6 +23,7 @@ struct ErrorlogContext {
   int min_severity = 17;
   std::string state_file;       // "" when none is kept
   std::string log_path;         // the ERRORLOG file itself
+  bool state_unwritable = false;  // the last save of the resume point failed
   std::atomic<bool> more_changes{false};  // a change came while a run was reading
   std::atomic<bool> roll_over{false};     // stop reading: the log is being cycled
 };

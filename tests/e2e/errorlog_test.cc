@@ -297,6 +297,33 @@ TEST_F(Errorlog, ATruncatedOrRemovedLogIsReadFromItsNewStart) {
   EXPECT_LE(TracedLines("cannot be opened"), 3);
 }
 
+// The state file cannot be made (a file stands where its directory
+// belongs): events still flow, the failure is traced once, and the resume
+// point is saved again once the way is clear.
+TEST_F(Errorlog, EventsFlowWhileTheStateFileCannotBeWritten) {
+  const std::filesystem::path state = kzq::ErrorStateFilePath(home_->Path(), "kvc", "SQL1");
+  std::filesystem::create_directories(state.parent_path().parent_path());
+  kzq_test::WriteFile(state.parent_path().string(), "in the way");
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  TraceFailures();
+  {
+    auto monitor = StartMonitor();
+    writer.Advance(1).Error("spid51", 601, 19, 1, "one");
+    writer.Advance(1).Error("spid52", 602, 19, 1, "two");
+    ASSERT_EQ(RowsWhen(2).size(), 2u);
+    writer.Advance(1).Error("spid53", 603, 19, 1, "three");
+    ASSERT_EQ(RowsWhen(3).size(), 3u);
+    EXPECT_EQ(TracedLines("Resume point cannot be written to"), 1);
+    std::filesystem::remove(state.parent_path());
+    writer.Advance(1).Error("spid54", 604, 19, 1, "four");
+    ASSERT_EQ(RowsWhen(4).size(), 4u);
+    EXPECT_EQ(TracedLines("Resume point written to"), 1);
+  }
+  auto monitor = StartMonitor();
+  writer.Advance(1).Error("spid55", 605, 19, 1, "after a restart");
+  EXPECT_EQ(TextsWhen(5), (std::vector<std::string>{"one", "two", "three", "four", "after a restart"}));
+}
+
 TEST_F(Errorlog, TheStartUpScanQueuesOlderErrorsAcrossGenerations) {
   platform::SetEnv("COLL_ERRORLOG_STARTUP_MAX_TIME", "1");
   platform::SetEnv("COLL_ERRORLOG_STARTUP_MAX_EVENT_ROW", "1");
