@@ -5,6 +5,7 @@
 #include <string>
 
 #include "fuzz/fuzz_input.h"
+#include "kzq/errorlog_cycle.h"
 #include "kzq/errorlog_events.h"
 #include "kzq/errorlog_parser.h"
 #include "kzq/errorlog_state.h"
@@ -37,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     kzq::ErrorlogContext restarted;
     restarted.log_path = context.log_path;
     restarted.min_severity = context.min_severity;
-    restarted.offset = point->offset;
+    kzq::ResumeFrom(restarted, *point);
     kzq::ParseNewLogText(restarted, emit, FixedNow);
   }
   return 0;

@@ -14,12 +14,17 @@ bool ReadWholeLine(Utf16LineReader& reader, std::u16string* line) {
   return false;
 }
 
+void MarkLine(bool dated, const LogLine& words, long start, ResumePoint* mark) {
+  if (dated && mark != nullptr) *mark = {words.date_word, words.time_word, start, 3};
+}
+
 bool ReadErrorEvent(Utf16LineReader& reader, const LogTime& time, const ErrorNumbers& numbers, int64_t now,
-                    std::string* event) {
+                    std::string* event, ResumePoint* mark) {
+  const long start = reader.Tell();
   std::u16string message_line;
   if (!ReadWholeLine(reader, &message_line)) return false;
   LogLine message;
-  SplitLogLine(message_line, &message);
+  MarkLine(SplitLogLine(message_line, &message), message, start, mark);
   EventInputs in;
   in.time = time;
   in.error = numbers.error;
@@ -33,12 +38,14 @@ bool ReadErrorEvent(Utf16LineReader& reader, const LogTime& time, const ErrorNum
 }
 
 std::string ReadSymptomDumpEvent(Utf16LineReader& reader, const LogLine& dump_line, const LogTime& time,
-                                 int64_t now) {
+                                 int64_t now, ResumePoint* mark) {
   LogLine last = dump_line;
   std::u16string line;
-  while (ReadWholeLine(reader, &line)) {
+  for (long start = reader.Tell(); ReadWholeLine(reader, &line); start = reader.Tell()) {
     LogLine split;
-    if (SplitLogLine(line, &split)) last = split;
+    const bool dated = SplitLogLine(line, &split);
+    if (dated) last = split;
+    MarkLine(dated, split, start, mark);
     if (IsStackDumpSentLine(line)) break;
   }
   EventInputs in;

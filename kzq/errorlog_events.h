@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kzq/errorlog_line.h"
+#include "kzq/errorlog_state.h"
 #include "kzq/utf16_line_reader.h"
 
 namespace kzq {
@@ -18,6 +19,10 @@ inline constexpr size_t kMaxLogLineUnits = 2048;
 // result is false, as at the end of the file.
 bool ReadWholeLine(Utf16LineReader& reader, std::u16string* line);
 
+// Makes the line read from `start` the resume point when it is dated (split
+// into its words): only such a line can be found again later.
+void MarkLine(bool dated, const LogLine& words, long start, ResumePoint* mark);
+
 struct ErrorNumbers {
   long error = 0;
   int severity = 0;
@@ -25,14 +30,16 @@ struct ErrorNumbers {
 };
 
 // The event of an error line, whose message is the next line; false (and
-// nothing read) when that line is not there yet.
+// nothing read) when that line is not there yet. The message line is
+// marked in `mark` when one is given.
 bool ReadErrorEvent(Utf16LineReader& reader, const LogTime& time, const ErrorNumbers& numbers, int64_t now,
-                    std::string* event);
+                    std::string* event, ResumePoint* mark = nullptr);
 
 // The event of a symptom dump starting at `dump_line`: the lines up to the
 // one that says the stack dump is being sent (or the end of the file) are
-// read, and that last line's text is the message.
+// read, and that last line's text is the message. The last dated line read
+// is marked in `mark` when one is given.
 std::string ReadSymptomDumpEvent(Utf16LineReader& reader, const LogLine& dump_line, const LogTime& time,
-                                 int64_t now);
+                                 int64_t now, ResumePoint* mark = nullptr);
 
 }  // namespace kzq

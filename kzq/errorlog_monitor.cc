@@ -8,6 +8,7 @@
 #include "kvc/kvcenv.h"
 #include "kvc/kvcstr.h"
 #include "kzq/error_event.h"
+#include "kzq/errorlog_cycle.h"
 #include "kzq/errorlog_queue.h"
 #include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_state.h"
@@ -24,7 +25,9 @@ constexpr int kWatchWaitMillis = 250;  // how soon a park or a stop is noticed
 std::string Text(const char* value) { return value != nullptr ? value : ""; }
 
 bool NamesTheLog(const std::string& changed, const std::string& log_name) {
-  // The log and its generations ("ERRORLOG.1") all count as the log.
+  // The log and its generations ("ERRORLOG.1") all count as the log: a
+  // cycle starts the parser, which finds the rest of the old log in
+  // ERRORLOG.1 itself.
   if (changed.size() < log_name.size()) return false;
   for (size_t i = 0; i < log_name.size(); ++i)
     if (toupper(static_cast<unsigned char>(changed[i])) != toupper(static_cast<unsigned char>(log_name[i])))
@@ -175,7 +178,7 @@ void ErrorlogMonitor::ResumeFromStateFile() {
     return;
   }
   if (point->values < 3) ERRORLOG_FAILURE("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
-  else context_.offset = point->offset;
+  else ResumeFrom(context_, *point);
   if (context_.offset < 0) {
     ERRORLOG_FAILURE("\t\t Offset is:%ld.\n", context_.offset.load());
     context_.offset = 0;

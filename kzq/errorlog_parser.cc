@@ -1,7 +1,10 @@
 #include "kzq/errorlog_parser.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include "kzq/errorlog_cycle.h"
 #include "kzq/errorlog_events.h"
 #include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_line.h"
@@ -14,9 +17,14 @@ namespace {
 constexpr int kHeaderLines = 5;
 
 // The log's header block (byte-order mark included) carries no errors.
-void SkipHeader(Utf16LineReader& reader) {
+void SkipHeader(Utf16LineReader& reader, ResumePoint* mark) {
   std::u16string line;
-  for (int i = 0; i < kHeaderLines; ++i) reader.ReadLine(&line, kMaxLogLineUnits);
+  for (int i = 0; i < kHeaderLines; ++i) {
+    const long start = reader.Tell();
+    if (!reader.ReadLine(&line, kMaxLogLineUnits)) return;
+    LogLine words;
+    MarkLine(SplitLogLine(line, &words), words, start, mark);
+  }
 }
 
 void PositionReader(ErrorlogContext& context, Utf16LineReader& reader) {
@@ -26,46 +34,63 @@ void PositionReader(ErrorlogContext& context, Utf16LineReader& reader) {
     ERRORLOG_FAILURE("\t\tSettting pointer to the begening.\n");
   }
   reader.Seek(0);
-  SkipHeader(reader);
+  SkipHeader(reader, &context.resume);
   context.offset = reader.Tell();
 }
 
-// Where a restart resumes: the start of the last line handled (of the
-// message line after an error), with that line's date and time words.
-struct Handled {
-  LogLine words;
-  long offset = -1;
-};
-
-void SaveResumePoint(ResumePointWriter& writer, const ErrorlogContext& context, const Handled& last) {
-  if (context.state_file.empty() || last.offset < 0) return;
-  writer.Save({last.words.date_word, last.words.time_word, last.offset, 3});
+// Nothing read of the log so far: the next read starts after its header.
+void StartOver(ErrorlogContext& context) {
+  context.offset = 0;
+  context.resume = ResumePoint{u"", u"", -1, 0};
 }
 
-// One line, and the message or dump lines that belong to it. False when an
-// error's message is not written yet.
-bool HandleLine(ErrorlogContext& context, Utf16LineReader& reader, const std::u16string& line, const LogLine& split,
-                const EmitEvent& emit, Clock now, int* count) {
+// Writes the resume point. Events go on whatever happens; a failure is
+// reported once, and so is the first success after it.
+void SaveResumePoint(ResumePointWriter& writer, ErrorlogContext& context) {
+  if (context.state_file.empty() || context.resume.offset < 0) return;
+  const bool saved = writer.Save(context.resume);
+  const int error = errno;
+  if (saved != context.state_unwritable) return;
+  context.state_unwritable = !saved;
+  if (saved)
+    ERRORLOG_FAILURE("\t\tResume point written to '%s' again.\n", context.state_file.c_str());
+  else
+    ERRORLOG_FAILURE("\t\tResume point cannot be written to '%s': %s. Events go on; it is written again "
+                     "once it can be.\n",
+                     context.state_file.c_str(), strerror(error));
+}
+
+// One line, and the message or dump lines that belong to it; the last
+// dated line read becomes the resume point. False when an error's message
+// is not written yet.
+bool HandleLine(ErrorlogContext& context, Utf16LineReader& reader, const std::u16string& line, const EmitEvent& emit,
+                Clock now, int* count) {
+  LogLine split;
+  const bool dated = SplitLogLine(line, &split);
   LogTime time;
   ParseLineTime(split, &time);
-  if (IsSymptomDumpLine(line) && !IsErrorLine(line)) {
-    emit(ReadSymptomDumpEvent(reader, split, time, now()));
+  const bool error_line = IsErrorLine(line);
+  if (IsSymptomDumpLine(line) && !error_line) {
+    MarkLine(dated, split, context.offset, &context.resume);
+    emit(ReadSymptomDumpEvent(reader, split, time, now(), &context.resume));
     ++*count;
     return true;
   }
-  if (!IsErrorLine(line)) return true;
   ErrorNumbers numbers;
-  if (!ParseErrorNumbers(split.text, &numbers.error, &numbers.severity, &numbers.state)) {
+  if (error_line && !ParseErrorNumbers(split.text, &numbers.error, &numbers.severity, &numbers.state)) {
     ERRORLOG_FAILURE("\t\tError in swscanf while parsing Error.\n");
     numbers.severity = -1;
   }
-  if (numbers.severity < context.min_severity) return true;
-  const long error_line = context.offset;
+  if (!error_line || numbers.severity < context.min_severity) {
+    MarkLine(dated, split, context.offset, &context.resume);
+    return true;
+  }
+  const long error_start = context.offset;
   context.offset = reader.Tell();
   std::string event;
-  if (!ReadErrorEvent(reader, time, numbers, now(), &event)) {
+  if (!ReadErrorEvent(reader, time, numbers, now(), &event, &context.resume)) {
     // The message is not written yet: the error line is read again with it.
-    context.offset = error_line;
+    context.offset = error_start;
     ERRORLOG_FAILURE("\t\tError in fgetws\n");
     return false;
   }
@@ -74,14 +99,15 @@ bool HandleLine(ErrorlogContext& context, Utf16LineReader& reader, const std::u1
   return true;
 }
 
-// Reads lines until the end of the log or a roll-over; the offset is left
+// Reads lines until the end of the file or a roll-over; the offset is left
 // at the start of the first line not handled. The resume point is saved
 // after each event and at the end, not after every line: rewriting it per
 // line cost more than all the parsing, and a restart still reads again at
-// most the lines after the last event.
+// most the lines after the last event. The save at the end comes even when
+// nothing was read, so a state file that could not be written is written
+// with the next change once it can be.
 void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEvent& emit, Clock now, int* count) {
   std::u16string line;
-  Handled last;
   ResumePointWriter writer(context.state_file);
   for (;;) {
     context.offset = reader.Tell();
@@ -90,33 +116,65 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
       ERRORLOG_FAILURE("\t\tError in fgetws\n");
       break;
     }
-    LogLine split;
-    SplitLogLine(line, &split);
     const int before = *count;
-    if (!HandleLine(context, reader, line, split, emit, now, count)) break;
-    last = {split, context.offset.load()};
-    if (*count != before) SaveResumePoint(writer, context, last);
+    if (!HandleLine(context, reader, line, emit, now, count)) break;
+    if (*count != before) SaveResumePoint(writer, context);
   }
-  SaveResumePoint(writer, context, last);
+  SaveResumePoint(writer, context);
+}
+
+// The server cycled the log after the last read: what it wrote before that
+// is at the end of the previous generation, read on from the offset. The
+// new log is then read from its start.
+void FinishPreviousLog(ErrorlogContext& context, const EmitEvent& emit, Clock now, int* count) {
+  const std::string path = PreviousLogPath(context.log_path);
+  ERRORLOG_FLOW("\t\tErrorlog was cycled: reading '%s' on from Offset:%ld.\n", path.c_str(), context.offset.load());
+  if (FILE* previous = fopen(path.c_str(), "rb")) {
+    Utf16LineReader reader(previous);
+    if (reader.Seek(context.offset)) ReadToEnd(context, reader, emit, now, count);
+    fclose(previous);
+  }
+  if (!context.roll_over) StartOver(context);
+}
+
+// One pass over what is new, wherever the server has put it.
+void ReadPass(ErrorlogContext& context, const EmitEvent& emit, Clock now, int* count) {
+  FILE* file = fopen(context.log_path.c_str(), "rb");
+  switch (FindUnreadText(context, file)) {
+    case UnreadText::kInLog:
+      break;
+    case UnreadText::kInPreviousLog:
+      FinishPreviousLog(context, emit, now, count);
+      break;
+    case UnreadText::kGone:
+      ERRORLOG_FAILURE("\t\tERRORLOG FILE '%s' no longer holds what was read up to Offset:%ld (truncated or "
+                       "replaced): reading it from its start.\n",
+                       context.log_path.c_str(), context.offset.load());
+      StartOver(context);
+      break;
+    case UnreadText::kNoLog:
+      ERRORLOG_FAILURE("\t\tERRORLOG FILE '%s' cannot be opened.\n", context.log_path.c_str());
+      return;
+  }
+  // A log cycled a moment ago may not be there yet; its creation is a change.
+  if (file == nullptr || context.roll_over) {
+    if (file != nullptr) fclose(file);
+    return;
+  }
+  Utf16LineReader reader(file);
+  PositionReader(context, reader);
+  ReadToEnd(context, reader, emit, now, count);
+  ERRORLOG_FLOW("\t\tIn done part\n");
+  fclose(file);
 }
 
 }  // namespace
 
 int ParseNewLogText(ErrorlogContext& context, const EmitEvent& emit, Clock now) {
   int count = 0;
-  for (;;) {
-    FILE* file = fopen(context.log_path.c_str(), "rb");
-    if (file == nullptr) {
-      ERRORLOG_FAILURE("\t\tERRORLOG FILE '%s' cannot be opened.\n", context.log_path.c_str());
-      return count;
-    }
-    Utf16LineReader reader(file);
-    PositionReader(context, reader);
-    ReadToEnd(context, reader, emit, now, &count);
-    ERRORLOG_FLOW("\t\tIn done part\n");
-    fclose(file);
-    if (!context.more_changes.exchange(false)) break;
-  }
+  do {
+    ReadPass(context, emit, now, &count);
+  } while (context.more_changes.exchange(false));
   ERRORLOG_FLOW("\n Number of error found :%d.\n", count);
   return count;
 }

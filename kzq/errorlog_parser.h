@@ -8,14 +8,22 @@
 #include <functional>
 #include <string>
 
+#include "kzq/errorlog_state.h"
+
 namespace kzq {
 
 // What the monitor lends each parser run.
 struct ErrorlogContext {
   std::atomic<long> offset{0};  // where the next read starts; 0: after the header block
+  // The last dated line read up to the offset: where it starts and its date
+  // and time words (offset -1 while none is known). The state file keeps
+  // it, and finding it again tells which file the offset belongs to once
+  // the server has cycled, truncated or replaced the log.
+  ResumePoint resume{u"", u"", -1, 0};
   int min_severity = 17;
   std::string state_file;       // "" when none is kept
   std::string log_path;         // the ERRORLOG file itself
+  bool state_unwritable = false;  // the last save of the resume point failed
   std::atomic<bool> more_changes{false};  // a change came while a run was reading
   std::atomic<bool> roll_over{false};     // stop reading: the log is being cycled
 };
@@ -24,7 +32,10 @@ using EmitEvent = std::function<void(const std::string& event)>;
 using Clock = int64_t (*)();
 
 // One run: reads from the context's offset to the end of the log (again
-// while more changes were reported meanwhile). Returns the events found.
+// while more changes were reported meanwhile), first finishing the log's
+// previous generation when the server has cycled it since the last read,
+// and from the start of the log when it was truncated or replaced.
+// Returns the events found.
 int ParseNewLogText(ErrorlogContext& context, const EmitEvent& emit, Clock now);
 
 }  // namespace kzq

@@ -1,5 +1,5 @@
 // Change notification for the files of one directory: a file's size or
-// last-write time changed, or a file was created or renamed into it.
+// last-write time changed, or a file was created, removed or renamed.
 // Windows: ReadDirectoryChangesW; POSIX: inotify.
 #pragma once
 

@@ -12,9 +12,10 @@ namespace platform {
 namespace {
 
 // Size and last-write changes show as modifications; a file written and
-// closed, created, or renamed into the directory (a log being cycled) counts
-// too.
-constexpr uint32_t kChangeMask = IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_ATTRIB;
+// closed, created, removed, or renamed into or out of the directory (a log
+// being cycled) counts too, as any change of a name does on Windows.
+constexpr uint32_t kChangeMask =
+    IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB;
 
 class InotifyWatch final : public DirectoryWatch {
  public:

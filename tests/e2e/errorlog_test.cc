@@ -7,16 +7,19 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "kvc/kvcenv.h"
 #include "framework/table_manager.h"
+#include "framework/trace.h"
 #include "kzq/agent_loader.h"
 #include "kzq/catalogue.h"
 #include "kzq/errorlog_monitor.h"
 #include "kzq/errorlog_parser.h"
 #include "kzq/errorlog_queue.h"
+#include "kzq/errorlog_state.h"
 #include "kzq/tables.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -74,14 +77,22 @@ class Errorlog : public testing::Test {
     std::lock_guard<std::mutex> guard(g_rows_lock);
     g_rows.clear();
   }
-  // A monitor that has taken its resume point and watches the log.
+  // A monitor that has taken its resume point and watches the log, started
+  // as a new agent is: with an empty queue.
   std::unique_ptr<kzq::ErrorlogMonitor> StartMonitor() {
+    kzq::TheErrorEventQueue().Clear();
     auto monitor = std::make_unique<kzq::ErrorlogMonitor>(CollectRow, platform::NowUnixSeconds);
     monitor->RequestStarted();
     const uint64_t deadline = platform::MonotonicMillis() + 10000;
     while (!monitor->Watching() && platform::MonotonicMillis() < deadline) platform::SleepMillis(5);
     EXPECT_TRUE(monitor->Watching());
     return monitor;
+  }
+  void TearDown() override {
+    if (trace_ == nullptr) return;
+    framework::SetTraceStream(nullptr);
+    framework::SetTraceLevel(0);
+    fclose(trace_);
   }
   // The rows emitted so far, once `count` have come (or 10 s passed).
   static std::vector<std::string> RowsWhen(size_t count) {
@@ -94,10 +105,43 @@ class Errorlog : public testing::Test {
       platform::SleepMillis(10);
     }
   }
+  // The messages of those rows. A test ends with an error written last, so
+  // that a row reported twice or invented would show before it.
+  static std::vector<std::string> TextsWhen(size_t count) {
+    std::vector<std::string> texts;
+    for (const std::string& row : RowsWhen(count)) texts.push_back(Field(row, "UMSGTEXT"));
+    return texts;
+  }
+  // The monitor's failure lines go to a file of the test's own.
+  void TraceFailures() {
+    trace_ = fopen(trace_dir_.File("trace.txt").c_str(), "w");
+    ASSERT_NE(trace_, nullptr);
+    framework::SetTraceStream(trace_);
+    framework::SetTraceLevel(framework::kTraceError);
+  }
+  // How many traced lines hold `text`, once at least one does (or 10 s passed).
+  int TracedLines(const std::string& text) {
+    const uint64_t deadline = platform::MonotonicMillis() + 10000;
+    for (;;) {
+      int lines = 0;
+      std::istringstream traced(kzq_test::ReadFile(trace_dir_.File("trace.txt")));
+      for (std::string line; std::getline(traced, line);) lines += line.find(text) != std::string::npos ? 1 : 0;
+      if (lines > 0 || platform::MonotonicMillis() > deadline) return lines;
+      platform::SleepMillis(10);
+    }
+  }
+
+  // ERRORLOG.1 as an older generation: its error lies beyond every offset
+  // read here, so a read of it in place of the log would invent an event.
+  void WriteOlderGeneration() {
+    kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG.1"), clock_).InfoLines(200).Error("spid40", 40, 20, 1, "old");
+  }
 
   static inline kzq_test::TempDir* log_ = nullptr;
   static inline kzq_test::TempDir* home_ = nullptr;
   kzq_test::LogClock clock_;
+  kzq_test::TempDir trace_dir_;
+  FILE* trace_ = nullptr;
 };
 
 TEST_F(Errorlog, LiveErrorsAtOrAboveTheMinimumSeverityBecomeRows) {
@@ -140,21 +184,20 @@ TEST_F(Errorlog, ARestartedMonitorResumesWhereTheLastOneStopped) {
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
   {
     auto monitor = StartMonitor();
-      writer.Error("spid51", 601, 19, 1, "first");
-    ASSERT_EQ(RowsWhen(1).size(), 1u);
+    writer.Error("spid51", 601, 19, 1, "first");
+    // The last thing read before the stop: a restart reads its last line
+    // again, which must not start the dump over.
+    writer.Advance(1).SymptomDump("spid52", "create symptom dump", 2);
+    ASSERT_EQ(RowsWhen(2).size(), 2u);
   }
-  // The agent is gone, and its queue with it.
-  kzq::TheErrorEventQueue().Clear();
   // Written while no agent ran: it must be reported, the first must not.
   writer.Advance(5).Error("spid51", 602, 20, 1, "while down");
   auto monitor = StartMonitor();
   writer.Advance(5).Error("spid51", 603, 21, 1, "after");
-  const auto rows = RowsWhen(3);
-  std::string texts;
-  for (const auto& row : rows) texts += Field(row, "UMSGTEXT") + "|";
-  ASSERT_EQ(rows.size(), 3u) << texts;
-  EXPECT_EQ(Field(rows[1], "UMSGTEXT"), "while down");
-  EXPECT_EQ(Field(rows[2], "UMSGTEXT"), "after");
+  const std::vector<std::string> texts = TextsWhen(4);
+  ASSERT_EQ(texts.size(), 4u);
+  EXPECT_EQ(texts[2], "while down");
+  EXPECT_EQ(texts[3], "after");
 }
 
 TEST_F(Errorlog, AnErrorWhoseMessageIsNotYetWrittenIsReadWhenItIs) {
@@ -169,23 +212,116 @@ TEST_F(Errorlog, AnErrorWhoseMessageIsNotYetWrittenIsReadWhenItIs) {
   EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "half a message");
 }
 
-TEST_F(Errorlog, AReadPastTheEndOfAShrunkenLogFindsNothingAndKeepsItsPlace) {
+TEST_F(Errorlog, AnOffsetBeyondTheEndOfAShrunkenLogReadsItFromItsStart) {
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
   writer.Error("spid51", 601, 19, 1, "before the offset");
   kzq::ErrorlogContext context;
   context.log_path = log_->File("ERRORLOG");
   context.offset = 1 << 20;
-  int emitted = 0;
-  EXPECT_EQ(kzq::ParseNewLogText(context, [&emitted](const std::string&) { ++emitted; }, platform::NowUnixSeconds), 0);
-  EXPECT_EQ(emitted, 0);
-  EXPECT_EQ(context.offset, 1 << 20);
-  // From the start (offset 0) the header is skipped and the error found;
-  // a second run in the same call, asked for by a change during the first,
-  // finds nothing new.
-  context.offset = 0;
+  // The header is skipped and the error found; a second run in the same
+  // call, asked for by a change during the first, finds nothing new.
   context.more_changes = true;
+  int emitted = 0;
   EXPECT_EQ(kzq::ParseNewLogText(context, [&emitted](const std::string&) { ++emitted; }, platform::NowUnixSeconds), 1);
+  EXPECT_EQ(emitted, 1);
   EXPECT_FALSE(context.more_changes);
+  EXPECT_EQ(context.offset, static_cast<long>(kzq_test::ReadFile(log_->File("ERRORLOG")).size()));
+}
+
+// The server cycles its log: ERRORLOG.1 moves up to ERRORLOG.2, ERRORLOG
+// becomes ERRORLOG.1 and a new, shorter ERRORLOG starts with its header.
+TEST_F(Errorlog, ACycledLogIsFinishedInItsOldGenerationThenReadFromTheNewStart) {
+  WriteOlderGeneration();
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  writer.InfoLines(40);
+  {
+    auto monitor = StartMonitor();
+    writer.Advance(1).Error("spid51", 601, 19, 1, "before the cycle");
+    ASSERT_EQ(RowsWhen(1).size(), 1u);
+    // Written as the server cycles the log: read in ERRORLOG.1 unless the
+    // monitor got to it first.
+    writer.Advance(1).Error("spid52", 602, 19, 1, "last of the old log");
+    writer = kzq_test::ErrorlogWriter::Cycle(log_->File("ERRORLOG"), writer.Advance(1).Clock());
+    writer.Error("spid53", 603, 19, 1, "first of the new log");
+    ASSERT_EQ(TextsWhen(3),
+              (std::vector<std::string>{"before the cycle", "last of the old log", "first of the new log"}));
+  }
+  // The state file followed the log into its new generation.
+  auto monitor = StartMonitor();
+  writer.Advance(1).Error("spid54", 604, 19, 1, "after a restart");
+  EXPECT_EQ(TextsWhen(4), (std::vector<std::string>{"before the cycle", "last of the old log", "first of the new log",
+                                                    "after a restart"}));
+}
+
+// The state file points into what is now ERRORLOG.1: its rest, then the new
+// log, come with the first change after the restart.
+TEST_F(Errorlog, ALogCycledWhileTheAgentWasDownIsFinishedAfterItsRestart) {
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  writer.InfoLines(40);
+  {
+    auto monitor = StartMonitor();
+    writer.Advance(1).Error("spid51", 601, 19, 1, "before");
+    ASSERT_EQ(RowsWhen(1).size(), 1u);
+  }
+  writer.Advance(1).Error("spid52", 602, 19, 1, "old log, while down");
+  writer = kzq_test::ErrorlogWriter::Cycle(log_->File("ERRORLOG"), writer.Advance(1).Clock());
+  writer.Error("spid53", 603, 19, 1, "new log, while down");
+  auto monitor = StartMonitor();
+  writer.Advance(1).Error("spid54", 604, 19, 1, "after the restart");
+  EXPECT_EQ(TextsWhen(4), (std::vector<std::string>{"before", "old log, while down", "new log, while down",
+                                                    "after the restart"}));
+}
+
+// Truncated in place and written afresh, then removed and made again: each
+// time the new text is read from its start, and ERRORLOG.1, which is not
+// the log that was read, is left alone.
+TEST_F(Errorlog, ATruncatedOrRemovedLogIsReadFromItsNewStart) {
+  WriteOlderGeneration();
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  writer.InfoLines(40);
+  TraceFailures();
+  auto monitor = StartMonitor();
+  writer.Advance(1).Error("spid51", 601, 19, 1, "before");
+  ASSERT_EQ(RowsWhen(1).size(), 1u);
+  writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), writer.Advance(1).Clock());
+  writer.Error("spid52", 602, 19, 1, "after the truncation");
+  ASSERT_EQ(RowsWhen(2).size(), 2u);
+  EXPECT_GE(TracedLines("no longer holds what was read"), 1);
+
+  kzq_test::ErrorlogWriter::Remove(log_->File("ERRORLOG"));
+  EXPECT_GE(TracedLines("cannot be opened"), 1);
+  writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), writer.Advance(1).Clock());
+  writer.Error("spid53", 603, 19, 1, "made again");
+  EXPECT_EQ(TextsWhen(3), (std::vector<std::string>{"before", "after the truncation", "made again"}));
+  // Waiting for the log to come back reads nothing on its own.
+  EXPECT_LE(TracedLines("cannot be opened"), 3);
+}
+
+// The state file cannot be made (a file stands where its directory
+// belongs): events still flow, the failure is traced once, and the resume
+// point is saved again once the way is clear.
+TEST_F(Errorlog, EventsFlowWhileTheStateFileCannotBeWritten) {
+  const std::filesystem::path state = kzq::ErrorStateFilePath(home_->Path(), "kvc", "SQL1");
+  std::filesystem::create_directories(state.parent_path().parent_path());
+  kzq_test::WriteFile(state.parent_path().string(), "in the way");
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  TraceFailures();
+  {
+    auto monitor = StartMonitor();
+    writer.Advance(1).Error("spid51", 601, 19, 1, "one");
+    writer.Advance(1).Error("spid52", 602, 19, 1, "two");
+    ASSERT_EQ(RowsWhen(2).size(), 2u);
+    writer.Advance(1).Error("spid53", 603, 19, 1, "three");
+    ASSERT_EQ(RowsWhen(3).size(), 3u);
+    EXPECT_EQ(TracedLines("Resume point cannot be written to"), 1);
+    std::filesystem::remove(state.parent_path());
+    writer.Advance(1).Error("spid54", 604, 19, 1, "four");
+    ASSERT_EQ(RowsWhen(4).size(), 4u);
+    EXPECT_EQ(TracedLines("Resume point written to"), 1);
+  }
+  auto monitor = StartMonitor();
+  writer.Advance(1).Error("spid55", 605, 19, 1, "after a restart");
+  EXPECT_EQ(TextsWhen(5), (std::vector<std::string>{"one", "two", "three", "four", "after a restart"}));
 }
 
 TEST_F(Errorlog, TheStartUpScanQueuesOlderErrorsAcrossGenerations) {

@@ -322,6 +322,28 @@ TEST_F(Http, ErrorsWrittenWhileTheAgentWasKilledArriveAfterItsRestart) {
                                                            "BACKUP failed to complete the command BACKUP LOG hr."}));
 }
 
+// The server cycles its log while a consumer follows the events: what it
+// wrote to the old log just before, and the new log from its start, arrive
+// once each. The new log is far shorter than the offset read in the old one.
+TEST_F(Http, ALogCycledWhileEventsFlowLosesAndRepeatsNothing) {
+  agent_ = StartAgent();
+  EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+  ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
+  log_writer_->InfoLines(100).Advance(1).Error("spid51", 1105, 17, 2, "Could not allocate space in 'sales'.");
+  ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Messages().size() == 1; }));
+  log_writer_->Advance(1).Error("spid52", 9002, 17, 2, "The transaction log for database 'hr' is full.");
+  *log_writer_ = kzq_test::ErrorlogWriter::Cycle(log_.File("ERRORLOG"), log_writer_->Advance(1).Clock());
+  log_writer_->Error("spid53", 3041, 17, 1, "BACKUP failed to complete the command BACKUP LOG hr.");
+  ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Messages().size() >= 3; })) << kzq_test::ReadFile(agent_.output);
+  log_writer_->Advance(1).Error("spid54", 824, 24, 2, "SQL Server detected a logical consistency-based I/O error.");
+  ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Messages().size() >= 4; }));
+  EXPECT_EQ(consumer.Messages(),
+            (std::vector<std::string>{"Could not allocate space in 'sales'.",
+                                      "The transaction log for database 'hr' is full.",
+                                      "BACKUP failed to complete the command BACKUP LOG hr.",
+                                      "SQL Server detected a logical consistency-based I/O error."}));
+}
+
 TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   agent_ = StartAgent();
   httplib::Client open(agent_.Url());

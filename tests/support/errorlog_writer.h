@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -35,6 +37,20 @@ class ErrorlogWriter {
   }
   // Appends to the file as it is.
   static ErrorlogWriter Append(const std::string& path, const LogClock& start) { return ErrorlogWriter(path, start); }
+  // Cycles the log as the server does: each ERRORLOG.n moves up to
+  // ERRORLOG.n+1, oldest first, ERRORLOG becomes ERRORLOG.1, and a new log
+  // starts with its header.
+  static ErrorlogWriter Cycle(const std::string& path, const LogClock& start) {
+    int generations = 0;
+    while (std::filesystem::exists(path + "." + std::to_string(generations + 1))) ++generations;
+    for (int n = generations; n >= 1; --n) Rename(path + "." + std::to_string(n), path + "." + std::to_string(n + 1));
+    Rename(path, path + ".1");
+    return Create(path, start);
+  }
+  // Removes the log, as an operator might.
+  static void Remove(const std::string& path) {
+    Retry("remove " + path, [&path](std::error_code& error) { std::filesystem::remove(path, error); });
+  }
 
   ErrorlogWriter& At(const LogClock& time) {
     clock_ = time;
@@ -88,6 +104,19 @@ class ErrorlogWriter {
 
  private:
   ErrorlogWriter(std::string path, const LogClock& start) : path_(std::move(path)), clock_(start) {}
+
+  // On Windows a reader's open file holds up a rename or a removal for the
+  // moment it reads. What still fails after 10 s is said on standard error.
+  template <typename Step>
+  static void Retry(const std::string& what, Step step) {
+    const uint64_t deadline = platform::MonotonicMillis() + 10000;
+    std::error_code error;
+    for (step(error); error && platform::MonotonicMillis() < deadline; step(error)) platform::SleepMillis(10);
+    if (error) fprintf(stderr, "cannot %s: %s\n", what.c_str(), error.message().c_str());
+  }
+  static void Rename(const std::string& from, const std::string& to) {
+    Retry("rename " + from, [&](std::error_code& error) { std::filesystem::rename(from, to, error); });
+  }
 
   static int64_t UtcSeconds(const LogClock& t) {
     // Days from 1970-01-01 in the proleptic Gregorian calendar.
