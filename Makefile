@@ -8,7 +8,7 @@ FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev li
   nlohmann-json3-dev libsystemd-dev
 JOBS ?= 2
 
-.PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench deps-native deps-windows build build-windows clean
+.PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench soak deps-native deps-windows build build-windows clean
 
 test: test-native test-tsan test-fuzz test-windows
 
@@ -88,6 +88,18 @@ bench: deps-native
 	build-bench/bench/channel_bench
 	build-bench/bench/errorlog_bench
 	build-bench/bench/http_bench
+
+# A soak of the optimised agent beside the collector and the demo's errorlog
+# writer, under scrapes, table reads and event consumers coming and going;
+# scripts/soak says what it checks. `make soak SOAK_MODE=idle` measures the
+# agent at rest instead. Not part of `make test`.
+SOAK_MINUTES ?= 5
+SOAK_MODE ?= busy
+soak: deps-native
+	@scripts/ensure-packages python3
+	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-bench -j $(JOBS) --target kzqagent kzqcoll kzqdemolog
+	scripts/soak --minutes $(SOAK_MINUTES) --mode $(SOAK_MODE) build-bench
 
 clean:
 	rm -rf build build-win build-bench build-tsan build-fuzz

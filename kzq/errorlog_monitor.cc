@@ -139,6 +139,7 @@ bool ErrorlogMonitor::Prepare(std::string* directory) {
     ERRORLOG_FAILURE("\t\tInvalid Errorlog Path : '%s'.\n", log.c_str());
     return false;
   }
+  configured_log_ = log;
   settings_ = ReadErrorlogSettings();
   context_.min_severity = settings_.min_severity;
   ERRORLOG_FLOW("\t\t Errorlog min severity :'%d'.\n", context_.min_severity);
@@ -209,6 +210,10 @@ void ErrorlogMonitor::StartParser() {
     return;
   }
   if (parser_.joinable()) parser_.join();
+  // A log that did not exist when the monitor started is found now, in
+  // whatever case the server gave it ("errorlog" for "ERRORLOG").
+  std::string directory;
+  LocateLog(configured_log_, &directory, &context_.log_path);
   parser_running_ = true;
   parser_ = std::thread([this] {
     // A change flagged just after the run looked for one is not lost: the

@@ -49,6 +49,7 @@ class ErrorlogMonitor {
   const EmitRow emit_row_;
   const Clock now_;
   ErrorlogSettings settings_;
+  std::string configured_log_;  // COLL_ERRORLOG as given
   ErrorlogContext context_;
   std::thread thread_;
   std::thread parser_;

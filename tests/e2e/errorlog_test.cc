@@ -180,6 +180,17 @@ TEST_F(Errorlog, AMinimumSeverityFromTheEnvironmentIsHonoured) {
   EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "at the minimum");
 }
 
+// The monitor may start before the server has created its log, which on
+// Linux it names "errorlog" while COLL_ERRORLOG says "ERRORLOG".
+TEST_F(Errorlog, ALogCreatedAfterTheMonitorStartedIsFoundInAnyCase) {
+  auto monitor = StartMonitor();
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("errorlog"), clock_);
+  writer.Error("spid52", 823, 17, 2, "I/O error 1117 detected.");
+  const auto rows = RowsWhen(1);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "I/O error 1117 detected.");
+}
+
 TEST_F(Errorlog, ARestartedMonitorResumesWhereTheLastOneStopped) {
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
   {
