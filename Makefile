@@ -35,7 +35,7 @@ TSAN_TESTS := e2e_channel_tests e2e_errorlog_tests e2e_http_tests framework_test
 test-tsan: deps-native
 	@cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKZQ_TSAN=ON >/dev/null
 	@cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS) kzqagent kzqcoll kzqctl kvc_channel_peer
-	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 report_thread_leaks=0" \
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 report_thread_leaks=0 suppressions=$(CURDIR)/tests/tsan.supp" \
 	  ctest --output-on-failure -j $(JOBS) -L '^($(subst $(eval) ,|,$(TSAN_TESTS)))$$'
 
 # libFuzzer targets (clang), one per parser of data another program wrote;
