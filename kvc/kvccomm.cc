@@ -19,8 +19,8 @@ constexpr int kBusyTries = 30;
 constexpr uint32_t kBusySleepMs = 1000;
 constexpr int kExitNoChannel = 8;
 
-// The code that is running, 0 when idle. Atomic so that the check is free
-// of data races; the wait stays bounded and may still give up, as before.
+// The code that is running, 0 when idle: the channel's lock, taken and
+// given back whole by one atomic step each.
 std::atomic<int> g_busy{0};
 
 // IPC mode: shared memory unless COLL_USESHM says otherwise.
@@ -30,14 +30,24 @@ bool SharedMemoryMode() {
   return config.useShm == nullptr || config.useShm[0] == '1';
 }
 
-void WaitUntilIdle(int code) {
-  const int running = g_busy.load();
-  if (running == 0) return;
+// Takes the busy word for `code`, waiting a bounded time for a running call.
+// The word is taken in one step, and a caller that waited in vain makes no
+// call at all: the channel holds one exchange at a time, and two threads in
+// it at once take each other's answers and lose its semaphore counts, which
+// stalls every later exchange.
+bool TakeBusyWord(int code) {
+  int running = 0;
+  if (g_busy.compare_exchange_strong(running, code)) return true;
   Log('i', "com0010", "kvccomm locked... entering wait (%d,%d)\n", running, code);
-  for (int tries = 1; tries <= kBusyTries && g_busy.load() != 0; ++tries) {
+  for (int tries = 1; tries <= kBusyTries; ++tries) {
     platform::SleepMillis(kBusySleepMs);
+    running = 0;
+    if (g_busy.compare_exchange_strong(running, code)) return true;
     Log('i', "com0012", "kvccomm locked... still waiting (%d)\n", tries);
   }
+  Log('e', "com0014", "kvccomm still locked by call %d after %d seconds; call %d not made\n", running, kBusyTries,
+      code);
+  return false;
 }
 
 void* Dispatch(int code, const char* word, va_list args) {
@@ -103,8 +113,10 @@ void* KVCCOMM(const char* code_word, ...) {
     result = Dispatch(code, code_word, args);
     g_busy.store(0);
   } else {
-    WaitUntilIdle(code);
-    g_busy.store(code);
+    if (!TakeBusyWord(code)) {
+      va_end(args);
+      return nullptr;
+    }
     // With another IPC mode the call does nothing, and the busy word stays
     // set on purpose: later calls go through the full bounded wait.
     if (SharedMemoryMode()) {
