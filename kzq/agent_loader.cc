@@ -10,6 +10,7 @@
 #include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
 #include "kzq/catalogue_json.h"
+#include "kzq/instance_names.h"
 #include "kzq/service_status.h"
 #include "kzq/tables.h"
 #include "kzq/errorlog_monitor.h"
