@@ -47,6 +47,14 @@ TEST(Demo, ServesTheReplayedServerUntilItIsStopped) {
   options.output_file = dir.File("demo.out");
   auto demo = platform::StartProcess({"/bin/bash", KZQ_SOURCE_DIR "/scripts/demo", BuildTree()}, &error, options);
   ASSERT_NE(demo, nullptr) << error;
+  // A failed check still stops the demo and its three programs.
+  struct StopOnExit {
+    platform::ChildProcess* demo;
+    bool stopped = false;
+    ~StopOnExit() {
+      if (!stopped && demo->RequestStop()) demo->Wait();
+    }
+  } stop_on_exit{demo.get()};
   const auto output = [&] { return kzq_test::ReadFile(dir.File("demo.out")); };
 
   httplib::Client client("127.0.0.1", port);
@@ -72,6 +80,7 @@ TEST(Demo, ServesTheReplayedServerUntilItIsStopped) {
   EXPECT_THAT(log, HasSubstr("kzqcoll (pid"));
 
   ASSERT_TRUE(demo->RequestStop());
+  stop_on_exit.stopped = true;
   EXPECT_EQ(demo->Wait(), 0) << output();
   EXPECT_THAT(output(), HasSubstr("kzq demo: stopped"));
   EXPECT_EQ(kzq_test::ReadFile(scratch + "/logs/col.log"), "");  // the scratch directory is gone
