@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -13,6 +11,8 @@
 #include "platform/process.h"
 
 #ifndef _WIN32
+#include <unistd.h>
+
 #include "platform/posix/service_units.h"
 #include "tests/support/service_sandbox.h"
 #endif
