@@ -399,6 +399,21 @@ TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("KXA0001E"));
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr(reason));
 
+  // A second agent on the address of a running one: two instances must
+  // never share a port and split its requests between them.
+  platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:0");
+  agent_ = StartAgent("first");
+  platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:" + std::to_string(agent_.port));
+  const std::string server = platform::GetEnv("COLL_SERVERID").value_or("");
+  platform::SetEnv("COLL_SERVERID", "second");
+  auto second = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
+                                       {home_.File("second.out")});
+  platform::SetEnv("COLL_SERVERID", server);
+  ASSERT_NE(second, nullptr) << error;
+  EXPECT_EQ(second->Wait(), 2) << kzq_test::ReadFile(home_.File("second.out"));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")),
+              HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(agent_.port)));
+
   kzq_test::WriteFile(replay_.File("kzqdbs.jsonl"), "{\"NOSUCH\": 1}\n");
   auto collector = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
                                           &error, {home_.File("kzqcoll.out")});
