@@ -107,7 +107,9 @@ TEST_F(AgentProcess, ConsoleAgentRegistersEveryTableAndStopsThroughItsExitRoutin
     platform::SleepMillis(50);
   ASSERT_TRUE(agent->RequestStop());
   EXPECT_EQ(agent->Wait(), 0);
+  EXPECT_THAT(kzq_test::ReadFile(logs_.File("agt.out")), HasSubstr("kzqagent started: server 'SQLX'"));
   const std::string log = kzq_test::ReadFile(logs_.File("col.log"));
+  EXPECT_THAT(log, HasSubstr("CTC5001I"));
   EXPECT_THAT(log, HasSubstr("CTC5005I"));
   EXPECT_THAT(log, HasSubstr("atexit routine envoked Quitting."));
   EXPECT_THAT(TraceText(logs_.Path()), HasSubstr("Agent started with 33 tables"));

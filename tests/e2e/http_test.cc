@@ -31,6 +31,9 @@
 #include "platform/process.h"
 #include "tests/support/binaries.h"
 #include "tests/support/errorlog_writer.h"
+#ifndef _WIN32
+#include "tests/support/free_port.h"
+#endif
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -112,6 +115,7 @@ class Http : public testing::Test {
  protected:
   void SetUp() override {
     platform::SetEnv("COLL_HOME", home_.Path());
+    platform::SetEnv("KVCLOGDIR", home_.Path());
     platform::SetEnv("COLL_VERSION", "kvh");
     platform::SetEnv("COLL_ERRORLOG", log_.File("ERRORLOG"));
     platform::SetEnv("COLL_ALERT_SEV", "");
@@ -381,15 +385,27 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   EXPECT_EQ(answer["lines"][0]["title"], "Database Action");
 }
 
-TEST_F(Http, AnOpenAddressWithoutATokenIsRefusedAtStart) {
+// Neither program may look as if it ran when it cannot serve: each ends
+// with an exit code and says why in the log an operator reads.
+TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
   platform::SetEnv("KZQ_HTTP_LISTEN", "0.0.0.0:0");
   int error = 0;
   auto agent = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
                                       {home_.File("open.out")});
   ASSERT_NE(agent, nullptr) << error;
   EXPECT_EQ(agent->Wait(), 2);
-  EXPECT_THAT(kzq_test::ReadFile(home_.File("open.out")),
-              HasSubstr("refusing to listen on 0.0.0.0 without KZQ_HTTP_TOKEN"));
+  const std::string reason = "refusing to listen on 0.0.0.0 without KZQ_HTTP_TOKEN";
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("open.out")), HasSubstr(reason));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("KXA0001E"));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr(reason));
+
+  kzq_test::WriteFile(replay_.File("kzqdbs.jsonl"), "{\"NOSUCH\": 1}\n");
+  auto collector = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
+                                          &error, {home_.File("kzqcoll.out")});
+  ASSERT_NE(collector, nullptr) << error;
+  EXPECT_EQ(collector->Wait(), 3);
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("COL0003E"));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("kzqdbs.jsonl:1"));
 }
 
 // Runs kzqctl with the arguments; its exit code, output in *text.
@@ -456,21 +472,9 @@ TEST_F(Http, ACollectorKilledMidAnswerCostsOneSampleNotTheAgent) {
 // A Prometheus server and a browser run on Linux only.
 namespace {
 
-int FreePort() {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-  close(s);
-  return ntohs(address.sin_port);
-}
-
 TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
   agent_ = StartAgent();
-  const int port = FreePort();
+  const int port = kzq_test::FreePort();
   kzq_test::WriteFile(home_.File("prometheus.yml"),
                       "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
                       "scrape_configs:\n  - job_name: kzq\n    static_configs: [{targets: ['127.0.0.1:" +
