@@ -33,6 +33,7 @@
 #include "platform/clock.h"
 #include "platform/process.h"
 #include "tests/e2e/service_manager.h"
+#include "tests/support/free_port.h"
 #include "tests/support/systemd_unit.h"
 #include "tests/support/temp_dir.h"
 
@@ -96,7 +97,8 @@ class ServiceExecution {
   fs::path directory_;
 };
 
-// A loopback TCP socket bound to a port of the system's choosing.
+// A loopback TCP socket bound to a port of the system's choosing, held
+// until the end of the test.
 class LoopbackSocket {
  public:
   LoopbackSocket() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
@@ -116,9 +118,6 @@ class LoopbackSocket {
   int fd_;
   int port_ = 0;
 };
-
-// A port no one listens on now.
-int FreePort() { return LoopbackSocket().Port(); }
 
 class InstalledUnits : public testing::Test {
  protected:
@@ -252,7 +251,7 @@ std::vector<std::string> DatabaseNames(const Json& sample) {
 // found by the pid file it leaves in the shared runtime directory; both read
 // the server id from the instance's key, so they meet on one channel.
 TEST_F(InstalledUnits, AgentServesTheCollectorsRowsAndStopsOnSigterm) {
-  const int port = FreePort();
+  const int port = kzq_test::FreePort();
   WriteRegistrySetting("KZQ_HTTP_LISTEN", "127.0.0.1:" + std::to_string(port));
   auto collector = StartUnit("kzqcoll");
   ASSERT_NE(collector, nullptr);
