@@ -63,8 +63,7 @@ bool ExpandSpecifiers(const std::string& word, const std::string& instance, std:
 
 // Settings whose values are lists of words, and those with one value.
 bool IsListSetting(const std::string& key) {
-  for (const char* list : {"RuntimeDirectory", "StateDirectory", "LogsDirectory", "ConfigurationDirectory",
-                           "CacheDirectory"})
+  for (const char* list : {"RuntimeDirectory", "StateDirectory", "LogsDirectory", "ConfigurationDirectory"})
     if (key == list) return true;
   return false;
 }
@@ -100,7 +99,7 @@ std::optional<std::vector<std::string>> SplitUnitWords(const std::string& value,
   while (i != std::string::npos && i < value.size()) {
     std::string word;
     char quote = '\0';
-    for (; i < value.size() && (quote != '\0' || strchr(kBlanks, value[i]) == nullptr); ) {
+    for (; i < value.size() && (quote != '\0' || strchr(kBlanks, value[i]) == nullptr);) {
       const char c = value[i++];
       if (c == '\\') {
         if (!Unescape(value, &i, &word)) {
@@ -157,16 +156,15 @@ std::optional<std::vector<std::pair<std::string, std::string>>> ParseEnvironment
   return assignments;
 }
 
-std::optional<SystemdUnit> SystemdUnit::Load(const std::string& path, const std::string& instance,
-                                             std::string* error) {
+std::optional<SystemdUnit> SystemdUnit::Load(const std::string& path, const std::string& instance, std::string* error) {
   const std::string text = ReadFile(path);
   if (text.empty()) {
     *error = "cannot read " + path;
     return std::nullopt;
   }
   SystemdUnit unit;
+  // An empty assignment resets a list setting, as in drop-ins.
   for (const auto& [key, value] : ServiceAssignments(text)) {
-    // An empty assignment resets a list setting, as in drop-ins.
     const auto words = SplitUnitWords(value, instance, error);
     if (!words) return std::nullopt;
     if (key == "ExecStart") {
@@ -188,10 +186,14 @@ std::optional<SystemdUnit> SystemdUnit::Load(const std::string& path, const std:
         unit.environment_.emplace_back(word.substr(0, equals), word.substr(equals + 1));
       }
     } else if (key == "EnvironmentFile") {
+      if (words->size() > 1) {
+        *error = "EnvironmentFile= takes one path: " + value;
+        return std::nullopt;
+      }
       if (words->empty()) unit.environment_files_.clear();
-      if (words->size() == 1) {
-        const bool optional = (*words)[0][0] == '-';
-        unit.environment_files_.push_back({(*words)[0].substr(optional ? 1 : 0), optional});
+      for (const std::string& word : *words) {
+        const bool optional = word[0] == '-';
+        unit.environment_files_.push_back({word.substr(optional ? 1 : 0), optional});
       }
     } else {
       std::vector<std::string>& list = unit.words_[key];
