@@ -142,16 +142,6 @@ std::string BuildPrefix(const char* id, const LevelTraits& traits) {
   return prefix;
 }
 
-// Every line starts with the local date and time to the millisecond, so
-// lines of the agent and the collector in one file can be put in order.
-std::string TimeStamp() {
-  const platform::LocalTime now = platform::NowLocal();
-  char text[40];
-  snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d ", now.year, now.month, now.day, now.hour,
-           now.minute, now.second, now.millisecond);
-  return text;
-}
-
 // Other processes append to the same file under the same lock, so every
 // write goes to the current end and is flushed before the lock is let go:
 // a line is never split by another writer.
@@ -241,6 +231,14 @@ std::string InLogDirectory(const char* name) {
 }
 
 }  // namespace
+
+std::string TimeStamp() {
+  const platform::LocalTime now = platform::NowLocal();
+  char text[40];
+  snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d ", now.year, now.month, now.day, now.hour,
+           now.minute, now.second, now.millisecond);
+  return text;
+}
 
 void Log(char level, const char* id, const char* format, ...) {
   va_list args;
