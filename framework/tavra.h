@@ -94,8 +94,19 @@ class tavra {
 
   // Hands the buffered rows to the request's consumer; 0 or its error.
   int Dispatch();
-  // Forgets the buffered rows (the buffer itself is kept for the next sample).
-  void ClearRows() { _data.count = 0; }
+  // Forgets the buffered rows (the buffer itself is kept for the next
+  // sample) and the sample's failure.
+  void ClearRows() {
+    _data.count = 0;
+    failure_.clear();
+  }
+
+  // A table that could not get its data says why, so a consumer can tell a
+  // failed sample from an empty table; the rows it added (a status row)
+  // still go out.
+  void ReportSampleFailure(std::string reason) { failure_ = std::move(reason); }
+  // Empty when the sample got its data.
+  const std::string& SampleFailure() const { return failure_; }
 
   // Walks the filter's comparisons: 0 with `out` filled, non-zero at the end.
   int GetFilterInfo(FilterInfo* out);
@@ -141,6 +152,7 @@ class tavra {
   TableManager* const manager_;
   std::vector<unsigned char> rows_;
   int row_size_ = 0;
+  std::string failure_;
   size_t filter_index_ = 0;
   unsigned samples_ = 0;
   unsigned inserts_ = 0;

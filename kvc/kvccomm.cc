@@ -17,11 +17,14 @@ namespace {
 
 constexpr int kBusyTries = 30;
 constexpr uint32_t kBusySleepMs = 1000;
+constexpr uint32_t kPatientPollMs = 20;
 constexpr int kExitNoChannel = 8;
 
 // The code that is running, 0 when idle: the channel's lock, taken and
 // given back whole by one atomic step each.
 std::atomic<int> g_busy{0};
+thread_local int t_patience_ms = 0;  // 0: the full bounded wait
+thread_local bool t_found_busy = false;
 
 // IPC mode: shared memory unless COLL_USESHM says otherwise.
 bool SharedMemoryMode() {
@@ -35,9 +38,22 @@ bool SharedMemoryMode() {
 // call at all: the channel holds one exchange at a time, and two threads in
 // it at once take each other's answers and lose its semaphore counts, which
 // stalls every later exchange.
+bool TakeBusyWordWithin(int code, int millis) {
+  const uint64_t deadline = platform::MonotonicMillis() + static_cast<uint64_t>(millis);
+  int running = 0;
+  while (platform::MonotonicMillis() < deadline) {
+    platform::SleepMillis(kPatientPollMs);
+    running = 0;
+    if (g_busy.compare_exchange_strong(running, code)) return true;
+  }
+  Log('w', "com0015", "kvccomm busy with call %d for more than %d ms; call %d not made\n", running, millis, code);
+  return false;
+}
+
 bool TakeBusyWord(int code) {
   int running = 0;
   if (g_busy.compare_exchange_strong(running, code)) return true;
+  if (t_patience_ms > 0) return TakeBusyWordWithin(code, t_patience_ms);
   Log('i', "com0010", "kvccomm locked... entering wait (%d,%d)\n", running, code);
   for (int tries = 1; tries <= kBusyTries; ++tries) {
     platform::SleepMillis(kBusySleepMs);
@@ -96,6 +112,12 @@ void* Dispatch(int code, const char* word, va_list args) {
 }
 
 }  // namespace
+
+ChannelPatience::ChannelPatience(int millis) : previous_(t_patience_ms) { t_patience_ms = millis; }
+ChannelPatience::~ChannelPatience() { t_patience_ms = previous_; }
+
+bool LastCallFoundChannelBusy() { return t_found_busy; }
+
 }  // namespace kvc
 
 void* KVCCOMM(const char* code_word, ...) {
@@ -108,12 +130,14 @@ void* KVCCOMM(const char* code_word, ...) {
   va_list args;
   va_start(args, code_word);
   void* result = nullptr;
+  t_found_busy = false;
   if (code == kCodeShut) {
     // Shutting down never waits for a running call.
     result = Dispatch(code, code_word, args);
     g_busy.store(0);
   } else {
-    if (!TakeBusyWord(code)) {
+    t_found_busy = !TakeBusyWord(code);
+    if (t_found_busy) {
       va_end(args);
       return nullptr;
     }

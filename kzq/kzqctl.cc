@@ -103,7 +103,8 @@ class Agent {
 
   bool Refused(int status, const std::string& body) {
     const Json error = Json::parse(body, nullptr, false);
-    const std::string message = error.is_object() ? error.value("error", body) : body;
+    // A refusal says "error"; a sample that could not get its data, "reason".
+    const std::string message = error.is_object() ? error.value("error", error.value("reason", body)) : body;
     fprintf(stderr, "kzqctl: the agent answered %d: %s\n", status, message.c_str());
     return false;
   }

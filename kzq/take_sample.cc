@@ -131,6 +131,13 @@ void TraceRow(const TableSpec& spec, const RowBuilder& row, int number) {
   }
 }
 
+// Why a sample got no data: the channel busy with another exchange for
+// longer than the caller would wait, or what the exchange said.
+std::string ChannelFailure(const std::string& otherwise) {
+  return kvc::LastCallFoundChannelBusy() ? "the collector channel is busy with another exchange; try again"
+                                         : otherwise;
+}
+
 // A collector's rows are trusted only in the table's own row length, and
 // the channel has checked that the bytes cover the count.
 bool RowsFit(const TableSpec& spec, const kvc::PipeList& cursor) {
@@ -249,6 +256,7 @@ int TakeCollectorSample(tavra& object, const TableSpec& spec) {
   if (anchor == nullptr) {
     if (full) AddNoDataRow(object, spec, services, false);
     kvc::Log('e', "aic0001", "Error Initting IPC anchor \n");
+    object.ReportSampleFailure(ChannelFailure("the collector channel is not available"));
     return 0;
   }
   if (IsSqlTextTable(spec)) {
@@ -258,6 +266,11 @@ int TakeCollectorSample(tavra& object, const TableSpec& spec) {
   }
   auto* cursor = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, spec.key));
   ReportExchangeFailure(*anchor);
+  if (cursor == nullptr)
+    object.ReportSampleFailure(ChannelFailure(
+        "no answer from the collector (" + CollectorServiceName() + "): " +
+        std::string(anchor->error_text, strnlen(anchor->error_text, sizeof anchor->error_text)) + " (" +
+        std::to_string(anchor->error_code) + ")"));
   if (cursor != nullptr) {
     AddCollectorRows(object, spec, *cursor);
     if (IsSummaryTable(spec) && cursor->numrow == 0) AddHeartbeatRow(object, spec, anchor, services);

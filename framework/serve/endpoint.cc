@@ -14,6 +14,7 @@
 #include "framework/serve/row_json.h"
 #include "framework/serve/status_page.h"
 #include "framework/table_manager.h"
+#include "kvc/kvccomm.h"
 #include "platform/clock.h"
 #include "platform/listen_socket.h"
 
@@ -33,6 +34,8 @@ struct HttpEndpoint::Impl {
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+constexpr int kFreshSamplePatienceMs = 2000;
 
 void Answer(httplib::Response& res, int status, const Json& body) {
   res.status = status;
@@ -85,11 +88,20 @@ void ServeSample(const httplib::Request& req, httplib::Response& res) {
     if (!filter) return Refuse(res, 400, "bad filter: " + error);
   }
   CapturedSample sample;
+  // During an outage every exchange runs out its time-out: a consumer is
+  // told within seconds that the channel is busy, not queued behind them.
+  const kvc::ChannelPatience patience(kFreshSamplePatienceMs);
   if (CaptureReportSample(table, filter ? &*filter : nullptr, &sample) != kRequestOk)
     return Refuse(res, 500, "the table made no object for the request");
   Json body = SampleJson(sample);
   body["sample_result"] = sample.sample_result;
-  Answer(res, 200, body);
+  // An empty table and one whose data could not be had must not look alike.
+  const bool failed = !sample.failure.empty() || sample.sample_result != 0;
+  body["status"] = failed ? "failed" : sample.count == 0 ? "empty" : "ok";
+  if (failed)
+    body["reason"] = !sample.failure.empty() ? sample.failure
+                                             : "the table's sample ended with " + std::to_string(sample.sample_result);
+  Answer(res, failed ? 503 : 200, body);
 }
 
 Json StatusJson(const SampleCache& cache, int event_consumers) {
@@ -206,7 +218,9 @@ void Route(HttpEndpoint::Impl& impl) {
   s.Get("/tables", [](const httplib::Request&, httplib::Response& res) { Answer(res, 200, PublishedCatalogue()); });
   s.Get(R"(/tables/([A-Za-z0-9]+))", ServeSample);
   s.Get("/metrics", [&impl](const httplib::Request&, httplib::Response& res) {
-    res.set_content(MetricsText(impl.cache->Snapshot(), ProbeServices(), CurrentContext()),
+    MetricsContext context = CurrentContext();
+    context.stale_after = 2 * static_cast<int64_t>(impl.settings.sample_interval);
+    res.set_content(MetricsText(impl.cache->Snapshot(), ProbeServices(), context),
                     "text/plain; version=0.0.4; charset=utf-8");
   });
   s.Get(R"(/events/([A-Za-z0-9]+))",

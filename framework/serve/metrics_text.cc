@@ -101,22 +101,23 @@ void HealthSeries(std::string* out, const std::map<std::string, CachedTable>& ta
     const char* name;
     const char* type;
     const char* help;
+    bool needs_good;  // only once the table has had a good sample
     int64_t (*value)(const CachedTable&, int64_t now);
   };
   static const TableFigure figures[] = {
-      {"kzq_sample_age_seconds", "gauge", "Seconds since the table's last sample.",
-       [](const CachedTable& t, int64_t now) { return now - t.last->taken_at; }},
-      {"kzq_sample_rows", "gauge", "Rows in the table's last sample.",
-       [](const CachedTable& t, int64_t) { return static_cast<int64_t>(t.last->count); }},
-      {"kzq_samples_total", "counter", "Samples the scheduler has taken of the table.",
+      {"kzq_sample_age_seconds", "gauge", "Seconds since the table's last sample that got its data.", true,
+       [](const CachedTable& t, int64_t now) { return now - t.last_good->taken_at; }},
+      {"kzq_sample_rows", "gauge", "Rows in the table's last sample that got its data.", true,
+       [](const CachedTable& t, int64_t) { return static_cast<int64_t>(t.last_good->count); }},
+      {"kzq_samples_total", "counter", "Samples the scheduler has taken of the table.", false,
        [](const CachedTable& t, int64_t) { return static_cast<int64_t>(t.samples); }},
-      {"kzq_sample_errors_total", "counter", "Samples of the table that reported an error.",
+      {"kzq_sample_errors_total", "counter", "Samples of the table that could not get its data.", false,
        [](const CachedTable& t, int64_t) { return static_cast<int64_t>(t.failures); }},
   };
   for (const TableFigure& f : figures) {
     Family(out, f.name, f.type, f.help);
     for (const auto& [key, table] : tables) {
-      if (!table.last) continue;
+      if (!table.last || (f.needs_good && !table.last_good)) continue;
       std::vector<Label> labels = base;
       labels.push_back({"table", key});
       Sample(out, f.name, labels, f.value(table, context.now));
@@ -170,7 +171,8 @@ std::string MetricsText(const std::map<std::string, CachedTable>& tables, const 
   std::string out;
   HealthSeries(&out, tables, services, context, base);
   for (const auto& [key, table] : tables)
-    if (table.last) TableSeries(&out, *table.last, base);
+    if (table.last_good && context.now - table.last_good->taken_at <= context.stale_after)
+      TableSeries(&out, *table.last_good, base);
   return out;
 }
 

@@ -1,7 +1,9 @@
 // Prometheus text exposition of the cached samples and of the agent's own
 // health. Integer attributes become gauges kzq_<table>_<attribute>, the
 // texts that identify a row become labels, and every series carries the
-// server_id and host labels. Fields without a value are left out.
+// server_id and host labels. Fields without a value are left out, and so
+// are the series of a table whose last good sample is stale; its health
+// series (age, samples, errors) stay.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +21,9 @@ struct MetricsContext {
   std::string host;
   int64_t now = 0;  // Unix seconds
   uint64_t events_emitted = 0;
+  // A table's series go once its last good sample is older than this (two
+  // sampling intervals): a stale value shown as current is worse than none.
+  int64_t stale_after = 60;
 };
 
 std::string MetricsText(const std::map<std::string, CachedTable>& tables, const std::vector<ServiceState>& services,

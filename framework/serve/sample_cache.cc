@@ -12,6 +12,7 @@ void SampleCache::Store(std::shared_ptr<const CapturedSample> sample, bool faile
   CachedTable& table = tables_[sample->table];
   ++table.samples;
   if (failed) ++table.failures;
+  else table.last_good = sample;
   table.last = std::move(sample);
 }
 
@@ -29,7 +30,7 @@ void SampleScheduler::SampleAll() {
     auto sample = std::make_shared<CapturedSample>();
     const int result = CaptureReportSample(manager->Table(), nullptr, sample.get());
     sample->table = manager->Table();
-    cache_->Store(sample, result != kRequestOk || sample->sample_result != 0);
+    cache_->Store(sample, result != kRequestOk || sample->sample_result != 0 || !sample->failure.empty());
   }
 }
 

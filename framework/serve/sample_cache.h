@@ -17,9 +17,10 @@
 namespace framework {
 
 struct CachedTable {
-  std::shared_ptr<const CapturedSample> last;  // null before the first sample
+  std::shared_ptr<const CapturedSample> last;       // null before the first sample
+  std::shared_ptr<const CapturedSample> last_good;  // the last sample that got its data
   uint64_t samples = 0;
-  uint64_t failures = 0;  // samples whose request or TakeSample reported an error
+  uint64_t failures = 0;  // samples that could not get their data, or whose request failed
 };
 
 class SampleCache {

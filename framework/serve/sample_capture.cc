@@ -18,6 +18,7 @@ void CaptureRows(const tavra& table, CapturedSample* sample) {
     }
   }
   sample->row_size = table.RowSize();
+  if (!table.SampleFailure().empty()) sample->failure = table.SampleFailure();
   const size_t bytes = static_cast<size_t>(table.NumDataItems()) * static_cast<size_t>(table.RowSize());
   sample->rows.append(reinterpret_cast<const char*>(table.Data()), bytes);
   sample->count += table.NumDataItems();

@@ -19,6 +19,7 @@ struct CapturedSample {
   int count = 0;
   std::string rows;  // count * row_size bytes
   int sample_result = 0;
+  std::string failure;   // why the table could not get its data; empty when it could
   int64_t taken_at = 0;  // Unix seconds
 
   const unsigned char* Row(int i) const {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -211,8 +212,13 @@ class Http : public testing::Test {
     return rows;
   }
 
+  // The rows of a fresh sample; none when it failed (503).
   static size_t DatabaseRows(const std::string& url) {
-    const Json sample = GetJson(url, "/tables/KZQDBD");
+    httplib::Client client(url);
+    client.set_read_timeout(60);
+    auto result = client.Get("/tables/KZQDBD");
+    EXPECT_TRUE(result && (result->status == 200 || result->status == 503));
+    const Json sample = result ? Json::parse(result->body, nullptr, false) : Json();
     return sample.is_object() ? sample["rows"].size() : 0;
   }
 
@@ -457,6 +463,37 @@ TEST_F(Http, KzqctlReadsARunningAgentAndSaysWhenThereIsNone) {
   agent_.process->Wait();
   EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl5"), &text), 1);
   EXPECT_THAT(text, HasSubstr("no agent answers at " + url));
+}
+
+// With its collector gone, a consumer must see that the data cannot be had:
+// no old series served as current, the failed samples counted, a fresh read
+// answered 503 with the reason, kzqctl ending non-zero.
+TEST_F(Http, AGoneCollectorShowsAsFailureNotAsOldOrEmptyData) {
+  platform::SetEnv("WAIT_TIMEOUT", "1");
+  agent_ = StartAgent();
+  const auto scrape = [&] {
+    httplib::Client client(agent_.Url());
+    auto answer = client.Get("/metrics");
+    return answer ? answer->body : std::string();
+  };
+  ASSERT_TRUE(Eventually([&] { return scrape().find("kzq_kzqdbd_dbsize{") != std::string::npos; }));
+  TearDownCollector();
+  // Once the table's sample has failed, its series are gone and the failure counted.
+  const std::regex errors("kzq_sample_errors_total\\{[^}]*table=\"KZQDBD\"\\} ([1-9][0-9]*)\n");
+  std::string metrics;
+  EXPECT_TRUE(Eventually([&] {
+    metrics = scrape();
+    return std::regex_search(metrics, errors);
+  })) << metrics;
+  EXPECT_THAT(metrics, Not(HasSubstr("kzq_kzqdbd_dbsize")));
+
+  const Json failed = GetJson(agent_.Url(), "/tables/KZQDBD", 503);
+  EXPECT_EQ(failed["status"], "failed");
+  // No answer, or the channel busy with the scheduler's exchanges that run out their time-out.
+  EXPECT_THAT(failed["reason"].get<std::string>(), testing::ContainsRegex("no answer from the collector|busy"));
+  std::string text;
+  EXPECT_EQ(Kzqctl("--url|" + agent_.Url() + "|sample|KZQDBD", home_.File("ctl"), &text), 1);
+  EXPECT_THAT(text, HasSubstr("the agent answered 503: "));
 }
 
 // Whatever moment the collector dies at, a sample is either whole or empty,

@@ -105,13 +105,15 @@ class Metrics : public testing::Test {
   }
   void TearDown() override { framework::PublishCatalogue(nlohmann::ordered_json::array()); }
 
-  std::string Render(framework::CapturedSample s) {
+  // The table's last good sample was taken at 1000.
+  std::string Render(framework::CapturedSample s, int64_t now = 1012) {
     s.taken_at = 1000;
     std::map<std::string, framework::CachedTable> tables;
-    tables[s.table] = {std::make_shared<framework::CapturedSample>(s), 7, 2};
+    const auto sample = std::make_shared<framework::CapturedSample>(s);
+    tables[s.table] = {sample, sample, 7, 2};
     const std::vector<framework::ServiceState> services = {{"collector", "KZQCOLL1", true},
                                                            {"sqlserver", "MSSQLSERVER", false}};
-    return framework::MetricsText(tables, services, {"SQL\"1", "db01", 1012, 5});
+    return framework::MetricsText(tables, services, {"SQL\"1", "db01", now, 5, 60});
   }
 };
 
@@ -152,6 +154,18 @@ TEST_F(Metrics, RowsTheirLabelsCannotTellApartGetTheirPosition) {
   const std::string text = Render(s);
   EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"1\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"2\"} 2\n"));
+}
+
+// A table whose data could not be had for two intervals loses its series
+// (they would show old values as current); its health series stay.
+TEST_F(Metrics, AStaleTableLosesItsSeriesButNotItsHealth) {
+  framework::CapturedSample s = MakeSample("KZQT");
+  AddRow(&s, "master", "sa", 512, 9);
+  EXPECT_THAT(Render(s, 1060), HasSubstr("kzq_kzqt_dbsize{"));
+  const std::string stale = Render(s, 1061);
+  EXPECT_THAT(stale, Not(HasSubstr("kzq_kzqt_dbsize")));
+  EXPECT_THAT(stale, HasSubstr("kzq_sample_age_seconds{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 61\n"));
+  EXPECT_THAT(stale, HasSubstr("kzq_sample_errors_total{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 2\n"));
 }
 
 TEST_F(Metrics, TheAgentsOwnHealthIsAlwaysThere) {
