@@ -10,6 +10,7 @@
 #include "framework/serve/sample_cache.h"
 #include "framework/table_manager.h"
 #include "framework/trace.h"
+#include "kvc/kvcutil.h"
 #include "platform/semaphore.h"
 
 namespace {
@@ -44,6 +45,7 @@ void StopServing() {
 // nobody can reach, or one that anyone could, is worse than none.
 int RefuseStart(const std::string& reason) {
   fprintf(stderr, "kzqagent: %s\n", reason.c_str());
+  kvc::Log('e', "kxa0001", "HTTP endpoint not started: %s\n", reason.c_str());
   TRC1_Printf("HTTP endpoint not started: %s\n", reason.c_str());
   TRC1_Sync();
   return 2;
