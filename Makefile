@@ -6,6 +6,7 @@ NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googlete
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
 FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
   nlohmann-json3-dev libsystemd-dev
+DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libsystemd-dev
 JOBS ?= 2
 
 .PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench soak deps-native deps-windows build build-windows clean
@@ -78,8 +79,15 @@ build-windows: deps-windows
 test-windows: build-windows
 	scripts/wine-test build-win
 
-demo: build
-	@scripts/demo build
+# The demo builds only the four programs it runs, optimised and without
+# the tests: a newcomer waits for the agent, not for the test suite.
+DEMO_PROGRAMS := kzqagent kzqcoll kzqdemolog kzqctl
+demo:
+	@scripts/ensure-packages $(DEMO_PACKAGES)
+	@scripts/ensure-httplib-header
+	@cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DKZQ_TESTS=OFF >/dev/null
+	@cmake --build build-demo -j $(JOBS) --target $(DEMO_PROGRAMS)
+	@scripts/demo build-demo
 
 # Benchmarks run on an optimised build without sanitizers.
 bench: deps-native
@@ -102,4 +110,4 @@ soak: deps-native
 	scripts/soak --minutes $(SOAK_MINUTES) --mode $(SOAK_MODE) build-bench
 
 clean:
-	rm -rf build build-win build-bench build-tsan build-fuzz
+	rm -rf build build-win build-bench build-tsan build-fuzz build-demo

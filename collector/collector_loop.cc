@@ -6,9 +6,10 @@
 #include "kvc/kvccomm.h"
 #include "kvc/kvcutil.h"
 #include "kzq/catalogue.h"
-#include "platform/environment.h"
+#include "kzq/instance_names.h"
 #include "platform/file_system.h"
 #include "platform/process.h"
+#include "platform/service_probe.h"
 
 namespace collector {
 
@@ -45,14 +46,13 @@ int Serve(RowSource& source, int requests, const std::atomic<bool>& stop) {
 }
 
 std::string WritePidFile() {
-  const std::string number = platform::GetEnv("COLL_SERVICENUMBER").value_or("1");
-  const std::string path =
-      platform::RuntimeDirectory() + platform::PathSeparator() + "KZQCOLL" + number + ".pid";
-  FILE* file = fopen(path.c_str(), "w");
-  if (file == nullptr) return {};
-  fprintf(file, "%u\n", platform::CurrentProcessId());
-  fclose(file);
-  return path;
+  const std::string path = platform::PidFilePath(kzq::CollectorServiceName());
+  int err = platform::PrepareRuntimeDirectory();
+  if (err == 0) err = platform::WriteFileNoFollow(path, std::to_string(platform::CurrentProcessId()) + "\n");
+  if (err == 0) return path;
+  kvc::Log('w', "col0001", "Could not write the pid file %s (error %d): the agent will report the collector down\n",
+           path.c_str(), err);
+  return {};
 }
 
 }  // namespace collector

@@ -22,9 +22,9 @@ void Answer(kvc::PipeList* entry, RowSource& source);
 // when the channel could not be opened.
 int Serve(RowSource& source, int requests, const std::atomic<bool>& stop);
 
-// Writes this process's id to <runtime dir>/KZQCOLL<COLL_SERVICENUMBER>.pid,
-// where the agent's service probe looks. Returns the path, or "" when it
-// cannot be written.
+// Writes this process's id to the pid file of KZQCOLL<COLL_SERVICENUMBER>
+// for this server, where the agent's service probe looks. Returns the
+// path, or "" when it cannot be written (logged).
 std::string WritePidFile();
 
 }  // namespace collector

@@ -1,6 +1,8 @@
 // kzqcoll: the collector. Opens the channel for this server and answers
 // the agent's requests from a row source.
-//   kzqcoll --replay <directory> [--requests <n>] [--service]
+//   kzqcoll [--service] [-Hkey "<key>"] --replay <directory> [--requests <n>]
+// "-Hkey" names the instance's registry key, as for the agent: the
+// collector takes its server id and service number from the same place.
 // With --service it runs under the service manager (the Windows service
 // control manager, or systemd with Type=notify); otherwise it runs until
 // Ctrl-C or SIGTERM.
@@ -14,11 +16,15 @@
 #include "collector/collector_loop.h"
 #include "collector/replay_source.h"
 #include "kvc/kvcutil.h"
+#include "kzq/instance_start.h"
 #include "kzq/service_control.h"
 #include "platform/semaphore.h"
 #include "platform/stop_signal.h"
 
 namespace {
+
+// Runs before main, as in the agent.
+const kzq::CommandLinePresets g_command_line_presets;
 
 struct Options {
   std::string replay;
@@ -31,7 +37,7 @@ Options g_options;
 std::unique_ptr<collector::RowSource> g_source;
 
 int Usage() {
-  fprintf(stderr, "usage: kzqcoll --replay <directory> [--requests <n>] [--service]\n");
+  fprintf(stderr, "usage: kzqcoll [--service] [-Hkey \"<key>\"] --replay <directory> [--requests <n>]\n");
   return 2;
 }
 
@@ -44,6 +50,8 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       options->replay = argv[++i];
     } else if (strcmp(argv[i], "--requests") == 0 && has_value) {
       options->requests = atoi(argv[++i]);
+    } else if ((strcmp(argv[i], "-Hkey") == 0 || strcmp(argv[i], "-hkey") == 0) && has_value) {
+      ++i;  // imported before the options are used
     } else {
       return false;
     }
@@ -60,9 +68,9 @@ void RequestStop() {
 
 int Collect(int, char**) {
   const std::string pid_file = collector::WritePidFile();
-  if (pid_file.empty()) kvc::Log('w', "col0001", "Could not write the pid file\n");
   const int rc = collector::Serve(*g_source, g_options.requests, g_stop);
   if (!pid_file.empty()) remove(pid_file.c_str());
+  kvc::Log('i', "col0002", "kzqcoll stopped\n");
   return rc;
 }
 
@@ -70,12 +78,13 @@ int Collect(int, char**) {
 
 int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, &g_options)) return Usage();
-  kvc::Log('@', "kzqcoll", "%s", "");
+  kzq::ImportHkeyArgument(argc, argv);
+  kzq::OpenInstanceLog("kzqcoll", g_command_line_presets);
   // Bad replay data fails the start at once, before any service report.
   std::string error;
   g_source = collector::ReplaySource::Load(g_options.replay, &error);
   if (g_source == nullptr) {
-    fprintf(stderr, "kzqcoll: %s\n", error.c_str());
+    kvc::Log('e', "col0003", "kzqcoll: %s\n", error.c_str());
     return 3;
   }
   if (g_options.service) return kzq::RunAsService(argc, argv, Collect, RequestStop);

@@ -44,8 +44,7 @@ void StopServing() {
 // A setting that cannot be served as asked stops the start: an agent
 // nobody can reach, or one that anyone could, is worse than none.
 int RefuseStart(const std::string& reason) {
-  fprintf(stderr, "kzqagent: %s\n", reason.c_str());
-  kvc::Log('e', "kxa0001", "HTTP endpoint not started: %s\n", reason.c_str());
+  kvc::Log('e', "kxa0001", "kzqagent: %s\n", reason.c_str());
   TRC1_Printf("HTTP endpoint not started: %s\n", reason.c_str());
   TRC1_Sync();
   return 2;

@@ -1,11 +1,15 @@
 #include "framework/trace.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <string_view>
 
 #include "framework/trace_file.h"
+#include "kvc/repeated_lines.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 
@@ -16,6 +20,8 @@ std::atomic<int> g_level{0};
 std::mutex g_stream_lock;
 FILE* g_stream = nullptr;
 std::unique_ptr<RollingTraceFile> g_rolling;  // guarded by g_stream_lock
+kvc::RepeatedLines g_repeats;                 // guarded by g_stream_lock
+bool g_at_line_start = true;                  // guarded by g_stream_lock
 
 std::string UtcStartText() {
   platform::LocalTime utc;
@@ -24,6 +30,49 @@ std::string UtcStartText() {
   snprintf(text, sizeof text, "%04d%02d%02d%02d%02d%02d", utc.year, utc.month, utc.day, utc.hour, utc.minute,
            utc.second);
   return text;
+}
+
+// Each line begins with the local date and time. A call may write part of
+// a line; only the text after a line end is stamped.
+std::string Stamped(std::string_view text) {
+  const platform::LocalTime now = platform::NowLocal();
+  char stamp[40];
+  snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%03d ", now.year, now.month, now.day, now.hour,
+           now.minute, now.second, now.millisecond);
+  std::string out;
+  for (size_t begin = 0; begin < text.size();) {
+    if (g_at_line_start) out += stamp;
+    const size_t end = std::min(text.find('\n', begin), text.size() - 1) + 1;
+    out.append(text.substr(begin, end - begin));
+    g_at_line_start = text[end - 1] == '\n';
+    begin = end;
+  }
+  return out;
+}
+
+// The trace files are what an operator reads: their lines are stamped and
+// a run of one line is counted. A stream set for a test takes the text as
+// it is.
+void WriteOut(std::string_view text) {
+  if (g_stream != nullptr || g_rolling == nullptr) {
+    FILE* out = g_stream != nullptr ? g_stream : stderr;
+    fwrite(text.data(), 1, text.size(), out);
+    fflush(out);
+    return;
+  }
+  const kvc::RepeatedLines::Verdict verdict = g_repeats.Check(text, platform::MonotonicMillis());
+  if (verdict.repeats > 0) {
+    char note[96];
+    snprintf(note, sizeof note, "%sThe trace line before came %d more times\n", g_at_line_start ? "" : "\n",
+             verdict.repeats);
+    const std::string stamped = Stamped(note);
+    g_rolling->Write(stamped.data(), stamped.size());
+  }
+  if (verdict.write_line) {
+    const std::string stamped = Stamped(text);
+    g_rolling->Write(stamped.data(), stamped.size());
+  }
+  g_rolling->Flush();
 }
 
 }  // namespace
@@ -67,18 +116,13 @@ void TRC1_Sync() {
 }
 
 void TRC1_Printf(const char* format, ...) {
+  char text[8192];
   va_list args;
   va_start(args, format);
-  std::lock_guard<std::mutex> guard(framework::g_stream_lock);
-  if (framework::g_stream == nullptr && framework::g_rolling != nullptr) {
-    char text[8192];
-    const int n = vsnprintf(text, sizeof text, format, args);
-    if (n > 0) framework::g_rolling->Write(text, static_cast<size_t>(n < static_cast<int>(sizeof text) ? n : sizeof text - 1));
-    framework::g_rolling->Flush();
-  } else {
-    FILE* out = framework::g_stream != nullptr ? framework::g_stream : stderr;
-    vfprintf(out, format, args);
-    fflush(out);
-  }
+  const int n = vsnprintf(text, sizeof text, format, args);
   va_end(args);
+  if (n <= 0) return;
+  const std::string_view line(text, n < static_cast<int>(sizeof text) ? static_cast<size_t>(n) : sizeof text - 1);
+  std::lock_guard<std::mutex> guard(framework::g_stream_lock);
+  framework::WriteOut(line);
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "framework/trace.h"
+#include "platform/file_system.h"
 
 namespace framework {
 namespace {
@@ -48,6 +49,12 @@ std::vector<std::string> ReadLines(const std::string& path) {
   for (std::string line; std::getline(in, line);)
     if (!line.empty()) lines.push_back(line);
   return lines;
+}
+
+// The trace directory is made when missing: nothing else makes it.
+void CreateParentDirectory(const std::string& path) {
+  const size_t slash = path.find_last_of("/\\");
+  if (slash != std::string::npos && slash > 0) platform::CreateDirectories(path.substr(0, slash));
 }
 
 }  // namespace
@@ -110,6 +117,7 @@ bool RollingTraceFile::OpenNext() {
   path_ = spec_.file;
   const size_t dash = path_.find("-.");
   if (dash != std::string::npos) path_.insert(dash + 1, std::to_string(number_));
+  CreateParentDirectory(path_);
   file_ = fopen(path_.c_str(), "wb");
   written_ = 0;
   if (file_ != nullptr) RecordInInventory();

@@ -11,6 +11,7 @@
 
 #include "kvc/kvcopts.h"
 #include "kvc/kvcstr.h"
+#include "kvc/repeated_lines.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
@@ -30,6 +31,7 @@ struct WriterState {
   std::string process_name;
   int counter = 0;
   int wrap_limit = kWrapUnset;
+  RepeatedLines repeats;
 };
 
 // Changed only while the named lock is held. Never destroyed: exit
@@ -112,6 +114,16 @@ std::string BuildPrefix(const char* id, const LevelTraits& traits) {
   return prefix;
 }
 
+// Every line starts with the local date and time to the millisecond, so
+// lines of the agent and the collector in one file can be put in order.
+std::string TimeStamp() {
+  const platform::LocalTime now = platform::NowLocal();
+  char text[40];
+  snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d ", now.year, now.month, now.day, now.hour,
+           now.minute, now.second, now.millisecond);
+  return text;
+}
+
 // Other processes append to the same file under the same lock, so every
 // write goes to the current end and is flushed before the lock is let go:
 // a line is never split by another writer.
@@ -125,15 +137,8 @@ void WriteToFile(const std::string& prefix, uint32_t thread, const char* message
   fflush(w.file);
 }
 
-void WriteLine(char level, const char* id, const char* message) {
-  const LevelTraits traits = TraitsOf(level);
+void Emit(const LevelTraits& traits, const std::string& prefix, const char* message) {
   WriterState& w = Writer();
-  if (level == '@') {
-    w.process_name = id == nullptr ? "" : id;
-    return;
-  }
-  if (!traits.write) return;
-  const std::string prefix = BuildPrefix(id, traits);
   const uint32_t thread = platform::CurrentThreadId();
   if (w.file != nullptr) {
     WriteToFile(prefix, thread, message);
@@ -142,11 +147,30 @@ void WriteLine(char level, const char* id, const char* message) {
       fprintf(stderr, "+ %s(%u)%s", prefix.c_str(), thread, message);
     fflush(stdout);
   }
-  // Once the log file is standard error itself, the echo would be a copy.
-  if (traits.echo && w.file != stderr) {
+  if (traits.echo) {
     fprintf(stderr, "%s(%u)%s", prefix.c_str(), thread, message);
     fflush(stderr);
   }
+}
+
+void WriteLine(char level, const char* id, const char* message) {
+  const LevelTraits traits = TraitsOf(level);
+  WriterState& w = Writer();
+  if (level == '@') {
+    w.process_name = id == nullptr ? "" : id;
+    return;
+  }
+  if (!traits.write) return;
+  const std::string stamp = TimeStamp();
+  const std::string prefix = BuildPrefix(id, traits);
+  const RepeatedLines::Verdict verdict =
+      w.repeats.Check(std::string(1, level) + (id == nullptr ? "" : id) + '|' + message, platform::MonotonicMillis());
+  if (verdict.repeats > 0) {
+    char note[96];
+    snprintf(note, sizeof note, "The line before came %d more times\n", verdict.repeats);
+    Emit(TraitsOf('i'), stamp + "KVC0100I ", note);
+  }
+  if (verdict.write_line) Emit(traits, stamp + prefix, message);
 }
 
 void LogV(char level, const char* id, const char* location, const char* format, va_list args) {
@@ -225,7 +249,7 @@ FILE* LogWrap(FILE* file, const char* name, int* counter) {
   *counter = 1;  // the note below is the first write of the new file
   FILE* reopened = freopen(name, "w+", file);
   if (reopened == nullptr) return nullptr;
-  fprintf(reopened, "CGN5000I (%u)       File wrapped -- %s\n", platform::CurrentThreadId(),
+  fprintf(reopened, "%sCGN5000I (%u)       File wrapped -- %s\n", TimeStamp().c_str(), platform::CurrentThreadId(),
           FormatNow(nullptr, 1));
   return reopened;
 }
@@ -236,8 +260,11 @@ int OpenLogFile() {
   const bool locked = lock != nullptr && lock->TryLockFor(kLockWaitMs);
   WriterState& w = Writer();
   int rc = 1;
-  if (freopen(path.c_str(), "w+", stderr) != nullptr) {
-    w.file = stderr;
+  // Appended to: the agent and the collector of a server share the file,
+  // and neither may wipe what the other wrote before it (re)started.
+  if (FILE* file = fopen(path.c_str(), "a")) {
+    if (w.file != nullptr) fclose(w.file);
+    w.file = file;
     w.file_name = path;
     w.counter = 0;
     w.wrap_limit = kWrapUnset;

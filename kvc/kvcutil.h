@@ -1,6 +1,9 @@
 // The diagnostic log: one writer for every process of a server, each line
 // prefixed with a message id and a level letter.
 //
+// Every line starts with the local date and time; a line equal to the one
+// before it is counted rather than written (see RepeatedLines).
+//
 // Levels: 'e' error and 's' set-up error (echoed to standard error, file
 // flushed), 'a' (echoed, shown as I), 'i' and 'w' (file only), 't' trace
 // (with the time), 'h' trace written only with COLL_TRACE_DETAIL on, '@'
@@ -37,9 +40,10 @@ void HexDump(const char* id, const void* bytes, size_t length);
 // Returns the file to write to.
 FILE* LogWrap(FILE* file, const char* name, int* counter);
 
-// Reopens standard error onto "col.log" in KVCLOGDIR (the current directory
-// when unset) and makes it the log file. 0 on success; 1 when the reopen
-// failed and the previous log file stays in use.
+// Opens "col.log" in KVCLOGDIR (the current directory when unset; created
+// when missing) for appending and makes it the log file; error lines are
+// still echoed to standard error. 0 on success; 1 when it cannot be opened
+// and the previous log file stays in use.
 int OpenLogFile();
 
 // Opens the message output file ("col.out" when `name` is null) in the log

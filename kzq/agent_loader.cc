@@ -2,14 +2,17 @@
 
 #include <atomic>
 #include <cstdio>
+#include <string>
 
 #include "framework/agent.h"
 #include "framework/serve/agent_description.h"
 #include "framework/trace.h"
 #include "kvc/kvcact.h"
 #include "kvc/kvcenv.h"
+#include "kvc/kvcstr.h"
 #include "kvc/kvcutil.h"
 #include "kzq/catalogue_json.h"
+#include "kzq/instance_names.h"
 #include "kzq/service_status.h"
 #include "kzq/tables.h"
 #include "kzq/errorlog_monitor.h"
@@ -69,6 +72,19 @@ void PublishToConsumers() {
   });
 }
 
+std::string Text(const char* value) { return value != nullptr ? value : ""; }
+
+// The message output file says once what this agent watches and where it
+// reports, which is what an operator checks first when nothing arrives.
+void AnnounceStart(const kvc::AgentConfig& config) {
+  if (g_message_output == nullptr) return;
+  fprintf(g_message_output,
+          "%s kzqagent started: server '%s', host '%s', collector service %s, database service %s, errorlog '%s'\n",
+          kvc::FormatNow(nullptr, 1), Text(config.serverId).c_str(), Text(config.hostName).c_str(),
+          CollectorServiceName().c_str(), DatabaseServiceName().c_str(), Text(config.errorLog).c_str());
+  fflush(g_message_output);
+}
+
 }  // namespace
 
 void RegisterAllTables() {
@@ -96,6 +112,7 @@ int AgentLoader() {
   if (config.hostName != nullptr) AVR_SetHostname(config.hostName);
   if (config.serverId != nullptr) AVR_SetSubsystemId(config.serverId);
   AVR_SetNodeType("MSS");
+  AnnounceStart(config);
   InstallAgentSampling();
   RegisterAllTables();
   PublishToConsumers();

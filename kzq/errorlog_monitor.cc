@@ -237,7 +237,8 @@ int ErrorlogReportSample(framework::tavra& object) {
     if (LocateLog(log, &directory, &path)) {
       int count = 0;
       FileScan scan{LogTime{}, settings.min_severity, nullptr, settings.max_event_rows, &count, nullptr,
-                    [&queue](const std::string& event) { queue.Append(event); }, platform::NowUnixSeconds};
+                    [&queue](const std::string& event) { queue.Append(event); }, platform::NowUnixSeconds,
+                    settings.max_read_bytes};
       ScanLogFile(path, scan);
     }
     ERRORLOG_FLOW("Size of queue:%d.\n", queue.Size());

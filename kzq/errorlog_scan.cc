@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "kvc/kvcenv.h"
 #include "kzq/errorlog_events.h"
 #include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_state.h"
@@ -86,6 +87,8 @@ ErrorlogSettings ReadErrorlogSettings() {
     s.max_event_rows = 50;
   }
   s.min_severity = EnvInt("COLL_ALERT_SEV", 17);
+  kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
+  s.max_read_bytes = kvc::TheAgentConfig().maxReadErrorLog;
   ERRORLOG_FLOW("\t\t Errrolog Configuration: statrup_minutes ='%d', startup_rows='%d', max_event_row='%d'.\n",
               s.startup_minutes, s.startup_rows, s.max_event_rows);
   return s;
@@ -110,12 +113,17 @@ ScanResult ScanLogFile(const std::string& path, const FileScan& scan) {
   }
   fseek(file, 0, SEEK_END);
   long step_end = ftell(file);
+  const long file_end = step_end;
   if (scan.state_file != nullptr) RecordFileEnd(file, step_end, *scan.state_file);
   Utf16LineReader reader(file);
   ScanResult result = kScanOlderFileNext;
   std::u16string line;
   // The text before the last whole step of a file is never read.
   while (result != kScanDone && step_end - kStep >= 0 && !(scan.roll_over != nullptr && *scan.roll_over)) {
+    if (scan.max_bytes > 0 && file_end - step_end >= scan.max_bytes) {
+      ERRORLOG_FLOW("Read limit of %ld bytes reached in %s.\n", scan.max_bytes, path.c_str());
+      break;
+    }
     reader.Seek(step_end - kStep);
     if (!reader.ReadLine(&line, kMaxLogLineUnits)) {
       ERRORLOG_FAILURE("\t\tError in fgetws\n");
@@ -156,7 +164,8 @@ void StartupScan(const ErrorlogSettings& settings, const std::string& state_file
   if (state_time.has_value())
     start = settings.startup_minutes == 1 || IsLater(*state_time, read_time) ? *state_time : read_time;
   int count = 0;
-  FileScan scan{start, settings.min_severity, &state_file, settings.startup_rows, &count, &roll_over, queue, now};
+  FileScan scan{start,    settings.min_severity, &state_file, settings.startup_rows, &count, &roll_over, queue, now,
+                settings.max_read_bytes};
   ScanResult result = ScanLogFile(log_path, scan);
   scan.state_file = nullptr;
   for (int generation = 1; result == kScanOlderFileNext; ++generation)

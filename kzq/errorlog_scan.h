@@ -18,9 +18,10 @@ struct ErrorlogSettings {
   int startup_rows = 0;     // COLL_ERRORLOG_STARTUP_MAX_EVENT_ROW: 0 off, 1 no count limit
   int max_event_rows = 50;  // COLL_ERRORLOG_MAX_EVENT_ROW: the queue's bound
   int min_severity = 17;    // COLL_ALERT_SEV
+  long max_read_bytes = 0;  // MAXREADSZ_ERRORLOG: what a scan reads of one file at most
 };
 
-// Reads the four settings (a negative queue bound becomes 50, with a trace).
+// Reads the settings (a negative queue bound becomes 50, with a trace).
 ErrorlogSettings ReadErrorlogSettings();
 
 // The start time `minutes` back from `now` (1: no limit, year 1900).
@@ -37,6 +38,7 @@ struct FileScan {
   const std::atomic<bool>* roll_over = nullptr;
   EmitEvent queue;                          // where qualifying events go, oldest of a step first
   Clock now = nullptr;
+  long max_bytes = 0;  // MAXREADSZ_ERRORLOG: what is read of one file at most, back from its end; 0: all
 };
 
 // Scans one file backwards from its end.

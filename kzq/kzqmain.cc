@@ -17,7 +17,7 @@
 #include "kvc/kvcenv.h"
 #include "kvc/kvcutil.h"
 #include "kzq/agent_loader.h"
-#include "kzq/command_line_presets.h"
+#include "kzq/instance_start.h"
 #include "kzq/option_words.h"
 #include "kzq/registry_environment.h"
 #include "kzq/service_control.h"
@@ -31,12 +31,7 @@ namespace {
 
 // Runs before main: the presets must be in the environment before the
 // registry and the configuration are read.
-struct CommandLinePresets {
-  CommandLinePresets() {
-    const std::string raw = platform::RawCommandLine();
-    kzq::ApplyCommandLinePresets(raw.empty() ? nullptr : raw.c_str());
-  }
-} g_command_line_presets;
+const kzq::CommandLinePresets g_command_line_presets;
 
 bool SameWord(const char* a, const char* b) {
   for (; *a != '\0' && *b != '\0'; ++a, ++b)
@@ -45,12 +40,7 @@ bool SameWord(const char* a, const char* b) {
 }
 
 void ApplyHkeyArgument(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    if (SameWord(argv[i], "-hkey")) {
-      if (i + 1 < argc) kzq::ImportRegistryEnvironment(argv[i + 1]);
-      break;
-    }
-  }
+  kzq::ImportHkeyArgument(argc, argv);
   kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
 }
 
@@ -76,6 +66,7 @@ void StopAgent() { AVR_Shutdown(1); }
 int AgentMain(int argc, char** argv) {
   if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Entering AgentMain\n");
   ApplyHkeyArgument(argc, argv);
+  kzq::OpenInstanceLog("kzqagent", g_command_line_presets);
   std::vector<std::string> words(argv + 1, argv + argc);
   kzq::ApplyOptionWords(words, kvc::TheAgentConfig(), kzq::ReadOptionFile);
   char version[9] = {};

@@ -50,16 +50,4 @@ bool ServiceRuns(const char* service_name) {
   return probe.ok && probe.state == platform::kServiceRunning && probe.process_id != 0;
 }
 
-namespace {
-
-std::string Env(const char* name) { return platform::GetEnv(name).value_or(""); }
-
-}  // namespace
-
-std::string CollectorServiceName() { return "KZQCOLL" + std::to_string(atoi(Env("COLL_SERVICENUMBER").c_str())); }
-
-std::string DatabaseServiceName() {
-  return atoi(Env("KZQ_NAMED_INSTANCE").c_str()) != 0 ? "MSSQL$" + Env("COLL_SERVERID") : "MSSQLSERVER";
-}
-
 }  // namespace kzq

@@ -18,10 +18,4 @@ uint32_t check_service_status(const char* service_name);
 // that ask often and only want the answer.
 bool ServiceRuns(const char* service_name);
 
-// KZQCOLL<COLL_SERVICENUMBER>.
-std::string CollectorServiceName();
-// MSSQL$<COLL_SERVERID> for a named instance (KZQ_NAMED_INSTANCE non-zero),
-// else MSSQLSERVER.
-std::string DatabaseServiceName();
-
 }  // namespace kzq

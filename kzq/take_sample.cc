@@ -16,6 +16,7 @@
 #include "kvc/kvcutil.h"
 #include "kzq/agent_loader.h"
 #include "kzq/sample_rows.h"
+#include "kzq/instance_names.h"
 #include "kzq/service_status.h"
 #include "kzq/sql_filter_walk.h"
 #include "kzq/table_pattern.h"

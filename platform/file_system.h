@@ -52,8 +52,22 @@ const char* DefaultExecutableExtensions();
 std::string FindEntryIgnoringCase(const std::string& directory, const std::string& name);
 
 // Where process-shared helper files (lock files, pid files) live:
-// $KZQ_RUNTIME_DIR, else /tmp on POSIX and the temporary directory on
-// Windows. Never empty.
+// $KZQ_RUNTIME_DIR; when unset, on POSIX $XDG_RUNTIME_DIR/kzq, else
+// /tmp/kzq-<uid> - a directory of the account's own, never a directory
+// every account may write - and the temporary directory on Windows.
 std::string RuntimeDirectory();
+
+// Makes the runtime directory ready for this process's files: created
+// when missing (owner-only on POSIX), and on POSIX refused (5) when another
+// account owns it or accounts other than its owner's group may write it,
+// so nobody else can plant files or links there. Returns 0 or a Windows
+// error number.
+int PrepareRuntimeDirectory();
+
+// Replaces the content of the file at `path` with `text`, creating it
+// when missing. A link at `path` is not followed (the write fails), and an
+// existing file keeps its owner and mode. Returns 0 or a Windows error
+// number.
+int WriteFileNoFollow(const std::string& path, const std::string& text);
 
 }  // namespace platform

@@ -2,7 +2,7 @@
 // process.
 //
 // Windows: the service control manager. POSIX has none to ask, so a service
-// is found in this order: its pid file `<runtime dir>/<name>.pid`, else the
+// is found in this order: its pid file (PidFilePath), else the
 // systemd unit that KZQ_SERVICE_UNITS maps it to ("NAME=unit[,NAME=unit...]",
 // names in any case; "MSSQLSERVER=mssql-server" when unset), whose processes
 // are listed in `<KZQ_CGROUP_ROOT or /sys/fs/cgroup>/system.slice/<unit>.service/
@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "platform/service_host.h"
 
@@ -29,5 +30,11 @@ struct ServiceProbe {
 };
 
 ServiceProbe QueryService(const char* name);
+
+// Where a service of this server leaves its process id for the probe:
+// `<runtime dir>/<service>_<COLL_SERVERID>.pid`, or `<service>.pid` when no
+// server id is set, so the services of two servers on one host never share
+// a file.
+std::string PidFilePath(const std::string& service);
 
 }  // namespace platform

@@ -5,9 +5,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <string>
 
 #include "platform/error.h"
 #include "platform/posix/errors.h"
@@ -81,7 +83,31 @@ std::string FindEntryIgnoringCase(const std::string& directory, const std::strin
 std::string RuntimeDirectory() {
   const char* dir = getenv("KZQ_RUNTIME_DIR");
   if (dir != nullptr && *dir != '\0') return dir;
-  return "/tmp";
+  const char* user_runtime = getenv("XDG_RUNTIME_DIR");
+  if (user_runtime != nullptr && *user_runtime == '/') return std::string(user_runtime) + "/kzq";
+  return "/tmp/kzq-" + std::to_string(getuid());
+}
+
+int PrepareRuntimeDirectory() {
+  const std::string dir = RuntimeDirectory();
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    const int missing_parent = errno == ENOENT ? CreateDirectories(dir) : posix::FromErrno(errno);
+    if (missing_parent != kOk) return missing_parent;
+    chmod(dir.c_str(), 0700);  // made just now by us; the umask may have widened it
+  }
+  struct stat st {};
+  if (lstat(dir.c_str(), &st) != 0) return posix::FromErrno(errno);
+  if (!S_ISDIR(st.st_mode) || st.st_uid != getuid() || (st.st_mode & S_IWOTH) != 0) return kErrAccessDenied;
+  return kOk;
+}
+
+int WriteFileNoFollow(const std::string& path, const std::string& text) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return posix::FromErrno(errno);
+  const ssize_t written = write(fd, text.data(), text.size());
+  const int err = written == static_cast<ssize_t>(text.size()) ? kOk : posix::FromErrno(written < 0 ? errno : ENOSPC);
+  close(fd);
+  return err;
 }
 
 }  // namespace platform

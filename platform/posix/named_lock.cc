@@ -56,15 +56,19 @@ class FileLock final : public NamedLock {
 
 std::unique_ptr<NamedLock> CreateNamedLock(const std::string& name, int* error) {
   char object[256];
+  if (const int err = PrepareRuntimeDirectory()) {
+    *error = err;
+    return nullptr;
+  }
   const std::string path =
       RuntimeDirectory() + "/kzq-" + (posix::ObjectName(name.c_str(), object) + 1) + ".lock";
-  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  // Owner-only and never through a link: an account that could open the
+  // file could hold the lock and silence every writer of the server.
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
     *error = posix::FromErrno(errno);
     return nullptr;
   }
-  // Writers of other users (service and console) share the same lock file.
-  fchmod(fd, 0666);
   *error = kOk;
   return std::make_unique<FileLock>(fd);
 }

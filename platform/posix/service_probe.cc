@@ -108,12 +108,18 @@ ServiceProbe FromCgroup(const std::string& unit) {
 ServiceProbe QueryService(const char* name) {
   if (!UsableName(name)) return Failed(ServiceProbeStep::kOpenService, kErrInvalidName);
   std::string text;
-  const int err = ReadText(RuntimeDirectory() + "/" + name + ".pid", &text);
+  const int err = ReadText(PidFilePath(name), &text);
   if (err == 0) return FromPidFile(text);
   if (err != ENOENT) return Failed(ServiceProbeStep::kQueryStatus, posix::FromErrno(err));
   const std::optional<std::string> unit = posix::ServiceUnit(name);
   if (!unit) return Failed(ServiceProbeStep::kOpenService, kErrServiceDoesNotExist);
   return FromCgroup(*unit);
+}
+
+std::string PidFilePath(const std::string& service) {
+  const char* server = getenv("COLL_SERVERID");
+  const std::string suffix = server != nullptr && *server != '\0' ? std::string("_") + server : std::string();
+  return RuntimeDirectory() + "/" + service + suffix + ".pid";
 }
 
 }  // namespace platform

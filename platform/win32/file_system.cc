@@ -72,4 +72,19 @@ std::string RuntimeDirectory() {
   return n > 0 && n < sizeof buffer ? std::string(buffer, n) : std::string(".");
 }
 
+int PrepareRuntimeDirectory() { return CreateDirectories(RuntimeDirectory()); }
+
+// Windows has no links an ordinary account can plant in a service's
+// directory; the file is written as it is.
+int WriteFileNoFollow(const std::string& path, const std::string& text) {
+  HANDLE file = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS,
+                            FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return win32::LastError();
+  DWORD written = 0;
+  const BOOL ok = WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+  const int err = ok && written == text.size() ? kOk : win32::LastError();
+  CloseHandle(file);
+  return err;
+}
+
 }  // namespace platform

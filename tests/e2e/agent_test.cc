@@ -12,6 +12,7 @@
 #include "platform/environment.h"
 #include "platform/file_system.h"
 #include "platform/process.h"
+#include "platform/service_probe.h"
 #include "tests/e2e/service_manager.h"
 #include "tests/support/binaries.h"
 #include "tests/support/temp_dir.h"
@@ -106,8 +107,11 @@ TEST_F(AgentProcess, ConsoleAgentRegistersEveryTableAndStopsThroughItsExitRoutin
     platform::SleepMillis(50);
   ASSERT_TRUE(agent->RequestStop());
   EXPECT_EQ(agent->Wait(), 0);
-  EXPECT_THAT(Output(), HasSubstr("CTC5005I"));
-  EXPECT_THAT(Output(), HasSubstr("atexit routine envoked Quitting."));
+  EXPECT_THAT(kzq_test::ReadFile(logs_.File("agt.out")), HasSubstr("kzqagent started: server 'SQLX'"));
+  const std::string log = kzq_test::ReadFile(logs_.File("col.log"));
+  EXPECT_THAT(log, HasSubstr("CTC5001I"));
+  EXPECT_THAT(log, HasSubstr("CTC5005I"));
+  EXPECT_THAT(log, HasSubstr("atexit routine envoked Quitting."));
   EXPECT_THAT(TraceText(logs_.Path()), HasSubstr("Agent started with 33 tables"));
   collector->Kill();
   collector->Wait();
@@ -155,7 +159,7 @@ TEST_F(AgentProcess, ConsoleCollectorStopsOnRequestAndRemovesItsPidFile) {
       platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay.Path()}, &error);
   platform::SetEnv("COLL_SERVICENUMBER", "");
   ASSERT_NE(collector, nullptr) << error;
-  const std::string pid_file = logs_.File("KZQCOLL77.pid");
+  const std::string pid_file = platform::PidFilePath("KZQCOLL77");
   ASSERT_TRUE(WaitForFile(pid_file, 30000));
   SKIP_WITHOUT_CONSOLE_SIGNALS();
   ASSERT_TRUE(collector->RequestStop());

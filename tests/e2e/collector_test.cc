@@ -15,6 +15,7 @@
 #include "platform/process.h"
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
+#include "platform/service_probe.h"
 #include "tests/support/binaries.h"
 #include "tests/support/temp_dir.h"
 
@@ -85,8 +86,7 @@ TEST_F(Collector, HeartbeatAndTablesWithoutRows) {
 }
 
 TEST_F(Collector, WritesItsPidFileWhereTheProbeLooks) {
-  const std::string pid_file =
-      platform::RuntimeDirectory() + platform::PathSeparator() + "KZQCOLL93.pid";
+  const std::string pid_file = platform::PidFilePath("KZQCOLL93");
   platform::FileStatus st;
   const uint64_t deadline = platform::MonotonicMillis() + 20000;
   while (platform::StatPath(pid_file, &st) != 0 && platform::MonotonicMillis() < deadline)

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvcenv.h"
 #include "framework/table_manager.h"
 #include "framework/trace.h"
+#include "kvc/kvcenv.h"
 #include "kzq/agent_loader.h"
 #include "kzq/catalogue.h"
 #include "kzq/errorlog_monitor.h"
@@ -385,6 +385,14 @@ TEST_F(Errorlog, AReportSampleAnswersTheNewestErrorsOnce) {
     const std::string first(reinterpret_cast<const char*>(object.Data()), object.RowSize());
     EXPECT_EQ(Field(first, "UMSGTEXT"), "one");
   }
+  // MAXREADSZ_ERRORLOG bounds how far back from the end a scan reads.
+  kvc::AgentConfig& config = kvc::TheAgentConfig();
+  const int32_t configured = config.maxReadErrorLog;
+  config.maxReadErrorLog = 2048;
+  kzq::kzq_kzqerror_agent bounded(&detail, &context, nullptr);
+  kzq::ErrorlogReportSample(bounded);
+  config.maxReadErrorLog = configured;
+  EXPECT_EQ(bounded.NumDataItems(), 0);
 }
 
 // Through the framework, as the agent runs it: an event request on the

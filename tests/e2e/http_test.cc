@@ -31,6 +31,9 @@
 #include "platform/process.h"
 #include "tests/support/binaries.h"
 #include "tests/support/errorlog_writer.h"
+#ifndef _WIN32
+#include "tests/support/free_port.h"
+#endif
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -456,21 +459,9 @@ TEST_F(Http, ACollectorKilledMidAnswerCostsOneSampleNotTheAgent) {
 // A Prometheus server and a browser run on Linux only.
 namespace {
 
-int FreePort() {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-  close(s);
-  return ntohs(address.sin_port);
-}
-
 TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
   agent_ = StartAgent();
-  const int port = FreePort();
+  const int port = kzq_test::FreePort();
   kzq_test::WriteFile(home_.File("prometheus.yml"),
                       "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
                       "scrape_configs:\n  - job_name: kzq\n    static_configs: [{targets: ['127.0.0.1:" +

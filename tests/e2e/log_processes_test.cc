@@ -38,7 +38,7 @@ std::unique_ptr<platform::ChildProcess> Start(const std::vector<std::string>& ar
   return child;
 }
 
-// Each line must be whole: "TST0001I (tid)<tag> <n> <len> <len x tag>|".
+// Each line must be whole: "<date> <time> TST0001I (tid)<tag> <n> <len> <len x tag>|".
 TEST(LogAcrossProcesses, TwoWritersNeverInterleaveInsideALine) {
   kzq_test::TempDir dir;
   platform::SetEnv("KVCLOGDIR", dir.Path());
@@ -58,7 +58,7 @@ TEST(LogAcrossProcesses, TwoWritersNeverInterleaveInsideALine) {
   std::map<std::string, int> next{{"A", 0}, {"B", 0}};
   for (std::string line; std::getline(log, line);) {
     const size_t body = line.find(')');
-    ASSERT_EQ(line.rfind("TST0001I (", 0), 0u) << line.substr(0, 80);
+    ASSERT_EQ(line.find(" TST0001I ("), 23u) << line.substr(0, 80);
     ASSERT_NE(body, std::string::npos);
     std::istringstream fields(line.substr(body + 1));
     std::string tag, payload;

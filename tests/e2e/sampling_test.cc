@@ -27,6 +27,7 @@
 #include "platform/process.h"
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
+#include "platform/service_probe.h"
 #include "tests/support/binaries.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -180,7 +181,7 @@ class Sampling : public testing::Test {
     };
   }
   void MarkServiceRunning(const char* service) {
-    kzq_test::WriteFile(runtime_.File(std::string(service) + ".pid"), std::to_string(platform::CurrentProcessId()));
+    kzq_test::WriteFile(platform::PidFilePath(service), std::to_string(platform::CurrentProcessId()));
   }
 
   std::string prefix_first_;

@@ -7,10 +7,12 @@
 #include "framework/trace_file.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
+using kzq_test::FullyMatches;
 using testing::ElementsAre;
 
 bool Exists(const std::string& path) {
@@ -77,20 +79,29 @@ TEST(RollingTraceFile, InventoryKeepsAtMostMaxFiles) {
   EXPECT_EQ(inventory, dir.File("run-2.log") + "\n" + dir.File("run-3.log") + "\n");
 }
 
+// The directory is made when missing; every line is stamped, and a line
+// that repeats is counted instead of filling the file.
 TEST(RollingTraceFile, TraceLinesReachTheFileTheSettingNames) {
   kzq_test::TempDir dir;
+  const std::string logs = dir.File("logs") + platform::PathSeparator() + "trace";
   platform::SetEnv("KPB_TRC1", "ERROR (UNIT:kzq FLOW)");
   platform::SetEnv("KPB_VARPREFIX", "");
-  platform::SetEnv("KPB_TRC1_LOG", dir.File("k_$(systask)_$(sysutcstart)-.log") + " INVENTORY=" +
-                                       dir.File("k.inv") + " COUNT=03 PRESERVE=0 LIMIT=1 MAXFILES=10");
+  platform::SetEnv("KPB_TRC1_LOG", logs + "/k_$(systask)_$(sysutcstart)-.log INVENTORY=" + logs +
+                                       "/k.inv COUNT=03 PRESERVE=0 LIMIT=1 MAXFILES=10");
   const std::string path = framework::StartTraceFromEnvironment("kzqagent");
   ASSERT_FALSE(path.empty());
   EXPECT_NE(path.find("k_kzqagent_2"), std::string::npos);
   EXPECT_EQ(path.substr(path.size() - 6), "-1.log");
   EXPECT_EQ(framework::TraceLevel(), framework::kTraceError | framework::kTraceFlow);
-  TRC1_Printf("hello %d\n", 42);
+  TRC1_Printf("hello %d", 42);
+  TRC1_Printf(" and more\n");
+  for (int i = 0; i < 40; ++i) TRC1_Printf("\t\tError in fgetws\n");
+  TRC1_Printf("bye\n");
   TRC1_Sync();
-  EXPECT_EQ(kzq_test::ReadFile(path), "hello 42\n");
+  const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
+  EXPECT_THAT(kzq_test::ReadFile(path),
+              FullyMatches(stamp + "hello 42 and more\n" + stamp + "\t\tError in fgetws\n" + stamp +
+                           "The trace line before came 39 more times\n" + stamp + "bye\n"));
   framework::SetTraceLevel(0);
 }
 

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 
 #include "kvc/kvcopts.h"
@@ -35,6 +36,31 @@ TEST(DiagnosticLog, LinePrefixIsUpperCasedIdLevelThenThreadId) {
                                        Tid() + "bare",
                                        "abc " + Tid() + "full stop: the id as it stands, no level",
                                        "KVC0003I " + Tid() + " *** vsprintf error **** "));
+  // Every line written begins with the local date and time.
+  std::istringstream raw(log.Text());
+  for (std::string line; std::getline(raw, line);)
+    EXPECT_THAT(line, FullyMatches("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} [^ ].*"));
+}
+
+TEST(DiagnosticLog, ARepeatedLineIsCountedNotWritten) {
+  LogCapture log;
+  for (int i = 0; i < 500; ++i) kvc::Log('e', "nsh0012", "failed with %d\n", 7);
+  kvc::Log('e', "nsh0012", "failed with %d\n", 8);
+  kvc::Log('e', "nsh0012", "failed with %d\n", 8);
+  kvc::Log('i', "abc0001", "done\n");
+  EXPECT_THAT(log.Lines(), ElementsAre("NSH0012E " + Tid() + "failed with 7",
+                                       "KVC0100I " + Tid() + "The line before came 499 more times",
+                                       "NSH0012E " + Tid() + "failed with 8",
+                                       "KVC0100I " + Tid() + "The line before came 1 more times",
+                                       "ABC0001I " + Tid() + "done"));
+}
+
+TEST(DiagnosticLog, OpeningAppendsToWhatTheOtherProgramWrote) {
+  LogCapture log;
+  kvc::Log('i', "abc0001", "collector started\n");
+  ASSERT_EQ(kvc::OpenLogFile(), 0);
+  kvc::Log('i', "abc0002", "agent started\n");
+  EXPECT_THAT(log.Lines(), ElementsAre(HasSubstr("collector started"), HasSubstr("agent started")));
 }
 
 TEST(DiagnosticLog, TraceLinesCarryTheLocalTime) {

@@ -15,9 +15,9 @@ class CommandLinePresets : public testing::Test {
  protected:
   void SetUp() override {
     for (const char* name : {"COLL_SERVERID", "TAVRA_LOG_PATH", "COLL_HOSTNAME"}) platform::SetEnv(name, "");
-    remove(kzq::kPresetErrorFile);
+    remove(kzq::PresetErrorFilePath().c_str());
   }
-  void TearDown() override { remove(kzq::kPresetErrorFile); }
+  void TearDown() override { remove(kzq::PresetErrorFilePath().c_str()); }
   static std::string Env(const char* name) { return platform::GetEnv(name).value_or("<unset>"); }
   static std::string Bin() { return std::string("opt") + platform::PathSeparator() + "bin" + platform::PathSeparator(); }
 };
@@ -30,7 +30,20 @@ TEST_F(CommandLinePresets, ServerIdLogPathAndHostComeFromTheLine) {
   int error = 0;
   EXPECT_EQ(Env("COLL_HOSTNAME"), platform::ComputerName(&error));
   platform::FileStatus st;
-  EXPECT_NE(platform::StatPath(kzq::kPresetErrorFile, &st), 0);
+  EXPECT_NE(platform::StatPath(kzq::PresetErrorFilePath(), &st), 0);
+
+}
+
+// An install directory with blanks is quoted by the service definition, and
+// a key may hold blanks too; a trace directory the service definition
+// already names is kept.
+TEST_F(CommandLinePresets, QuotedPathsWithBlanksAndAnInheritedTraceDirectory) {
+  const std::string line = "\"" + Bin() + "k z q" + platform::PathSeparator() +
+                           "kzqagent.exe\" -Hkey \"SOFTWARE\\Orvane\\kzq\\SQL 2\"";
+  platform::SetEnv("TAVRA_LOG_PATH", "/var/log/kzq/SQL2/trace");
+  EXPECT_EQ(kzq::ApplyCommandLinePresets(line.c_str()), "");
+  EXPECT_EQ(Env("COLL_SERVERID"), "SQL 2");
+  EXPECT_EQ(Env("TAVRA_LOG_PATH"), "/var/log/kzq/SQL2/trace");
 }
 
 TEST_F(CommandLinePresets, FailureStopsTheRestAndIsWrittenToTheErrorFile) {
@@ -39,7 +52,7 @@ TEST_F(CommandLinePresets, FailureStopsTheRestAndIsWrittenToTheErrorFile) {
   const std::string text = kzq::ApplyCommandLinePresets(lower.c_str());
   EXPECT_EQ(text, "\n Error in finding Server ID from s_hkeypart :");
   // Written in text mode: Windows ends the line with CR LF.
-  std::string written = kzq_test::ReadFile(kzq::kPresetErrorFile);
+  std::string written = kzq_test::ReadFile(kzq::PresetErrorFilePath());
   std::erase(written, '\r');
   EXPECT_EQ(written, text);
   EXPECT_EQ(Env("TAVRA_LOG_PATH"), "<unset>");

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/environment.h"
+#include "platform/service_probe.h"
 #include "tests/support/temp_dir.h"
 
 namespace kzq_test {
@@ -22,7 +23,7 @@ class ServiceSandbox {
     for (const char* name : {"KZQ_RUNTIME_DIR", "KZQ_CGROUP_ROOT", "KZQ_SERVICE_UNITS"}) platform::SetEnv(name, "");
   }
 
-  std::string PidFile(const std::string& service) const { return runtime_.File(service + ".pid"); }
+  std::string PidFile(const std::string& service) const { return platform::PidFilePath(service); }
   void WritePidFile(const std::string& service, const std::string& text) const { WriteFile(PidFile(service), text); }
 
   // The unit's cgroup below `hierarchy`, its cgroup.procs holding `procs`;

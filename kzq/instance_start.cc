@@ -1,0 +1,55 @@
+#include "kzq/instance_start.h"
+
+#include <cstdio>
+
+#include "kvc/kvcutil.h"
+#include "kzq/command_line_presets.h"
+#include "kzq/instance_names.h"
+#include "kzq/registry_environment.h"
+#include "platform/environment.h"
+#include "platform/process.h"
+
+namespace kzq {
+namespace {
+
+bool IsHkeyWord(const char* word) {
+  const char* expected = "-hkey";
+  for (; *word != '\0' && *expected != '\0'; ++word, ++expected)
+    if ((*word | 0x20) != *expected) return false;
+  return *word == '\0' && *expected == '\0';
+}
+
+std::string Env(const char* name) { return platform::GetEnv(name).value_or(""); }
+
+}  // namespace
+
+CommandLinePresets::CommandLinePresets() {
+  const std::string raw = platform::RawCommandLine();
+  error_ = ApplyCommandLinePresets(raw.empty() ? nullptr : raw.c_str());
+}
+
+void ImportHkeyArgument(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (IsHkeyWord(argv[i])) {
+      if (i + 1 < argc) ImportRegistryEnvironment(argv[i + 1]);
+      return;
+    }
+  }
+}
+
+bool OpenInstanceLog(const char* program, const CommandLinePresets& presets) {
+  kvc::Log('@', program, "%s", "");
+  if (kvc::OpenLogFile() != 0) {
+    fprintf(stderr, "%s: cannot open col.log in '%s'; diagnostic lines go to the console\n", program,
+            Env("KVCLOGDIR").c_str());
+    return false;
+  }
+  kvc::Log('i', "ctc5001", "%s (pid %u) starting for server '%s', collector service %s\n", program,
+           platform::CurrentProcessId(), Env("COLL_SERVERID").c_str(), CollectorServiceName().c_str());
+  const std::string& error = presets.error();
+  const size_t text = error.find_first_not_of(" \n");
+  if (text != std::string::npos) kvc::Log('w', "ctc5002", "Command line presets failed: %s\n", error.c_str() + text);
+  return true;
+}
+
+}  // namespace kzq

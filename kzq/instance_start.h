@@ -1,0 +1,31 @@
+// What both programs of an instance, the agent and the collector, do
+// first: take the command-line presets, import the instance's registry
+// settings, and open the diagnostic log that they share.
+#pragma once
+
+#include <string>
+
+namespace kzq {
+
+// Runs the command-line presets when constructed. A program defines one at
+// namespace scope, so that they are in the environment before main runs.
+class CommandLinePresets {
+ public:
+  CommandLinePresets();
+  // The text written to the presets' error file; empty when none was.
+  const std::string& error() const { return error_; }
+
+ private:
+  std::string error_;
+};
+
+// Imports the Environment values of the key that follows the first
+// "-hkey" (any case) among argv[1..].
+void ImportHkeyArgument(int argc, char** argv);
+
+// Opens col.log in KVCLOGDIR and notes the program's start there, with the
+// presets' failure when there was one. False, said on standard error, when
+// the log cannot be opened: the program still runs.
+bool OpenInstanceLog(const char* program, const CommandLinePresets& presets);
+
+}  // namespace kzq
