@@ -1,8 +1,10 @@
 // kzqcoll: the collector. Opens the channel for this server and answers
 // the agent's requests from a row source.
-//   kzqcoll [--service] [-Hkey "<key>"] --replay <directory> [--requests <n>]
+//   kzqcoll [-Hkey "<key>"] [--service] --replay <directory> [--requests <n>]
 // "-Hkey" names the instance's registry key, as for the agent: the
 // collector takes its server id and service number from the same place.
+// As for the agent, the server id is taken from the key only when "-Hkey"
+// follows the program's name.
 // With --service it runs under the service manager (the Windows service
 // control manager, or systemd with Type=notify); otherwise it runs until
 // Ctrl-C or SIGTERM.
@@ -37,7 +39,7 @@ Options g_options;
 std::unique_ptr<collector::RowSource> g_source;
 
 int Usage() {
-  fprintf(stderr, "usage: kzqcoll [--service] [-Hkey \"<key>\"] --replay <directory> [--requests <n>]\n");
+  fprintf(stderr, "usage: kzqcoll [-Hkey \"<key>\"] [--service] --replay <directory> [--requests <n>]\n");
   return 2;
 }
 

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "framework/trace_file.h"
+#include "kvc/kvcutil.h"
 #include "kvc/repeated_lines.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -35,10 +36,7 @@ std::string UtcStartText() {
 // Each line begins with the local date and time. A call may write part of
 // a line; only the text after a line end is stamped.
 std::string Stamped(std::string_view text) {
-  const platform::LocalTime now = platform::NowLocal();
-  char stamp[40];
-  snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%03d ", now.year, now.month, now.day, now.hour,
-           now.minute, now.second, now.millisecond);
+  const std::string stamp = kvc::TimeStamp();
   std::string out;
   for (size_t begin = 0; begin < text.size();) {
     if (g_at_line_start) out += stamp;

@@ -42,17 +42,45 @@ WriterState& Writer() {
   return *state;
 }
 
-platform::NamedLock* WriterLock() {
-  static platform::NamedLock* lock = [] {
+// Without the machine-wide lock (its runtime directory refused, say) the
+// writers of this process still take turns and no line is lost; only the
+// lines of two processes may then interleave.
+class ProcessOnlyLock final : public platform::NamedLock {
+ public:
+  bool TryLockFor(uint32_t timeout_ms) override {
+    const uint64_t deadline = platform::MonotonicMillis() + timeout_ms;
+    while (!mutex_.try_lock()) {
+      if (platform::MonotonicMillis() >= deadline) return false;
+      platform::SleepMillis(1);
+    }
+    return true;
+  }
+  void Unlock() override { mutex_.unlock(); }
+
+ private:
+  std::mutex mutex_;
+};
+
+struct WriterLockState {
+  platform::NamedLock* lock = nullptr;
+  std::string name;
+  int error = 0;  // why the machine-wide lock could not be had; said once
+};
+
+WriterLockState& WriterLockOf() {
+  static WriterLockState* state = [] {
+    auto* s = new WriterLockState;
     const std::string server = platform::GetEnv("COLL_SERVERID").value_or("");
     const std::string number = platform::GetEnv("COLL_SERVICENUMBER").value_or("");
-    char name[512];
-    snprintf(name, sizeof name, "LogMutex_%s_%s", server.c_str(), number.c_str());
-    int error = 0;
-    return platform::CreateNamedLock(name, &error).release();
+    s->name = "LogMutex_" + server + "_" + number;
+    s->lock = platform::CreateNamedLock(s->name, &s->error).release();
+    if (s->lock == nullptr) s->lock = new ProcessOnlyLock;
+    return s;
   }();
-  return lock;
+  return *state;
 }
+
+platform::NamedLock* WriterLock() { return WriterLockOf().lock; }
 
 struct LevelTraits {
   bool write = true;
@@ -114,16 +142,6 @@ std::string BuildPrefix(const char* id, const LevelTraits& traits) {
   return prefix;
 }
 
-// Every line starts with the local date and time to the millisecond, so
-// lines of the agent and the collector in one file can be put in order.
-std::string TimeStamp() {
-  const platform::LocalTime now = platform::NowLocal();
-  char text[40];
-  snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d ", now.year, now.month, now.day, now.hour,
-           now.minute, now.second, now.millisecond);
-  return text;
-}
-
 // Other processes append to the same file under the same lock, so every
 // write goes to the current end and is flushed before the lock is let go:
 // a line is never split by another writer.
@@ -174,8 +192,16 @@ void WriteLine(char level, const char* id, const char* message) {
 }
 
 void LogV(char level, const char* id, const char* location, const char* format, va_list args) {
-  platform::NamedLock* lock = WriterLock();
-  if (lock == nullptr || !lock->TryLockFor(kLockWaitMs)) return;
+  WriterLockState& state = WriterLockOf();
+  platform::NamedLock* lock = state.lock;
+  if (!lock->TryLockFor(kLockWaitMs)) return;
+  if (state.error != 0 && Writer().file != nullptr) {
+    char note[600];
+    snprintf(note, sizeof note, "The log lock %s cannot be created (error %d): lines of other processes may interleave\n",
+             state.name.c_str(), state.error);
+    state.error = 0;
+    WriteLine('w', "kvc0101", note);
+  }
   char message[8192];
   size_t used = 0;
   if (location != nullptr) used = static_cast<size_t>(snprintf(message, sizeof message, "%s ", location));
@@ -205,6 +231,14 @@ std::string InLogDirectory(const char* name) {
 }
 
 }  // namespace
+
+std::string TimeStamp() {
+  const platform::LocalTime now = platform::NowLocal();
+  char text[40];
+  snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d ", now.year, now.month, now.day, now.hour,
+           now.minute, now.second, now.millisecond);
+  return text;
+}
 
 void Log(char level, const char* id, const char* format, ...) {
   va_list args;
@@ -257,7 +291,7 @@ FILE* LogWrap(FILE* file, const char* name, int* counter) {
 int OpenLogFile() {
   const std::string path = InLogDirectory("col.log");
   platform::NamedLock* lock = WriterLock();
-  const bool locked = lock != nullptr && lock->TryLockFor(kLockWaitMs);
+  const bool locked = lock->TryLockFor(kLockWaitMs);
   WriterState& w = Writer();
   int rc = 1;
   // Appended to: the agent and the collector of a server share the file,

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string>
 
 #include "kvc/kvcopts.h"
 
@@ -25,6 +26,11 @@ namespace kvc {
 #endif
 
 void Log(char level, const char* id, const char* format, ...) KVC_PRINTF(3, 4);
+
+// "YYYY-MM-DD HH:MM:SS.mmm " in local time: what begins every line of the
+// logs an operator reads, so that lines of several processes and files can
+// be put in order.
+std::string TimeStamp();
 
 // As Log, for callers that pass their source position; with
 // COLL_TRACE_DETAIL on the position precedes the message.

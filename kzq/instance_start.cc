@@ -1,5 +1,6 @@
 #include "kzq/instance_start.h"
 
+#include <cctype>
 #include <cstdio>
 
 #include "kvc/kvcutil.h"
@@ -26,6 +27,9 @@ std::string Env(const char* name) { return platform::GetEnv(name).value_or(""); 
 CommandLinePresets::CommandLinePresets() {
   const std::string raw = platform::RawCommandLine();
   error_ = ApplyCommandLinePresets(raw.empty() ? nullptr : raw.c_str());
+  std::string lower = raw;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  keyed_ = lower.find("-hkey") != std::string::npos;
 }
 
 void ImportHkeyArgument(int argc, char** argv) {
@@ -48,7 +52,7 @@ bool OpenInstanceLog(const char* program, const CommandLinePresets& presets) {
            platform::CurrentProcessId(), Env("COLL_SERVERID").c_str(), CollectorServiceName().c_str());
   const std::string& error = presets.error();
   const size_t text = error.find_first_not_of(" \n");
-  if (text != std::string::npos) kvc::Log('w', "ctc5002", "Command line presets failed: %s\n", error.c_str() + text);
+  if (presets.keyed() && text != std::string::npos) kvc::Log('w', "ctc5002", "Command line presets failed: %s\n", error.c_str() + text);
   return true;
 }
 

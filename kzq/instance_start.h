@@ -14,9 +14,13 @@ class CommandLinePresets {
   CommandLinePresets();
   // The text written to the presets' error file; empty when none was.
   const std::string& error() const { return error_; }
+  // Whether the command line names a registry key at all; without one
+  // (a console start) the presets' failure is expected.
+  bool keyed() const { return keyed_; }
 
  private:
   std::string error_;
+  bool keyed_ = false;
 };
 
 // Imports the Environment values of the key that follows the first
@@ -24,7 +28,7 @@ class CommandLinePresets {
 void ImportHkeyArgument(int argc, char** argv);
 
 // Opens col.log in KVCLOGDIR and notes the program's start there, with the
-// presets' failure when there was one. False, said on standard error, when
+// presets' failure when a key was given. False, said on standard error, when
 // the log cannot be opened: the program still runs.
 bool OpenInstanceLog(const char* program, const CommandLinePresets& presets);
 

@@ -15,6 +15,7 @@
 #include "framework/serve/status_page.h"
 #include "framework/table_manager.h"
 #include "platform/clock.h"
+#include "platform/listen_socket.h"
 
 namespace framework {
 
@@ -229,6 +230,11 @@ std::unique_ptr<HttpEndpoint> HttpEndpoint::Start(const HttpSettings& settings, 
   impl->settings = settings;
   impl->cache = cache;
   Route(*impl);
+  // One agent per address: the library's default lets a second listener
+  // share the port and take half of its requests.
+  impl->server.set_socket_options([](socket_t socket) {
+    platform::MakeListenerExclusive(static_cast<uintptr_t>(socket));
+  });
   impl->port = settings.port == 0 ? impl->server.bind_to_any_port(settings.host)
                                   : (impl->server.bind_to_port(settings.host, settings.port) ? settings.port : -1);
   if (impl->port <= 0) {

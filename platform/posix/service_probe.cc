@@ -1,7 +1,10 @@
 #include "platform/service_probe.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -52,6 +55,18 @@ int ReadText(const std::string& path, std::string* text) {
   const int err = ferror(file) ? errno : 0;
   fclose(file);
   return err;
+}
+
+// A pid file counts only when this account or root wrote it, and never
+// through a link: in a directory others can reach, a planted file would
+// report a service that does not run. 0, or the errno of the refusal.
+int ReadPidFile(const std::string& path, std::string* text) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return errno == ELOOP ? EACCES : errno;
+  struct stat st {};
+  const bool trusted = fstat(fd, &st) == 0 && (st.st_uid == getuid() || st.st_uid == 0);
+  close(fd);
+  return trusted ? ReadText(path, text) : EACCES;
 }
 
 // A decimal process id with blanks around it; 0 for anything else.
@@ -108,7 +123,7 @@ ServiceProbe FromCgroup(const std::string& unit) {
 ServiceProbe QueryService(const char* name) {
   if (!UsableName(name)) return Failed(ServiceProbeStep::kOpenService, kErrInvalidName);
   std::string text;
-  const int err = ReadText(PidFilePath(name), &text);
+  const int err = ReadPidFile(PidFilePath(name), &text);
   if (err == 0) return FromPidFile(text);
   if (err != ENOENT) return Failed(ServiceProbeStep::kQueryStatus, posix::FromErrno(err));
   const std::optional<std::string> unit = posix::ServiceUnit(name);

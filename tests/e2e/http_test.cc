@@ -115,6 +115,7 @@ class Http : public testing::Test {
  protected:
   void SetUp() override {
     platform::SetEnv("COLL_HOME", home_.Path());
+    platform::SetEnv("KVCLOGDIR", home_.Path());
     platform::SetEnv("COLL_VERSION", "kvh");
     platform::SetEnv("COLL_ERRORLOG", log_.File("ERRORLOG"));
     platform::SetEnv("COLL_ALERT_SEV", "");
@@ -384,15 +385,42 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   EXPECT_EQ(answer["lines"][0]["title"], "Database Action");
 }
 
-TEST_F(Http, AnOpenAddressWithoutATokenIsRefusedAtStart) {
+// Neither program may look as if it ran when it cannot serve: each ends
+// with an exit code and says why in the log an operator reads.
+TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
   platform::SetEnv("KZQ_HTTP_LISTEN", "0.0.0.0:0");
   int error = 0;
   auto agent = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
                                       {home_.File("open.out")});
   ASSERT_NE(agent, nullptr) << error;
   EXPECT_EQ(agent->Wait(), 2);
-  EXPECT_THAT(kzq_test::ReadFile(home_.File("open.out")),
-              HasSubstr("refusing to listen on 0.0.0.0 without KZQ_HTTP_TOKEN"));
+  const std::string reason = "refusing to listen on 0.0.0.0 without KZQ_HTTP_TOKEN";
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("open.out")), HasSubstr(reason));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("KXA0001E"));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr(reason));
+
+  // A second agent on the address of a running one: two instances must
+  // never share a port and split its requests between them.
+  platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:0");
+  agent_ = StartAgent("first");
+  platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:" + std::to_string(agent_.port));
+  const std::string server = platform::GetEnv("COLL_SERVERID").value_or("");
+  platform::SetEnv("COLL_SERVERID", "second");
+  auto second = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
+                                       {home_.File("second.out")});
+  platform::SetEnv("COLL_SERVERID", server);
+  ASSERT_NE(second, nullptr) << error;
+  EXPECT_EQ(second->Wait(), 2) << kzq_test::ReadFile(home_.File("second.out"));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")),
+              HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(agent_.port)));
+
+  kzq_test::WriteFile(replay_.File("kzqdbs.jsonl"), "{\"NOSUCH\": 1}\n");
+  auto collector = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
+                                          &error, {home_.File("kzqcoll.out")});
+  ASSERT_NE(collector, nullptr) << error;
+  EXPECT_EQ(collector->Wait(), 3);
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("COL0003E"));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("kzqdbs.jsonl:1"));
 }
 
 // Runs kzqctl with the arguments; its exit code, output in *text.

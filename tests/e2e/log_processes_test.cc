@@ -73,6 +73,26 @@ TEST(LogAcrossProcesses, TwoWritersNeverInterleaveInsideALine) {
   EXPECT_EQ(next["B"], lines);
 }
 
+#ifndef _WIN32
+// A refused runtime directory (here a file) costs the lock between
+// processes, not the lines: they are still written, after a note saying why.
+TEST(LogAcrossProcesses, WithoutTheLockFileLinesAreStillWritten) {
+  kzq_test::TempDir dir;
+  platform::SetEnv("KVCLOGDIR", dir.Path());
+  kzq_test::WriteFile(dir.File("not-a-directory"), "");
+  platform::SetEnv("KZQ_RUNTIME_DIR", dir.File("not-a-directory"));
+  const std::string go = dir.File("go");
+  kzq_test::WriteFile(go, "");
+  auto writer = Start({WriterPath(), "write", "A", "3", go, dir.File("ready")});
+  platform::SetEnv("KZQ_RUNTIME_DIR", "");
+  ASSERT_TRUE(writer);
+  EXPECT_EQ(writer->Wait(), 0);
+  const std::string log = kzq_test::ReadFile(dir.File("col.log"));
+  EXPECT_THAT(log, HasSubstr("KVC0101W"));
+  EXPECT_THAT(log, HasSubstr("A 2 "));
+}
+#endif
+
 TEST(LogAcrossProcesses, HeldLockDropsLinesAndAKilledHolderReleasesIt) {
   kzq_test::LogCapture log;
   kzq_test::TempDir dir;

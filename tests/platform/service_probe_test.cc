@@ -11,6 +11,8 @@
 #include "platform/process.h"
 
 #ifndef _WIN32
+#include <unistd.h>
+
 #include "platform/posix/service_units.h"
 #include "tests/support/service_sandbox.h"
 #endif
@@ -91,6 +93,20 @@ TEST_F(ServiceProbePidFile, ComesBeforeTheUnitAndFailsTheQueryWhenUnreadable) {
   EXPECT_EQ(Said(QueryService("MSSQLSERVER")), "query status failed 31");
   std::filesystem::remove(sandbox_.PidFile("MSSQLSERVER"));
   EXPECT_EQ(Said(QueryService("MSSQLSERVER")), Running(kSelf));
+}
+
+// A pid file planted by another account, or a link to some other file,
+// does not make a service run.
+TEST_F(ServiceProbePidFile, APlantedFileOrLinkIsNotBelieved) {
+  const std::string elsewhere = sandbox_.PidFile("elsewhere");
+  kzq_test::WriteFile(elsewhere, kSelfText);
+  std::filesystem::create_symlink(elsewhere, sandbox_.PidFile("KZQCOLL1"));
+  EXPECT_EQ(Said(QueryService("KZQCOLL1")), "query status failed 5");
+  if (geteuid() != 0) return;  // only root can give a file to another account
+  std::filesystem::remove(sandbox_.PidFile("KZQCOLL1"));
+  sandbox_.WritePidFile("KZQCOLL1", kSelfText);
+  ASSERT_EQ(chown(sandbox_.PidFile("KZQCOLL1").c_str(), 4242, 4242), 0);
+  EXPECT_EQ(Said(QueryService("KZQCOLL1")), "query status failed 5");
 }
 
 TEST_F(ServiceProbePidFile, NamesThatCannotBeOneFileAreInvalid) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -42,6 +43,33 @@ TEST(FileSystem, CreatesEveryMissingLevelAndAcceptsExisting) {
   EXPECT_TRUE(st.is_directory);
   kzq_test::WriteFile(dir.File("plain"), "x");
   EXPECT_NE(platform::CreateDirectories(dir.File("plain")), 0);
+}
+
+// The runtime directory holds pid and lock files: it is made for this
+// account alone, and one that every account may write, or that is a link,
+// is refused rather than used.
+TEST(FileSystem, RuntimeDirectoryIsTheAccountsOwn) {
+  kzq_test::TempDir dir;
+  const std::string runtime = dir.File("run");
+  platform::SetEnv("KZQ_RUNTIME_DIR", runtime);
+  ASSERT_EQ(platform::PrepareRuntimeDirectory(), 0);
+  platform::FileStatus st;
+  EXPECT_EQ(platform::StatPath(runtime, &st), 0);
+  EXPECT_TRUE(st.is_directory);
+#ifndef _WIN32
+  EXPECT_EQ(std::filesystem::status(runtime).permissions(), std::filesystem::perms::owner_all);
+  std::filesystem::permissions(runtime, std::filesystem::perms::all);
+  EXPECT_EQ(platform::PrepareRuntimeDirectory(), 5);
+  std::filesystem::create_directory_symlink(dir.Path(), dir.File("link"));
+  platform::SetEnv("KZQ_RUNTIME_DIR", dir.File("link"));
+  EXPECT_EQ(platform::PrepareRuntimeDirectory(), 5);
+  // A file planted as a link is not written through.
+  platform::SetEnv("KZQ_RUNTIME_DIR", dir.Path());
+  std::filesystem::create_symlink(dir.File("target"), dir.File("KZQCOLL0.pid"));
+  EXPECT_NE(platform::WriteFileNoFollow(dir.File("KZQCOLL0.pid"), "1\n"), 0);
+  EXPECT_FALSE(std::filesystem::exists(dir.File("target")));
+#endif
+  platform::SetEnv("KZQ_RUNTIME_DIR", "");
 }
 
 TEST(Clock, LocalTimeRoundTripsThroughItsMoment) {

@@ -1,0 +1,304 @@
+// The systemd units of packaging/systemd as an administrator installs them:
+// the build installed with `cmake --install`, the units read from the
+// installed tree at test time, each program started with the command line,
+// environment, working directory and directories its unit gives it, and
+// the test playing systemd's part for Type=notify.
+//
+// The one liberty taken: the absolute paths the units name (/opt/kzq,
+// /etc/kzq, /run/kzq, /var/lib/kzq, /var/log/kzq) are moved into a scratch
+// root. User= and Group= cannot be switched here: both programs run as
+// whoever runs the test.
+#include <httplib.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/clock.h"
+#include "platform/process.h"
+#include "tests/e2e/service_manager.h"
+#include "tests/support/free_port.h"
+#include "tests/support/systemd_unit.h"
+#include "tests/support/temp_dir.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+using kzq_test::ServiceManager;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+constexpr uint64_t kPatience = 60000;  // ms
+// The search path systemd gives a service.
+constexpr const char* kServicePath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+// Where systemd makes each kind of directory a unit asks for.
+const std::vector<std::pair<std::string, std::string>> kUnitDirectories = {
+    {"RuntimeDirectory", "/run"},
+    {"StateDirectory", "/var/lib"},
+    {"LogsDirectory", "/var/log"},
+    {"ConfigurationDirectory", "/etc"}};
+
+// Waits until `done` holds or the deadline (monotonic ms) has passed.
+template <typename F>
+bool Before(uint64_t deadline, F done) {
+  while (!done()) {
+    if (platform::MonotonicMillis() > deadline) return false;
+    platform::SleepMillis(50);
+  }
+  return true;
+}
+
+// The environment and working directory systemd gives the started process
+// in place of the test's own, for the start alone. The sanitizers' settings
+// of the test run go along.
+class ServiceExecution {
+ public:
+  ServiceExecution(const std::vector<std::pair<std::string, std::string>>& environment, const std::string& directory)
+      : directory_(fs::current_path()) {
+    for (char** entry = environ; *entry != nullptr; ++entry) saved_.emplace_back(*entry);
+    clearenv();
+    setenv("PATH", kServicePath, 1);
+    for (const std::string& entry : saved_)
+      if (entry.find("SAN_OPTIONS=") != std::string::npos) Put(entry);
+    for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+    fs::current_path(directory);
+  }
+  ~ServiceExecution() {
+    clearenv();
+    for (const std::string& entry : saved_) Put(entry);
+    fs::current_path(directory_);
+  }
+
+ private:
+  static void Put(const std::string& entry) {
+    const size_t equals = entry.find('=');
+    setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
+  }
+  std::vector<std::string> saved_;
+  fs::path directory_;
+};
+
+// A loopback TCP socket bound to a port of the system's choosing, held
+// until the end of the test.
+class LoopbackSocket {
+ public:
+  LoopbackSocket() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+      port_ = ntohs(address.sin_port);
+  }
+  ~LoopbackSocket() { close(fd_); }
+  bool Listen() { return listen(fd_, 1) == 0; }
+  int Port() const { return port_; }
+
+ private:
+  int fd_;
+  int port_ = 0;
+};
+
+class InstalledUnits : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string install = std::string(KZQ_CMAKE_COMMAND) + " --install " + KZQ_BUILD_DIR + " --prefix " +
+                                Host("/opt/kzq") + " >" + root_.File("install.txt") + " 2>&1";
+    ASSERT_EQ(system(install.c_str()), 0) << kzq_test::ReadFile(root_.File("install.txt"));
+    // Where the README tells the administrator to put the rows.
+    const fs::path replay = Host("/etc/kzq/" + instance_ + "/replay");
+    fs::create_directories(replay);
+    for (const auto& entry : fs::directory_iterator(fs::path(KZQ_SOURCE_DIR) / "demo" / "replay"))
+      fs::copy_file(entry.path(), replay / entry.path().filename());
+  }
+  void TearDown() override {
+    // Shared areas and semaphores outlive their processes.
+    for (const auto& entry : fs::directory_iterator("/dev/shm"))
+      if (entry.path().filename().string().find("_" + instance_ + "KVC") != std::string::npos) fs::remove(entry);
+  }
+
+  // Where the scratch root holds a path the units name.
+  std::string Host(const std::string& path) const {
+    for (const char* moved : {"/opt/kzq", "/etc/kzq", "/run/kzq", "/var/lib/kzq", "/var/log/kzq"})
+      if (path.rfind(moved, 0) == 0) return root_.Path() + path;
+    return path;
+  }
+  // The instance's settings as the README places them.
+  void WriteRegistrySetting(const std::string& name, const std::string& value) const {
+    const fs::path key =
+        Host("/etc/kzq/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Orvane/kzq/" + instance_ + "/Environment");
+    fs::create_directories(key);
+    std::ofstream(key / ".values", std::ios::app) << name << " = sz:" << value << "\n";
+  }
+  void WriteEnvironmentFileSetting(const std::string& name, const std::string& value) const {
+    std::ofstream(Host("/etc/kzq/" + instance_ + ".env"), std::ios::app) << name << "=" << value << "\n";
+  }
+
+  kzq_test::SystemdUnit LoadUnit(const std::string& program) const {
+    std::string error;
+    const auto unit = kzq_test::SystemdUnit::Load(
+        Host("/opt/kzq/share/kzq/packaging/systemd/" + program + "@.service"), instance_, &error);
+    EXPECT_TRUE(unit.has_value()) << error;
+    return unit.value_or(kzq_test::SystemdUnit());
+  }
+
+  // Makes the directories the unit asks for, each with its mode.
+  void MakeDirectories(const kzq_test::SystemdUnit& unit) const {
+    for (const auto& [setting, base] : kUnitDirectories) {
+      const std::string mode = unit.Value(setting + "Mode");
+      for (const std::string& name : unit.Words(setting)) {
+        const fs::path dir = Host(base + "/" + name);
+        fs::create_directories(dir);
+        fs::permissions(dir, static_cast<fs::perms>(std::stoi(mode.empty() ? "0755" : mode, nullptr, 8)));
+      }
+    }
+  }
+
+  // Environment= first, then each environment file over it.
+  std::vector<std::pair<std::string, std::string>> UnitEnvironment(const kzq_test::SystemdUnit& unit) const {
+    std::vector<std::pair<std::string, std::string>> environment;
+    for (const auto& [name, value] : unit.Environment()) environment.emplace_back(name, Host(value));
+    for (const auto& file : unit.EnvironmentFiles()) {
+      if (!fs::exists(Host(file.path))) {
+        EXPECT_TRUE(file.optional) << file.path << " is missing";
+        continue;
+      }
+      std::string error;
+      const auto assignments = kzq_test::ParseEnvironmentFile(kzq_test::ReadFile(Host(file.path)), &error);
+      EXPECT_TRUE(assignments.has_value()) << file.path << ": " << error;
+      if (assignments) environment.insert(environment.end(), assignments->begin(), assignments->end());
+    }
+    return environment;
+  }
+
+  // Starts `program` (kzqagent, kzqcoll) as its unit says; nullptr when
+  // the unit cannot be read.
+  std::unique_ptr<ServiceManager> StartUnit(const std::string& program) {
+    const kzq_test::SystemdUnit unit = LoadUnit(program);
+    if (unit.Command().empty()) return nullptr;
+    MakeDirectories(unit);
+    std::vector<std::string> args;
+    for (const std::string& word : unit.Command()) args.push_back(Host(word));
+    const std::string executable = args.front();
+    args.erase(args.begin());
+    const fs::path work = root_.File("manager-" + program);
+    fs::create_directories(work);
+    auto manager = ServiceManager::Create(work.string());
+    const std::string directory = unit.Value("WorkingDirectory");
+    ServiceExecution execution(UnitEnvironment(unit), Host(directory.empty() ? "/" : directory));
+    EXPECT_TRUE(manager->Start(executable, args)) << manager->Log();
+    managers_[program] = manager.get();
+    return manager;
+  }
+
+  // What the manager saw of the program and what the program printed.
+  std::string Output(const std::string& program) const {
+    return managers_.at(program)->Log() + "output:\n" +
+           kzq_test::ReadFile(root_.File("manager-" + program + "/service-output.txt"));
+  }
+  std::string LogFile() const { return Host("/var/log/kzq/" + instance_ + "/col.log"); }
+
+  kzq_test::TempDir root_;
+  std::map<std::string, ServiceManager*> managers_;  // each owned by its test
+  const std::string instance_ = "U" + std::to_string(platform::CurrentProcessId());
+};
+
+Json GetJson(int port, const std::string& path) {
+  httplib::Client client("127.0.0.1", port);
+  client.set_read_timeout(60);
+  const auto result = client.Get(path);
+  if (!result || result->status != 200) return Json();
+  return Json::parse(result->body, nullptr, false);
+}
+
+// The DBNAME of every row of a replay file.
+std::vector<std::string> DatabaseNames(const std::string& replay_file) {
+  std::vector<std::string> names;
+  std::istringstream in(kzq_test::ReadFile(replay_file));
+  for (std::string line; std::getline(in, line);)
+    if (!line.empty() && line[0] == '{') names.push_back(Json::parse(line)["DBNAME"]);
+  return names;
+}
+
+std::vector<std::string> DatabaseNames(const Json& sample) {
+  std::vector<std::string> names;
+  if (sample.is_object())
+    for (const Json& row : sample["rows"]) names.push_back(row["DBNAME"]);
+  return names;
+}
+
+// The collector is probed as KZQCOLL0, the service number's default, and
+// found by the pid file it leaves in the shared runtime directory; both read
+// the server id from the instance's key, so they meet on one channel.
+TEST_F(InstalledUnits, AgentServesTheCollectorsRowsAndStopsOnSigterm) {
+  const int port = kzq_test::FreePort();
+  WriteRegistrySetting("KZQ_HTTP_LISTEN", "127.0.0.1:" + std::to_string(port));
+  auto collector = StartUnit("kzqcoll");
+  ASSERT_NE(collector, nullptr);
+  ASSERT_TRUE(collector->WaitFor(ServiceManager::kRunning, kPatience)) << Output("kzqcoll");
+  auto agent = StartUnit("kzqagent");
+  ASSERT_NE(agent, nullptr);
+  const uint64_t deadline = platform::MonotonicMillis() + kPatience;
+  ASSERT_TRUE(agent->WaitFor(ServiceManager::kRunning, kPatience)) << Output("kzqagent");
+  const std::vector<std::string> expected = DatabaseNames(Host("/etc/kzq/" + instance_ + "/replay/kzqdbd.jsonl"));
+  ASSERT_FALSE(expected.empty());
+  EXPECT_TRUE(Before(deadline, [&] { return DatabaseNames(GetJson(port, "/tables/KZQDBD")) == expected; }))
+      << GetJson(port, "/tables/KZQDBD").dump() << "\ncol.log:\n" << kzq_test::ReadFile(LogFile());
+  std::string metrics;
+  EXPECT_TRUE(Before(deadline, [&] {
+    httplib::Client client("127.0.0.1", port);
+    const auto scrape = client.Get("/metrics");
+    metrics = scrape ? scrape->body : "";
+    return metrics.find("service=\"KZQCOLL0\"} 1\n") != std::string::npos;
+  })) << metrics;
+  EXPECT_THAT(metrics, HasSubstr("kzq_collector_up{server_id=\"" + instance_ + "\""));
+  // Both programs write to the one col.log of the instance.
+  const std::string log = kzq_test::ReadFile(LogFile());
+  for (const char* program : {"kzqcoll", "kzqagent"})
+    EXPECT_THAT(log, ContainsRegex(std::string(program) + R"( \(pid [0-9]+\) starting for server ')" + instance_ +
+                                   "', collector service KZQCOLL0"));
+
+  ASSERT_TRUE(agent->Stop());
+  EXPECT_TRUE(agent->WaitFor(ServiceManager::kStopping, kPatience)) << Output("kzqagent");
+  EXPECT_EQ(agent->ExitCode(), 0) << Output("kzqagent");
+  ASSERT_TRUE(collector->Stop());
+  EXPECT_EQ(collector->ExitCode(), 0) << Output("kzqcoll");
+}
+
+// An agent whose endpoint cannot listen ends with a non-zero exit code, so
+// that systemd counts the start as failed (and Restart=on-failure retries).
+TEST_F(InstalledUnits, AgentStartFailsWhenItsPortIsTaken) {
+  LoopbackSocket taken;
+  ASSERT_TRUE(taken.Listen());
+  WriteEnvironmentFileSetting("KZQ_HTTP_LISTEN", "127.0.0.1:" + std::to_string(taken.Port()));
+
+  auto agent = StartUnit("kzqagent");
+  ASSERT_NE(agent, nullptr);
+  const bool stopped = agent->WaitFor(ServiceManager::kStopped, kPatience);
+  if (!stopped) agent->Stop();
+  EXPECT_TRUE(stopped) << "the agent kept running without its endpoint\n" << Output("kzqagent");
+  EXPECT_NE(agent->ExitCode(), 0) << Output("kzqagent");
+  EXPECT_THAT(kzq_test::ReadFile(LogFile()), HasSubstr("cannot listen on 127.0.0.1:"));
+}
+
+}  // namespace
