@@ -140,6 +140,11 @@ TEST_F(WindowsInstall, InstalledAsTheReadmeSaysItServesStopsFailsVisiblyAndIsRem
   HeldPort port;
   port.Release();
   SetSetting("KZQ_HTTP_LISTEN", port.Address());
+  // The collector answers from the instance's replay directory, which the
+  // installation keeps: the rows go where the configuration says.
+  std::filesystem::create_directories(data_ + "\\replay");
+  for (const auto& entry : std::filesystem::directory_iterator(std::string(KZQ_SOURCE_DIR) + "/demo/replay"))
+    std::filesystem::copy_file(entry.path(), std::filesystem::path(data_) / "replay" / entry.path().filename());
   std::string output;
   ASSERT_EQ(Cmd({Script(), instance_, install_}, &output), 0) << output;
 
@@ -147,10 +152,6 @@ TEST_F(WindowsInstall, InstalledAsTheReadmeSaysItServesStopsFailsVisiblyAndIsRem
   const std::string collector = CollectorService();
   EXPECT_TRUE(WaitForState(collector, "4  RUNNING")) << Query(collector);
   ASSERT_TRUE(WaitForState(agent_, "4  RUNNING")) << Query(agent_);
-  // The collector answers from the instance's replay directory; the rows
-  // are put where the installed configuration says.
-  for (const auto& entry : std::filesystem::directory_iterator(std::string(KZQ_SOURCE_DIR) + "/demo/replay"))
-    std::filesystem::copy_file(entry.path(), std::filesystem::path(data_) / "replay" / entry.path().filename());
   httplib::Client http("http://" + port.Address());
   std::string rows, metrics;
   EXPECT_TRUE(Eventually([&] {
