@@ -163,8 +163,10 @@ int ShareCommObject::SendRequest(const char* name, const std::vector<std::string
   }
   WriteField(view_, area::kReqName, area::kReqNameWidth, area::kReqNameChars, name);
   WriteField(view_, area::kReqUnique, area::kReqUniqueWidth, area::kReqUniqueWidth, *unique);
-  if (statement != nullptr)
-    WriteField(view_, area::kReqStatement, area::kReqStatementWidth, area::kReqStatementWidth - 1, statement);
+  // Written every time: a session id left from an earlier request would
+  // make a collector that honours it answer for the wrong session.
+  WriteField(view_, area::kReqStatement, area::kReqStatementWidth, area::kReqStatementWidth - 1,
+             statement != nullptr ? statement : "");
   memset(view_ + area::kReqAttributes, 0, area::kAttributeSlots * area::kAttributeSlotWidth);
   for (size_t i = 0; i < attributes.size() && i < area::kAttributeSlots; ++i)
     WriteField(view_, area::kReqAttributes + i * area::kAttributeSlotWidth, area::kAttributeSlotWidth,

@@ -39,7 +39,15 @@ std::string LowerName(const std::string& text) {
 // Bookkeeping the agent adds to every row, not a measurement.
 bool IsBookkeeping(const std::string& attribute) { return attribute == "sampleno" || attribute == "rowno"; }
 
-// The labels of each row: the identifying texts, and the row's position
+// A key's label value: a text as it stands, an integer in decimal (its
+// bytes are no text), nothing for a field without a value.
+std::string KeyText(const AttributeDescriptor& attribute, const unsigned char* row) {
+  if (attribute.type == kTextType) return TextField(attribute, row).value_or("");
+  const auto value = IntegerField(attribute, row);
+  return value ? std::to_string(*value) : std::string();
+}
+
+// The labels of each row: the identifying attributes, and the row's position
 // when they do not tell the rows apart.
 std::vector<std::vector<Label>> RowLabels(const CapturedSample& sample, const std::vector<Label>& base) {
   const std::vector<std::string> keys = IdentifyingAttributes(sample.table);
@@ -50,7 +58,7 @@ std::vector<std::vector<Label>> RowLabels(const CapturedSample& sample, const st
     std::vector<Label> labels = base;
     for (const AttributeDescriptor& a : sample.attributes)
       for (const std::string& key : keys)
-        if (key == a.name) labels.push_back({key, TextField(a, sample.Row(i)).value_or("")});
+        if (key == a.name) labels.push_back({key, KeyText(a, sample.Row(i))});
     unique = seen.insert(LabelText(labels)).second && unique;
     rows.push_back(std::move(labels));
   }

@@ -152,6 +152,16 @@ TEST_F(Channel, RequestReadTooLateIsDiscarded) {
   EXPECT_EQ(peer->Wait(), 3);
 }
 
+TEST_F(Channel, ARequestWithoutAStatementClearsTheOneBefore) {
+  std::string unique;
+  ASSERT_EQ(kvc::RequestEndpoint()->SendRequest("KZQSQL", {}, &unique, "SPID=7", 0), kvc::kCommOk);
+  kvc::RequestEndpoint()->Reset(kvc::kRequestArea);
+  ASSERT_EQ(kvc::RequestEndpoint()->SendRequest("KZQDBD", {}, &unique, nullptr, 0), kvc::kCommOk);
+  const unsigned char* view = static_cast<kvc::ShareCommObject*>(kvc::RequestEndpoint())->View();
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(view + kvc::area::kReqStatement)), "");
+  kvc::RequestEndpoint()->Reset(kvc::kRequestArea);
+}
+
 TEST_F(Channel, CollectorDyingMidAnswerTimesOutThenTheNextRequestWorks) {
   auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
   auto dying = StartPeer({"die", "5", "99000"});

@@ -131,6 +131,20 @@ TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTexts) {
   EXPECT_THAT(text, Not(HasSubstr("row=")));
 }
 
+// Several tables are keyed by numbers (a session id, a lock resource type):
+// their labels are the numbers in decimal, never the field's raw bytes.
+TEST_F(Metrics, IntegerKeysAreLabelledInDecimal) {
+  framework::PublishCatalogue(nlohmann::ordered_json::parse(R"([{"name":"kzqk","attributes":[
+      {"name":"dbname","type":9,"identifies":true},{"name":"pages","type":13,"identifies":true}]}])"));
+  framework::CapturedSample s = MakeSample("KZQK");
+  AddRow(&s, "master", "sa", 512, 12);
+  AddRow(&s, "sales", "bob", 64, 2);
+  memset(s.rows.data() + s.row_size + 22, 0xFF, 8);
+  const std::string text = Render(s);
+  EXPECT_THAT(text, HasSubstr("kzq_kzqk_dbsize{server_id=\"SQL\\\"1\",host=\"db01\",dbname=\"master\",pages=\"12\"} 512\n"));
+  EXPECT_THAT(text, HasSubstr("dbname=\"sales\",pages=\"\"} 64\n"));
+}
+
 TEST_F(Metrics, RowsTheirLabelsCannotTellApartGetTheirPosition) {
   framework::CapturedSample s = MakeSample("KZQT");
   AddRow(&s, "same", "a", 1, 1);
