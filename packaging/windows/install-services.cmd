@@ -63,9 +63,9 @@ if errorlevel 1 goto no_key
 reg add "HKLM\!KEY!\Environment" /v COLL_PREFIX /t REG_SZ /d kzq /f >nul
 if errorlevel 1 goto no_key
 
-rem -Hkey with a capital H and the key in quotes: both programs take the
-rem server id from this form of their command line.
-set "COLLECTOR_COMMAND=\"!DIR!\kzqcoll.exe\" --service -Hkey \"!KEY!\" --replay \"!DATA!\replay\""
+rem -Hkey with a capital H right after the program, the key in quotes: both
+rem programs take the server id from this form of their command line.
+set "COLLECTOR_COMMAND=\"!DIR!\kzqcoll.exe\" -Hkey \"!KEY!\" --service --replay \"!DATA!\replay\""
 set "AGENT_COMMAND=\"!DIR!\kzqagent.exe\" -Hkey \"!KEY!\""
 sc create "!COLLECTOR!" binPath= "!COLLECTOR_COMMAND!" start= auto DisplayName= "kzq collector (!INSTANCE!)"
 if errorlevel 1 exit /b 5

@@ -165,6 +165,8 @@ TEST_F(WindowsInstall, InstalledAsTheReadmeSaysItServesStopsFailsVisiblyAndIsRem
     return metrics.find("service=\"" + collector + "\"} 1") != std::string::npos;
   })) << metrics;
   EXPECT_THAT(ColLog(), Not(HasSubstr("presets failed")));
+  // The service's files are the instance's, not its working directory's.
+  EXPECT_TRUE(std::filesystem::exists(data_ + "\\logs\\agt.out"));
 
   // A stop ends the process by the time the manager shows it stopped.
   HANDLE agent = OpenProcess(SYNCHRONIZE, FALSE, AgentPid());
