@@ -17,7 +17,8 @@
 namespace kzq {
 namespace {
 
-// Signalled once; waited on by the service entry.
+// Signalled once, by the worker or the control handler's thread; waited on
+// by the service entry's thread.
 class Event {
  public:
   void Signal() {
