@@ -59,11 +59,9 @@ void AtExitQuit() {
   AVR_Shutdown(1);
 }
 
+// Console Ctrl-C and the service's stop alike: kxamain returns and the
+// agent's work ends before the exit routine shuts the channel.
 void StopAgent() { AVR_Shutdown(1); }
-
-// A service stop leaves the agent running: the process ends once the
-// service has reported stopped, and the exit routine closes the channel.
-void ServiceStopHook() {}
 
 int AgentMain(int argc, char** argv) {
   if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Entering AgentMain\n");
@@ -101,7 +99,7 @@ int main(int argc, char** argv) {
       break;
     }
   }
-  if (!console) return kzq::RunAsService(argc, argv, AgentMain, ServiceStopHook);
+  if (!console) return kzq::RunAsService(argc, argv, AgentMain, StopAgent);
   kvc::SetChannelConsoleMode(true);
   platform::InstallStopHandler(StopAgent);
   return AgentMain(argc, argv);

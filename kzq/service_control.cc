@@ -1,13 +1,15 @@
 #include "kzq/service_control.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <string>
 
-#include "platform/clock.h"
+#include "kvc/kvcutil.h"
 #include "platform/error.h"
 #include "platform/service_host.h"
 #include "platform/worker_thread.h"
@@ -15,8 +17,9 @@
 namespace kzq {
 namespace {
 
-// Signalled once by a stop control; waited on by the service entry.
-class StopEvent {
+// Signalled once, by the worker or the control handler's thread; waited on
+// by the service entry's thread.
+class Event {
  public:
   void Signal() {
     std::lock_guard<std::mutex> guard(lock_);
@@ -26,6 +29,10 @@ class StopEvent {
   void Wait() {
     std::unique_lock<std::mutex> guard(lock_);
     changed_.wait(guard, [this] { return signalled_; });
+  }
+  bool WaitFor(uint32_t millis) {
+    std::unique_lock<std::mutex> guard(lock_);
+    return changed_.wait_for(guard, std::chrono::milliseconds(millis), [this] { return signalled_; });
   }
 
  private:
@@ -38,10 +45,13 @@ int g_argc = 0;
 char** g_argv = nullptr;
 ServiceWork g_work = nullptr;
 void (*g_stop_hook)() = nullptr;
+// Written by the service entry before the worker starts, read at exit.
+std::string g_service_name;
 
 std::atomic<platform::ServiceStatusHandle> g_status_handle{nullptr};
-StopEvent g_stop_event;
-std::atomic<bool> g_stop_event_created{false};
+// Signalled by a stop or shutdown control, or by the work returning.
+Event g_end_requested;
+Event g_work_returned;
 std::mutex g_worker_lock;  // the control handler and the cleanup both reach for the worker
 std::unique_ptr<platform::WorkerThread> g_worker;
 // The error of this thread's last failed call, as the OS keeps it per thread.
@@ -49,12 +59,24 @@ thread_local int t_last_error = 0;
 // Written by one thread and polled by another.
 std::atomic<int> g_running{0};
 std::atomic<int> g_paused{0};
+std::atomic<bool> g_stop_requested{false};
+std::atomic<int> g_work_result{0};
+// Set when the service entry ends the process with g_exit_code; a process
+// exit without it was started from inside the work.
+std::atomic<bool> g_ending{false};
+std::atomic<int> g_exit_code{0};
+std::atomic<bool> g_stopped_reported{false};
 
-constexpr uint32_t kGraceMillis = 3000;
+// How long a stop waits for the work to return, in steps that each tell
+// the service manager the stop is still progressing.
+constexpr uint32_t kStopStepMillis = 2000;
+constexpr uint32_t kStopSteps = 10;
 
 int WorkerThreadBody() {
-  g_work(g_argc, g_argv);
+  g_work_result = g_work(g_argc, g_argv);
   g_running = 0;
+  g_work_returned.Signal();
+  g_end_requested.Signal();
   return 0;
 }
 
@@ -64,25 +86,52 @@ bool SuspendWorker(bool suspend) {
   return suspend ? g_worker->Suspend() : g_worker->Resume();
 }
 
+void ReportStopped(uint32_t win32_exit_code, uint32_t specific_exit_code) {
+  if (g_status_handle == nullptr || g_stopped_reported.exchange(true)) return;
+  ReportServiceStatus(platform::kServiceStopped, win32_exit_code, specific_exit_code, 0, 0);
+}
+
 void StopCleanup(int error) {
-  g_stop_event_created = false;
-  if (g_status_handle != nullptr) ReportServiceStatus(platform::kServiceStopped, static_cast<uint32_t>(error), 0, 0, 0);
+  ReportStopped(static_cast<uint32_t>(error), 0);
   std::lock_guard<std::mutex> guard(g_worker_lock);
   g_worker.reset();
+}
+
+// The service manager must hear of a failed start, and so must whoever
+// reads the diagnostic log.
+void ReportFailure(const std::string& text) {
+  kvc::Log('e', "ctc5010", "%s\n", text.c_str());
+  platform::ReportServiceFailure(g_service_name.c_str(), text);
+}
+
+// The last exit routine to run (it was registered before all others): the
+// stopped report is the service's last act before the process ends.
+void ReportStoppedAtExit() {
+  if (g_status_handle == nullptr || g_stopped_reported) return;
+  if (!g_ending) {
+    ReportFailure("Service " + g_service_name + " ended its process before it was stopped");
+    return ReportStopped(platform::kErrProcessAborted, 0);
+  }
+  ReportStopped(0, static_cast<uint32_t>(g_exit_code.load()));
 }
 
 // The refusal of a pause or continue that does not apply reports state 0,
 // which the service manager rejects; it has always done so.
 void ReportRefusal() { ReportServiceStatus(0, 0, 0, 0, 0); }
 
+void RequestStop() {
+  ReportServiceStatus(platform::kServiceStopPending, 0, 0, 1, 15000);
+  g_running = 0;
+  if (g_stop_requested.exchange(true)) return;
+  if (g_stop_hook != nullptr) g_stop_hook();
+  g_end_requested.Signal();
+}
+
 void OnControl(uint32_t control) {
   switch (control) {
     case platform::kControlStop:
-      ReportServiceStatus(platform::kServiceStopPending, 0, 0, 1, 15000);
-      g_running = 0;
-      if (g_stop_hook != nullptr) g_stop_hook();
-      if (g_stop_event_created) g_stop_event.Signal();
-      break;
+    case platform::kControlShutdown:
+      return RequestStop();
     case platform::kControlPause:
       if (g_running == 0 || g_paused != 0) return ReportRefusal();
       ReportServiceStatus(platform::kServicePausePending, 0, 0, 1, 1000);
@@ -98,14 +147,12 @@ void OnControl(uint32_t control) {
       ReportServiceStatus(platform::kServiceRunning, 0, 0, 0, 0);
       break;
     default:
-      // Shutdown is accepted but needs nothing: the process ends with the system.
       break;
   }
 }
 
 bool StartService() {
   if (!ReportServiceStatus(platform::kServiceStartPending, 0, 0, 1, 5000)) return false;
-  g_stop_event_created = true;
   if (!ReportServiceStatus(platform::kServiceStartPending, 0, 0, 2, 1000)) return false;
   {
     std::lock_guard<std::mutex> guard(g_worker_lock);
@@ -117,16 +164,43 @@ bool StartService() {
   return true;
 }
 
-void ServiceEntry() {
+// A stop lets the work finish (a paused worker is resumed for it), telling
+// the service manager the stop goes on; work that does not return in time
+// is ended with the process.
+bool FinishWork() {
+  if (g_paused.exchange(0) != 0) SuspendWorker(false);
+  for (uint32_t step = 1; step <= kStopSteps; ++step) {
+    if (g_work_returned.WaitFor(kStopStepMillis)) return true;
+    ReportServiceStatus(platform::kServiceStopPending, 0, 0, step + 1, 2 * kStopStepMillis);
+  }
+  return false;
+}
+
+// Ends the process with the work's result: the exit routines run first and
+// the stopped report last (ReportStoppedAtExit).
+[[noreturn]] void EndService() {
+  int code = g_work_result;
+  if (!g_stop_requested) {
+    if (code != 0)
+      ReportFailure("Service " + g_service_name + " stopped: its work ended by itself with " + std::to_string(code));
+    else
+      kvc::Log('w', "ctc5011", "Service %s stopped: its work ended by itself\n", g_service_name.c_str());
+  } else if (!FinishWork()) {
+    kvc::Log('w', "ctc5012", "Service %s stopped before its work finished\n", g_service_name.c_str());
+    code = 0;
+  }
+  g_exit_code = code;
+  g_ending = true;
+  exit(code);
+}
+
+void ServiceEntry(const char* name) {
+  g_service_name = name;
   g_status_handle = platform::RegisterServiceControlHandler(kServiceName, OnControl, &t_last_error);
   if (g_status_handle == nullptr) return StopCleanup(t_last_error);
   if (!StartService()) return StopCleanup(t_last_error);
-  g_stop_event.Wait();
-  // The worker gets a grace period to finish; the process ends it otherwise.
-  do {
-    platform::SleepMillis(kGraceMillis);
-  } while (g_running != 0);
-  StopCleanup(0);
+  g_end_requested.Wait();
+  EndService();
 }
 
 }  // namespace
@@ -148,6 +222,7 @@ int RunAsService(int argc, char** argv, ServiceWork work, void (*stop_hook)()) {
   g_argv = argv;
   g_work = work;
   g_stop_hook = stop_hook;
+  atexit(ReportStoppedAtExit);
   int error = 0;
   if (platform::RunServiceDispatcher(kServiceName, ServiceEntry, &error)) return 0;
   printf("In StartServiceCtrlDispatcher\nError number: %d\n", error);

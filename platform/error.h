@@ -29,6 +29,7 @@ inline constexpr int kErrKeyDeleted = 1018;
 inline constexpr int kErrServiceDoesNotExist = 1060;  // ERROR_SERVICE_DOES_NOT_EXIST
 inline constexpr int kErrNotStartedAsService = 1063;  // ERROR_FAILED_SERVICE_CONTROLLER_CONNECT
 inline constexpr int kErrServiceSpecific = 1066;
+inline constexpr int kErrProcessAborted = 1067;  // ERROR_PROCESS_ABORTED
 inline constexpr int kErrNoneMapped = 1332;  // no such account
 
 }  // namespace platform

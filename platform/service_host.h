@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace platform {
 
@@ -41,7 +42,9 @@ struct ServiceStatus {
 };
 
 using ServiceStatusHandle = void*;
-using ServiceEntry = void (*)();
+// The entry is handed the name the service manager started the service
+// under (Windows: the installed service's name; POSIX: the dispatcher's).
+using ServiceEntry = void (*)(const char* service_name);
 using ServiceControlHandler = void (*)(uint32_t control);
 
 // Hands the calling thread to the service manager: `entry` runs on a thread
@@ -58,5 +61,10 @@ ServiceStatusHandle RegisterServiceControlHandler(const char* name, ServiceContr
 // Tells the service manager the service's status; false with *error on
 // failure (13 for a state the manager does not know).
 bool SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status, int* error);
+
+// Tells the system's own log why the service failed: an error event from
+// the source named after the service in the Windows event log; on POSIX a
+// line on standard error, which systemd's journal records for the unit.
+void ReportServiceFailure(const char* service_name, const std::string& text);
 
 }  // namespace platform

@@ -14,9 +14,10 @@ class SharedLibrary {
 };
 
 // Loads the library of a base name the platform's way: "kzqsqld" is
-// LoadLibraryA("kzqsqld.dll") on Windows (the program's directory, the
-// system directories, then PATH) and dlopen("libkzqsqld.so") on POSIX
-// (LD_LIBRARY_PATH, then the system's library directories). Null when it
+// kzqsqld.dll in the executable's own directory on Windows, by full path
+// (never found through PATH or the working directory), and
+// dlopen("libkzqsqld.so") on POSIX (LD_LIBRARY_PATH, the run path, then the
+// system's library directories). Null when it
 // cannot be loaded; the library stays loaded while the object lives.
 std::unique_ptr<SharedLibrary> LoadSharedLibrary(const std::string& base_name);
 

@@ -27,6 +27,7 @@ struct HttpEndpoint::Impl {
   std::thread listener;
   int port = 0;
   std::atomic<bool> stopping{false};
+  std::atomic<bool> listener_done{false};
   std::atomic<int> event_consumers{0};
   std::mutex action_lock;  // one action at a time, so its log lines are its own
 };
@@ -256,7 +257,10 @@ std::unique_ptr<HttpEndpoint> HttpEndpoint::Start(const HttpSettings& settings, 
     return nullptr;
   }
   Impl* raw = impl.get();
-  impl->listener = std::thread([raw] { raw->server.listen_after_bind(); });
+  impl->listener = std::thread([raw] {
+    raw->server.listen_after_bind();
+    raw->listener_done = true;
+  });
   return std::unique_ptr<HttpEndpoint>(new HttpEndpoint(std::move(impl)));
 }
 
@@ -265,6 +269,9 @@ int HttpEndpoint::Port() const { return impl_->port; }
 void HttpEndpoint::Stop() {
   if (!impl_->listener.joinable()) return;
   impl_->stopping = true;
+  // The server stops only once it listens: a stop that came before would be
+  // lost and the listener would wait for connections for ever.
+  while (!impl_->server.is_running() && !impl_->listener_done) platform::SleepMillis(1);
   impl_->server.stop();
   impl_->listener.join();
 }

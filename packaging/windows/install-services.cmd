@@ -1,52 +1,106 @@
 @echo off
 rem Installs the kzq collector and agent of one SQL Server instance as
-rem Windows services that start with the system.
+rem Windows services that start with the system, or removes them.
 rem   install-services.cmd <instance> [<install directory>]
-rem The install directory defaults to the directory of this script; it must
-rem hold kzqagent.exe and kzqcoll.exe. The agent's settings are the values of
-rem HKLM\SOFTWARE\Orvane\kzq\<instance>\Environment; this script sets
-rem COLL_SERVERID there, and for take action COLL_BINPATH (where
-rem kyresql.cmd is) and COLL_PREFIX (the agent's temporary-file prefix). Remove with: install-services.cmd <instance> /remove
-setlocal
+rem   install-services.cmd <instance> /remove [/purge]
+rem The install directory holds kzqagent.exe and kzqcoll.exe (default: the
+rem directory of this script). The instance's settings are the values of
+rem HKLM\SOFTWARE\Orvane\kzq\<instance>\Environment; values already there
+rem are kept, so settings can be made before installing. The instance's
+rem data and logs live in %ProgramData%\kzq\<instance>, the collector's
+rem rows in its replay folder. /remove deletes both services and the key and
+rem leaves the data directory, which /purge deletes too.
+setlocal EnableExtensions DisableDelayedExpansion
 if "%~1"=="" goto usage
 set "INSTANCE=%~1"
 set "DIR=%~2"
-if "%DIR%"=="" set "DIR=%~dp0"
-if "%DIR:~-1%"=="\" set "DIR=%DIR:~0,-1%"
-set "AGENT=kzqagent_%INSTANCE%"
-set "COLLECTOR=kzqcoll_%INSTANCE%"
+set "OPTION=%~3"
 set "KEY=SOFTWARE\Orvane\kzq\%INSTANCE%"
+set "AGENT=kzqagent_%INSTANCE%"
+set "DATA=%ProgramData%"
+if not defined DATA set "DATA=%ALLUSERSPROFILE%"
+set "DATA=%DATA%\kzq\%INSTANCE%"
+rem Tests are "if errorlevel" lines, not || or &&, which some command
+rem interpreters get wrong. From here on values are expanded with !...!, which takes spaces, & ( )
+rem and other characters of a path as they are.
+setlocal EnableDelayedExpansion
+if /i "!DIR!"=="/remove" goto remove
+if not defined DIR set "DIR=%~dp0"
+if "!DIR:~-1!"=="\" set "DIR=!DIR:~0,-1!"
+if not exist "!DIR!\kzqagent.exe" (echo kzqagent.exe not found in "!DIR!"& exit /b 3)
+if not exist "!DIR!\kzqcoll.exe" (echo kzqcoll.exe not found in "!DIR!"& exit /b 3)
+sc query "!AGENT!" >nul 2>&1
+if not errorlevel 1 (echo !AGENT! is installed already: remove it first& exit /b 6)
 
-if /i "%~2"=="/remove" goto remove
-if not exist "%DIR%\kzqagent.exe" (echo kzqagent.exe not found in %DIR% & exit /b 3)
-if not exist "%DIR%\kzqcoll.exe" (echo kzqcoll.exe not found in %DIR% & exit /b 3)
+rem The collector's service is KZQCOLL<n>, n the lowest number no service has
+rem (sc query fails only for a service that does not exist).
+set /a N=0
+:next_number
+sc query "KZQCOLL!N!" >nul 2>&1
+if errorlevel 1 goto number_found
+set /a N+=1
+if !N! lss 100 goto next_number
+echo no free collector service name KZQCOLL0 to KZQCOLL99& exit /b 5
+:number_found
+set "COLLECTOR=KZQCOLL!N!"
 
-if not exist "%DIR%\replay" mkdir "%DIR%\replay"
-reg add "HKLM\%KEY%\Environment" /v COLL_SERVERID /t REG_SZ /d "%INSTANCE%" /f
-if errorlevel 1 exit /b 4
-reg add "HKLM\%KEY%\Environment" /v COLL_BINPATH /t REG_SZ /d "%DIR%" /f
-if errorlevel 1 exit /b 4
-reg add "HKLM\%KEY%\Environment" /v COLL_PREFIX /t REG_SZ /d kzq /f
-if errorlevel 1 exit /b 4
-sc create %COLLECTOR% binPath= "\"%DIR%\kzqcoll.exe\" --service --replay \"%DIR%\replay\"" start= auto DisplayName= "kzq collector (%INSTANCE%)"
+if not exist "!DATA!\logs\trace\" mkdir "!DATA!\logs\trace"
+if not exist "!DATA!\replay\" mkdir "!DATA!\replay"
+if not exist "!DATA!\logs\trace\" goto no_data
+if not exist "!DATA!\replay\" goto no_data
+reg add "HKLM\!KEY!\Environment" /v COLL_SERVERID /t REG_SZ /d "!INSTANCE!" /f >nul
+if errorlevel 1 goto no_key
+reg add "HKLM\!KEY!\Environment" /v COLL_SERVICENUMBER /t REG_SZ /d "!N!" /f >nul
+if errorlevel 1 goto no_key
+reg add "HKLM\!KEY!\Environment" /v COLL_HOME /t REG_SZ /d "!DATA!" /f >nul
+if errorlevel 1 goto no_key
+reg add "HKLM\!KEY!\Environment" /v KVCLOGDIR /t REG_SZ /d "!DATA!\logs" /f >nul
+if errorlevel 1 goto no_key
+reg add "HKLM\!KEY!\Environment" /v TAVRA_LOG_PATH /t REG_SZ /d "!DATA!\logs\trace" /f >nul
+if errorlevel 1 goto no_key
+reg add "HKLM\!KEY!\Environment" /v COLL_BINPATH /t REG_SZ /d "!DIR!" /f >nul
+if errorlevel 1 goto no_key
+reg add "HKLM\!KEY!\Environment" /v COLL_PREFIX /t REG_SZ /d kzq /f >nul
+if errorlevel 1 goto no_key
+
+rem -Hkey with a capital H right after the program, the key in quotes: both
+rem programs take the server id from this form of their command line.
+set "COLLECTOR_COMMAND=\"!DIR!\kzqcoll.exe\" -Hkey \"!KEY!\" --service --replay \"!DATA!\replay\""
+set "AGENT_COMMAND=\"!DIR!\kzqagent.exe\" -Hkey \"!KEY!\""
+sc create "!COLLECTOR!" binPath= "!COLLECTOR_COMMAND!" start= auto DisplayName= "kzq collector (!INSTANCE!)"
 if errorlevel 1 exit /b 5
-sc description %COLLECTOR% "Collects SQL Server instance %INSTANCE% state for the kzq agent."
-rem -Hkey with a capital H and the key in quotes: the agent reads its
-rem server id and log directory from this form of its command line.
-sc create %AGENT% binPath= "\"%DIR%\kzqagent.exe\" -Hkey \"%KEY%\"" start= auto depend= %COLLECTOR% DisplayName= "kzq agent (%INSTANCE%)"
+sc description "!COLLECTOR!" "Collects SQL Server instance !INSTANCE! state for the kzq agent."
+sc create "!AGENT!" binPath= "!AGENT_COMMAND!" start= auto depend= "!COLLECTOR!" DisplayName= "kzq agent (!INSTANCE!)"
 if errorlevel 1 exit /b 5
-sc description %AGENT% "Monitors SQL Server instance %INSTANCE% and publishes its state."
-sc start %COLLECTOR%
-sc start %AGENT%
+sc description "!AGENT!" "Monitors SQL Server instance !INSTANCE! and publishes its state."
+sc start "!COLLECTOR!"
+if errorlevel 1 exit /b 7
+sc start "!AGENT!"
+if errorlevel 1 exit /b 7
 exit /b 0
 
+:no_data
+echo cannot create the data directory "!DATA!"
+exit /b 4
+
+:no_key
+echo cannot write the settings under "HKLM\!KEY!\Environment"
+exit /b 4
+
 :remove
-sc stop %AGENT% >nul 2>&1
-sc stop %COLLECTOR% >nul 2>&1
-sc delete %AGENT%
-sc delete %COLLECTOR%
+set "N="
+for /f "tokens=1,2,*" %%a in ('reg query "HKLM\!KEY!\Environment" /v COLL_SERVICENUMBER 2^>nul') do (
+  if /i "%%a"=="COLL_SERVICENUMBER" set "N=%%c"
+)
+sc stop "!AGENT!" >nul 2>&1
+if defined N sc stop "KZQCOLL!N!" >nul 2>&1
+sc delete "!AGENT!"
+if defined N sc delete "KZQCOLL!N!"
+reg delete "HKLM\!KEY!" /f >nul 2>&1
+if /i "!OPTION!"=="/purge" if exist "!DATA!\" rmdir /s /q "!DATA!"
 exit /b 0
 
 :usage
-echo usage: install-services.cmd ^<instance^> [^<install directory^> ^| /remove]
+echo usage: install-services.cmd ^<instance^> [^<install directory^>]
+echo        install-services.cmd ^<instance^> /remove [/purge]
 exit /b 2

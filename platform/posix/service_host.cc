@@ -67,7 +67,7 @@ std::string StateText(const ServiceStatus& status) {
 
 }  // namespace
 
-bool RunServiceDispatcher(const char*, ServiceEntry entry, int* error) {
+bool RunServiceDispatcher(const char* name, ServiceEntry entry, int* error) {
   if (!UnderServiceManager()) {
     *error = kErrNotStartedAsService;
     return false;
@@ -77,8 +77,8 @@ bool RunServiceDispatcher(const char*, ServiceEntry entry, int* error) {
   for (int signal : {SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&controls, signal);
   pthread_sigmask(SIG_BLOCK, &controls, nullptr);  // before the entry's thread, which inherits it
   std::atomic<bool> entry_done{false};
-  std::thread service([entry, &entry_done] {
-    entry();
+  std::thread service([name, entry, &entry_done] {
+    entry(name);
     entry_done = true;
   });
   DeliverControls(controls, entry_done);
@@ -109,6 +109,11 @@ bool SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status, i
   if (rc > 0) return true;
   *error = rc == 0 ? kErrNotStartedAsService : posix::FromErrno(-rc);
   return false;
+}
+
+void ReportServiceFailure(const char* service_name, const std::string& text) {
+  fprintf(stderr, "%s: %s\n", service_name, text.c_str());
+  fflush(stderr);
 }
 
 }  // namespace platform

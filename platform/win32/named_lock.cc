@@ -4,6 +4,7 @@
 
 #include "platform/error.h"
 #include "platform/win32/errors.h"
+#include "platform/win32/object_names.h"
 
 namespace platform {
 namespace {
@@ -28,7 +29,10 @@ class MutexLock final : public NamedLock {
 }  // namespace
 
 std::unique_ptr<NamedLock> CreateNamedLock(const std::string& name, int* error) {
-  HANDLE mutex = CreateMutexA(nullptr, FALSE, name.c_str());
+  // Open to every account, as the channel's objects are: the agent's service
+  // and a collector run by a user share the log.
+  win32::OpenSecurity security;
+  HANDLE mutex = CreateMutexA(security.Attributes(), FALSE, win32::GlobalObjectName(name).c_str());
   if (mutex == nullptr) {
     *error = win32::LastError();
     return nullptr;

@@ -5,6 +5,7 @@
 #include "platform/common/sliced_wait.h"
 #include "platform/error.h"
 #include "platform/win32/errors.h"
+#include "platform/win32/object_names.h"
 
 namespace platform {
 namespace {
@@ -43,7 +44,7 @@ std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initi
                                          ObjectAccess access, int* error) {
   win32::ObjectSecurity security(access);
   HANDLE sem = CreateSemaphoreA(security.Attributes(),
-                                initial > 0 ? 1 : 0, 1, name.c_str());
+                                initial > 0 ? 1 : 0, 1, win32::GlobalObjectName(name).c_str());
   if (sem == nullptr) {
     *error = win32::LastError();
     return nullptr;

@@ -8,12 +8,14 @@ namespace platform {
 namespace {
 
 std::atomic<ServiceEntry> g_entry{nullptr};
+const char* g_dispatcher_name = "";
 std::atomic<ServiceControlHandler> g_handler{nullptr};
 
-// The service manager passes the service's own arguments; the entry takes
-// its configuration from the process's command line instead.
-void WINAPI ServiceMainTrampoline(DWORD, LPSTR*) {
-  if (ServiceEntry entry = g_entry.load()) entry();
+// The service manager passes the service's name and its start arguments;
+// the entry takes its configuration from the process's command line.
+void WINAPI ServiceMainTrampoline(DWORD argc, LPSTR* argv) {
+  const char* name = argc > 0 && argv[0] != nullptr ? argv[0] : g_dispatcher_name;
+  if (ServiceEntry entry = g_entry.load()) entry(name);
 }
 
 void WINAPI HandlerTrampoline(DWORD control) {
@@ -24,6 +26,7 @@ void WINAPI HandlerTrampoline(DWORD control) {
 
 bool RunServiceDispatcher(const char* name, ServiceEntry entry, int* error) {
   g_entry = entry;
+  g_dispatcher_name = name;
   SERVICE_TABLE_ENTRYA table[] = {{const_cast<LPSTR>(name), ServiceMainTrampoline}, {nullptr, nullptr}};
   if (StartServiceCtrlDispatcherA(table)) return true;
   *error = static_cast<int>(GetLastError());
@@ -49,6 +52,14 @@ bool SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status, i
   if (::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(handle), &raw)) return true;
   *error = static_cast<int>(GetLastError());
   return false;
+}
+
+void ReportServiceFailure(const char* service_name, const std::string& text) {
+  HANDLE source = RegisterEventSourceA(nullptr, service_name);
+  if (source == nullptr) return;
+  const char* strings[] = {text.c_str()};
+  ReportEventA(source, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, 1, 0, strings, nullptr);
+  DeregisterEventSource(source);
 }
 
 }  // namespace platform

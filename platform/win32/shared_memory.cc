@@ -4,6 +4,7 @@
 
 #include "platform/error.h"
 #include "platform/win32/errors.h"
+#include "platform/win32/object_names.h"
 
 namespace platform {
 namespace {
@@ -41,7 +42,7 @@ std::unique_ptr<SharedArea> OpenSharedArea(const std::string& name, size_t size,
   HANDLE mapping = CreateFileMappingA(
       INVALID_HANDLE_VALUE, security.Attributes(),
       PAGE_READWRITE, static_cast<DWORD>(static_cast<uint64_t>(mapped) >> 32),
-      static_cast<DWORD>(mapped), name.c_str());
+      static_cast<DWORD>(mapped), win32::GlobalObjectName(name).c_str());
   if (mapping == nullptr) {
     *error = win32::LastError();
     return nullptr;

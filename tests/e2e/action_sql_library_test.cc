@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -25,21 +26,47 @@ constexpr const char* kLibraryPath = "PATH";
 constexpr const char* kLibraryPath = "LD_LIBRARY_PATH";
 #endif
 
-// Runs the request in kvc_sql_runner with `library_dir` searched first for
-// the library; returns what the runner printed.
-std::string RunRequest(const std::string& library_dir, const std::string& request) {
+// The runner as the test starts it. Windows loads the library from the
+// program's own directory only, so there the runner is copied into a
+// directory of its own with the library of `library_dir` (if it has one)
+// beside it; POSIX finds the library through LD_LIBRARY_PATH.
+std::string PlacedRunner(const std::string& library_dir, const kzq_test::TempDir& place) {
+  const std::string runner = kzq_test::BuiltProgram("tests", "kvc_sql_runner");
+#ifdef _WIN32
+  const std::string copy = place.File("kvc_sql_runner.exe");
+  std::filesystem::copy_file(runner, copy);
+  const std::filesystem::path library = std::filesystem::path(library_dir) / "kzqsqld.dll";
+  if (std::filesystem::exists(library)) std::filesystem::copy_file(library, place.File("kzqsqld.dll"));
+  return copy;
+#else
+  (void)place;
+  (void)library_dir;
+  return runner;
+#endif
+}
+
+// Runs the request in kvc_sql_runner with its library taken from
+// `library_dir` and `path_dir` searched first for libraries; returns what
+// the runner printed.
+std::string RunRequest(const std::string& library_dir, const std::string& request,
+                       const std::string& path_dir) {
   kzq_test::TheActionSandbox();
-  kzq_test::TempDir out;
+  kzq_test::TempDir out, place;
+  const std::string runner = PlacedRunner(library_dir, place);
   const std::optional<std::string> saved = platform::GetEnv(kLibraryPath);
-  platform::SetEnv(kLibraryPath, library_dir + platform::PathListSeparator() + saved.value_or(""));
+  platform::SetEnv(kLibraryPath, path_dir + platform::PathListSeparator() + saved.value_or(""));
   int error = 0;
   platform::ProcessOptions options;
   options.output_file = out.File("runner.txt");
-  auto child = platform::StartProcess({kzq_test::BuiltProgram("tests", "kvc_sql_runner"), request}, &error, options);
+  auto child = platform::StartProcess({runner, request}, &error, options);
   platform::SetEnv(kLibraryPath, saved.value_or(""));
   if (child == nullptr) return "cannot start the runner: " + std::to_string(error);
   EXPECT_EQ(child->Wait(), 0);
   return kzq_test::ReadFile(options.output_file);
+}
+
+std::string RunRequest(const std::string& library_dir, const std::string& request) {
+  return RunRequest(library_dir, request, library_dir);
 }
 
 // How the runner prints a node of the chain.
@@ -75,5 +102,16 @@ TEST(SqlLibrary, MissingLibraryOrEntryIsLoggedAndGivesNoChain) {
   EXPECT_THAT(partial, HasSubstr("DLL routines not found"));
   EXPECT_THAT(partial, HasSubstr("NO CHAIN"));
 }
+
+#ifdef _WIN32
+// A library of that name in a directory of PATH is not the agent's: loading
+// it would run whatever was planted there in the service's account.
+TEST(SqlLibrary, OnWindowsOnlyTheLibraryBesideTheProgramIsLoaded) {
+  kzq_test::TempDir empty;
+  const std::string planted = RunRequest(empty.Path(), "select 1", LibraryDir("whole"));
+  EXPECT_THAT(planted, HasSubstr("UEX3047BW"));
+  EXPECT_THAT(planted, HasSubstr("NO CHAIN"));
+}
+#endif
 
 }  // namespace

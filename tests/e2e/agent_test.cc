@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -139,6 +138,23 @@ TEST_F(AgentProcess, ServiceReportsEachStateAndStopsOnTheStopControl) {
   EXPECT_EQ(manager->ExitCode(), 0) << manager->Log();
 }
 
+// A service that cannot serve does not stay reported as running: it stops
+// with its work's code, and col.log says why.
+TEST_F(AgentProcess, ServiceThatCannotServeStopsWithItsCodeAndTheReason) {
+#ifdef _WIN32
+  GTEST_SKIP() << "a Windows service does not inherit this process's settings; the installation test covers it";
+#endif
+  platform::SetEnv("KZQ_HTTP_LISTEN", "no-port-here");
+  auto manager = kzq_test::ServiceManager::Create(logs_.Path());
+  ASSERT_TRUE(manager->Start(Agent(), {"-serverid", "SQLF"})) << manager->Log();
+  platform::SetEnv("KZQ_HTTP_LISTEN", "");
+  EXPECT_TRUE(manager->WaitFor(kzq_test::ServiceManager::kStopped)) << manager->Log();
+  EXPECT_NE(manager->ExitCode(), 0) << manager->Log();
+  const std::string log = kzq_test::ReadFile(logs_.File("col.log"));
+  EXPECT_THAT(log, HasSubstr("no-port-here"));
+  EXPECT_THAT(log, HasSubstr("CTC5010E"));
+}
+
 TEST_F(AgentProcess, CollectorRunsAsAServiceToo) {
   kzq_test::TempDir replay;
   kzq_test::WriteFile(replay.File("kzqdbd.jsonl"), "{\"SERVERID\": \"SQL1\"}\n");
@@ -167,52 +183,5 @@ TEST_F(AgentProcess, ConsoleCollectorStopsOnRequestAndRemovesItsPidFile) {
   platform::FileStatus st;
   EXPECT_NE(platform::StatPath(pid_file, &st), 0);
 }
-
-#ifdef _WIN32
-// The installation script of packaging/ against the real service manager.
-class InstallScript : public AgentProcess {
- protected:
-  int Run(const std::vector<std::string>& args, std::string* output) {
-    std::vector<std::string> argv{"C:\\windows\\system32\\cmd.exe", "/c"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    int error = 0;
-    platform::ProcessOptions options;
-    options.output_file = logs_.File("script.txt");
-    auto child = platform::StartProcess(argv, &error, options);
-    if (child == nullptr) return -1;
-    const int rc = child->Wait();
-    *output = kzq_test::ReadFile(options.output_file);
-    return rc;
-  }
-  bool WaitForState(const std::string& service, const char* state) {
-    const uint64_t deadline = platform::MonotonicMillis() + 30000;
-    std::string output;
-    while (platform::MonotonicMillis() < deadline) {
-      Run({"sc", "query", service}, &output);
-      if (output.find(state) != std::string::npos) return true;
-      platform::SleepMillis(200);
-    }
-    return false;
-  }
-};
-
-TEST_F(InstallScript, InstallsAndStartsBothServicesThenRemovesThem) {
-  kzq_test::TempDir install;
-  for (const auto& [folder, name] : {std::pair{"kzq", "kzqagent"}, std::pair{"collector", "kzqcoll"}})
-    std::filesystem::copy_file(kzq_test::BuiltProgram(folder, name), install.File(std::string(name) + ".exe"));
-  // A cross-built tree under Wine has a POSIX source path: Wine shows it on drive Z.
-  std::string script = std::string(KZQ_SOURCE_DIR) + "/packaging/windows/install-services.cmd";
-  if (script[0] == '/') script = "Z:" + script;
-  std::replace(script.begin(), script.end(), '/', '\\');
-  const std::string instance = "KZQT" + std::to_string(platform::CurrentProcessId());
-  std::string output;
-  ASSERT_EQ(Run({script, instance, install.Path()}, &output), 0) << output;
-  EXPECT_TRUE(WaitForState("kzqcoll_" + instance, "4  RUNNING"));
-  EXPECT_TRUE(WaitForState("kzqagent_" + instance, "4  RUNNING"));
-  EXPECT_EQ(Run({script, instance, "/remove"}, &output), 0) << output;
-  Run({"sc", "query", "kzqagent_" + instance}, &output);
-  EXPECT_EQ(output.find("RUNNING"), std::string::npos) << output;
-}
-#endif
 
 }  // namespace

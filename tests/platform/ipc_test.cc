@@ -45,10 +45,11 @@ TEST(SharedArea, SecondOpenSeesTheFirstWritesAndReports183) {
 }
 
 #ifdef _WIN32
-// The access list of a named mapping: its entries' count, and whether the
-// first names the running account.
+// The access list of a named mapping (in the global namespace, where the
+// layer puts it): its entries' count, and whether the first names the
+// running account.
 void AccessListOf(const std::string& name, int* entries, bool* first_is_me) {
-  HANDLE mapping = OpenFileMappingA(READ_CONTROL, FALSE, name.c_str());
+  HANDLE mapping = OpenFileMappingA(READ_CONTROL, FALSE, ("Global\\" + name).c_str());
   ASSERT_NE(mapping, nullptr);
   ACL* dacl = nullptr;
   PSECURITY_DESCRIPTOR descriptor = nullptr;
