@@ -113,14 +113,18 @@ Json StatusJson(const SampleCache& cache, int event_consumers) {
   Json tables = Json::array();
   Json recent = Json::array();
   for (TableManager* manager : TableManager::Registered()) {
-    Json entry = {{"name", manager->Table()}, {"taken_at", nullptr}, {"rows", 0}, {"samples", 0}, {"errors", 0}};
+    Json entry = {{"name", manager->Table()}, {"taken_at", nullptr}, {"rows", 0},
+                  {"samples", 0},             {"errors", 0},        {"failure", nullptr}};
     auto it = snapshot.find(manager->Table());
     if (it != snapshot.end() && it->second.last) {
-      const CapturedSample& last = *it->second.last;
-      entry["taken_at"] = last.taken_at;
+      // What is shown is the last sample that got its data; a later one
+      // that did not says why.
+      const CapturedSample& last = it->second.last_good ? *it->second.last_good : *it->second.last;
+      if (it->second.last_good) entry["taken_at"] = last.taken_at;
       entry["rows"] = last.count;
       entry["samples"] = it->second.samples;
       entry["errors"] = it->second.failures;
+      if (!it->second.last->failure.empty()) entry["failure"] = it->second.last->failure;
       const Json* catalogue = CatalogueEntry(manager->Table());
       if (catalogue != nullptr && catalogue->value("sampling", "") == "pushed")
         for (int i = 0; i < last.count; ++i) recent.push_back(RowJson(last, i));

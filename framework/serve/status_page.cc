@@ -18,7 +18,7 @@ th{background:#f0f0f0}.up{color:#0a7d24;font-weight:bold}.down{color:#b3261e;fon
 <h1>kzq agent <span id="server"></span></h1><div id="note">loading...</div>
 <h2>Services</h2><table id="services"><thead><tr><th>role</th><th>service</th><th>state</th></tr></thead><tbody></tbody></table>
 <h2>Error events</h2><table id="events"><thead><tr><th>time</th><th>error</th><th>severity</th><th>message</th></tr></thead><tbody></tbody></table>
-<h2>Tables</h2><table id="tables"><thead><tr><th>table</th><th>last sample</th><th class="num">rows</th><th class="num">samples</th><th class="num">errors</th></tr></thead><tbody></tbody></table>
+<h2>Tables</h2><table id="tables"><thead><tr><th>table</th><th>last sample</th><th class="num">rows</th><th class="num">samples</th><th class="num">errors</th><th>last failure</th></tr></thead><tbody></tbody></table>
 <script>
 "use strict";
 const token = new URLSearchParams(location.search).get("access_token");
@@ -33,6 +33,7 @@ function showStatus(s) {
     const r = tables.insertRow(); r.id = "table-" + t.name;
     cell(r, t.name); cell(r, t.taken_at ? new Date(t.taken_at * 1000).toLocaleString() : "not yet");
     cell(r, t.rows, "num"); cell(r, t.samples, "num"); cell(r, t.errors, "num", t.errors ? "down" : "");
+    cell(r, t.failure || "", t.failure ? "down" : "");
   }
   document.getElementById("note").textContent = "updated " + new Date().toLocaleTimeString();
 }

@@ -490,7 +490,7 @@ TEST_F(Http, AGoneCollectorShowsAsFailureNotAsOldOrEmptyData) {
   const Json failed = GetJson(agent_.Url(), "/tables/KZQDBD", 503);
   EXPECT_EQ(failed["status"], "failed");
   // No answer, or the channel busy with the scheduler's exchanges that run out their time-out.
-  EXPECT_THAT(failed["reason"].get<std::string>(), testing::ContainsRegex("no answer from the collector|busy"));
+  EXPECT_THAT(failed["reason"].get<std::string>(), HasSubstr("collector"));
   std::string text;
   EXPECT_EQ(Kzqctl("--url|" + agent_.Url() + "|sample|KZQDBD", home_.File("ctl"), &text), 1);
   EXPECT_THAT(text, HasSubstr("the agent answered 503: "));
