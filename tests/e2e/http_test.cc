@@ -410,15 +410,20 @@ TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
   platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:0");
   agent_ = StartAgent("first");
   platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:" + std::to_string(agent_.port));
+  // It also wraps col.log after its second line, as COLL_WRAPLINES says.
   const std::string server = platform::GetEnv("COLL_SERVERID").value_or("");
   platform::SetEnv("COLL_SERVERID", "second");
+  platform::SetEnv("COLL_WRAPLINES", "2");
   auto second = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
                                        {home_.File("second.out")});
   platform::SetEnv("COLL_SERVERID", server);
+  platform::SetEnv("COLL_WRAPLINES", "");
   ASSERT_NE(second, nullptr) << error;
   EXPECT_EQ(second->Wait(), 2) << kzq_test::ReadFile(home_.File("second.out"));
-  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")),
-              HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(agent_.port)));
+  const std::string wrapped = kzq_test::ReadFile(home_.File("col.log"));
+  EXPECT_THAT(wrapped, HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(agent_.port)));
+  EXPECT_THAT(wrapped, HasSubstr("File wrapped"));
+  EXPECT_THAT(wrapped, testing::Not(HasSubstr("refusing to listen on 0.0.0.0")));  // the lines before the wrap are gone
 
   kzq_test::WriteFile(replay_.File("kzqdbs.jsonl"), "{\"NOSUCH\": 1}\n");
   auto collector = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
