@@ -13,6 +13,7 @@
 #include "platform/environment.h"
 #include "platform/process.h"
 #include "tests/support/binaries.h"
+#include "tests/support/eventually.h"
 #include "tests/support/free_port.h"
 #include "tests/support/temp_dir.h"
 
@@ -22,12 +23,7 @@ using testing::HasSubstr;
 
 template <typename F>
 bool Within(uint64_t ms, F done) {
-  const uint64_t deadline = platform::MonotonicMillis() + ms;
-  while (!done()) {
-    if (platform::MonotonicMillis() > deadline) return false;
-    platform::SleepMillis(100);
-  }
-  return true;
+  return kzq_test::Eventually(done, ms, 100);
 }
 
 std::string BuildTree() {

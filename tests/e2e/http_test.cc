@@ -32,6 +32,7 @@
 #include "platform/process.h"
 #include "tests/support/binaries.h"
 #include "tests/support/errorlog_writer.h"
+#include "tests/support/eventually.h"
 #ifndef _WIN32
 #include "tests/support/free_port.h"
 #endif
@@ -49,12 +50,7 @@ const kzq_test::LogClock kLogStart{2026, 11, 23, 9, 0, 0, 0};
 // Waits until `done` holds or the patience runs out.
 template <typename F>
 bool Eventually(F done, uint64_t patience = kPatience) {
-  const uint64_t deadline = platform::MonotonicMillis() + patience;
-  while (!done()) {
-    if (platform::MonotonicMillis() > deadline) return false;
-    platform::SleepMillis(20);
-  }
-  return true;
+  return kzq_test::Eventually(done, patience);
 }
 
 // One running agent and the port its endpoint took.

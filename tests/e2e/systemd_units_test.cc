@@ -33,6 +33,7 @@
 #include "platform/clock.h"
 #include "platform/process.h"
 #include "tests/e2e/service_manager.h"
+#include "tests/support/eventually.h"
 #include "tests/support/free_port.h"
 #include "tests/support/systemd_unit.h"
 #include "tests/support/temp_dir.h"
@@ -60,11 +61,8 @@ const std::vector<std::pair<std::string, std::string>> kUnitDirectories = {
 // Waits until `done` holds or the deadline (monotonic ms) has passed.
 template <typename F>
 bool Before(uint64_t deadline, F done) {
-  while (!done()) {
-    if (platform::MonotonicMillis() > deadline) return false;
-    platform::SleepMillis(50);
-  }
-  return true;
+  const uint64_t now = platform::MonotonicMillis();
+  return kzq_test::Eventually(done, deadline > now ? deadline - now : 0, 50);
 }
 
 // The environment and working directory systemd gives the started process

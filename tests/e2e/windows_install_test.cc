@@ -19,6 +19,7 @@
 #include "platform/environment.h"
 #include "platform/process.h"
 #include "tests/support/binaries.h"
+#include "tests/support/eventually.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -30,12 +31,7 @@ constexpr uint64_t kPatience = 60000;  // ms; service starts under Wine are slow
 
 template <typename F>
 bool Eventually(F done) {
-  const uint64_t deadline = platform::MonotonicMillis() + kPatience;
-  while (!done()) {
-    if (platform::MonotonicMillis() > deadline) return false;
-    platform::SleepMillis(200);
-  }
-  return true;
+  return kzq_test::Eventually(done, kPatience, 200);
 }
 
 // A loopback port held by a listener of this test until Release().
