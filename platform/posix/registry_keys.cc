@@ -202,6 +202,31 @@ int LoadValues(const std::string& dir, ValuesDocument* document) {
   return kOk;
 }
 
+int LoadValuesOnce(const std::string& dir, const ValuesDocument** document) {
+  struct Kept {
+    std::string dir;
+    struct stat file {};
+    ValuesDocument values;
+  };
+  thread_local Kept kept;
+  struct stat st {};
+  const bool exists = stat((dir + "/" + kValuesFile).c_str(), &st) == 0;
+  const bool same = exists && kept.dir == dir && st.st_dev == kept.file.st_dev && st.st_ino == kept.file.st_ino &&
+                    st.st_size == kept.file.st_size && st.st_mtim.tv_sec == kept.file.st_mtim.tv_sec &&
+                    st.st_mtim.tv_nsec == kept.file.st_mtim.tv_nsec;
+  if (!same) {
+    kept.dir.clear();
+    kept.values = ValuesDocument();
+    if (const int rc = LoadValues(dir, &kept.values); rc != kOk) return rc;
+    if (exists) {
+      kept.dir = dir;
+      kept.file = st;
+    }
+  }
+  *document = &kept.values;
+  return kOk;
+}
+
 int ChangeValues(const std::string& dir, const std::function<int(ValuesDocument&)>& change) {
   const int lock = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (lock < 0) return FromErrno(errno);

@@ -44,6 +44,13 @@ int FindSubkey(const std::string& dir, std::string_view name, std::string* entry
 // Lines that do not parse are reported to the problem sink and kept.
 int LoadValues(const std::string& dir, ValuesDocument* document);
 
+// As LoadValues, for a caller that asks for one value after another (an
+// enumeration): the file last read by this thread is kept while it is
+// unchanged (same file, size and modification time), so a key of n values
+// is read once rather than n times. The document stays valid until this
+// thread's next call.
+int LoadValuesOnce(const std::string& dir, const ValuesDocument** document);
+
 // Applies `change` to the key's values under an exclusive lock on its
 // directory, then replaces the values file with a temporary file renamed
 // over it, so readers see the old file or the new one and never a part. A

@@ -190,11 +190,11 @@ int WriteRegistryValue(RegistryKey key, const char* name, uint32_t type, const v
 int EnumRegistryValue(RegistryKey key, uint32_t index, char* name, uint32_t* name_size,
                       uint32_t* type, void* data, uint32_t* data_size) {
   OpenKey open;
-  ValuesDocument values;
+  const ValuesDocument* values = nullptr;
   int rc = Resolve(key, kKeyQueryValue, &open);
-  if (rc == kOk) rc = posix::LoadValues(open.dir, &values);
+  if (rc == kOk) rc = posix::LoadValuesOnce(open.dir, &values);
   if (rc != kOk) return rc;
-  const StoredValue* value = values.At(index);
+  const StoredValue* value = values->At(index);
   if (value == nullptr) return kErrNoMoreItems;
   rc = CopyName(value->name, name, name_size);
   return rc == kOk ? CopyData(*value, type, data, data_size) : rc;

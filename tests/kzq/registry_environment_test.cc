@@ -72,6 +72,19 @@ TEST_F(RegistryImport, WalksFromTheKeyUpToTheMakersRoot) {
   EXPECT_EQ(Env("KZQ_RE_ROOT"), "<unset>");  // the root's own values are not read
 }
 
+// A value longer than the enumeration's buffer (2048) is read whole, and the
+// values after it are still read: an agent once fell back to its default
+// port because a long value came before KZQ_HTTP_LISTEN.
+TEST_F(RegistryImport, ALongValueIsReadWholeAndTheRestStillRead) {
+  const std::string key = top_ + "\\long\\Environment";
+  const std::string long_text(5000, 'x');
+  Put(key, "KZQ_RE_A", long_text.c_str());
+  Put(key, "KZQ_RE_B", "after");
+  kzq::ImportRegistryEnvironment((top_ + "\\long").c_str());
+  EXPECT_EQ(Env("KZQ_RE_A"), long_text);
+  EXPECT_EQ(Env("KZQ_RE_B"), "after");
+}
+
 TEST_F(RegistryImport, MissingKeyImportsNothing) {
   Put(top_ + "\\Environment", "KZQ_RE_B", "b");
   kzq::ImportRegistryEnvironment((top_ + "\\nope").c_str());
