@@ -376,6 +376,8 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   holder.set_bearer_token_auth("t0ken");
   EXPECT_EQ(holder.Get("/tables")->status, 200);
   EXPECT_EQ(anonymous.Get("/tables?access_token=t0ken")->status, 200);
+  EXPECT_EQ(anonymous.Post("/actions?access_token=t0ken", R"({"command": "echo hi"})", "application/json")->status,
+            401);
   EXPECT_EQ(holder.Post("/actions", R"({"command": 42})", "application/json")->status, 400);
   auto action = holder.Post("/actions", R"({"command": "echo hello from kzq"})", "application/json");
   ASSERT_TRUE(action);
