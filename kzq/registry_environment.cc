@@ -14,44 +14,31 @@ namespace kzq {
 namespace {
 
 constexpr uint32_t kNameBuffer = 128;
-constexpr uint32_t kDataBuffer = 2048;
-constexpr uint32_t kPathBuffer = 512;
 // An environment variable holds at most 32767 characters on Windows.
-constexpr uint32_t kMaxValueBytes = 32768;
+constexpr uint32_t kDataBuffer = 32768;
+constexpr uint32_t kPathBuffer = 512;
 
-// A value longer than the enumeration's buffer is read whole by its name;
-// false, with the reason logged, when it cannot be had.
-bool ReadLongValue(CRegistry& registry, const char* name, uint32_t size, uint32_t* type, std::string* text) {
-  std::vector<char> whole(static_cast<size_t>(size) + 1, '\0');
-  uint32_t whole_size = size;
-  if (size > kMaxValueBytes || registry.GetValue(name, whole.data(), type, &whole_size) != 0) {
-    kvc::Log('w', "reg0020", "Registry value %s (%u bytes) could not be read; the values after it are still read\n",
-             name, static_cast<unsigned>(size));
-    return false;
-  }
-  *text = whole.data();
-  return true;
-}
-
+// The buffer holds the longest value an environment variable can take, so
+// that a long value neither ends the import nor is cut; a value longer
+// still is skipped with a logged reason, and the values after it are read.
 void ExportEnvironmentValues(CRegistry& registry) {
   char name[kNameBuffer];
-  char data[kDataBuffer];
+  std::vector<char> data(kDataBuffer);
   uint32_t index = 0;
   for (;;) {
     uint32_t name_size = kNameBuffer;
     uint32_t data_size = kDataBuffer;
     uint32_t type = 0;
-    const uint32_t rc = registry.EnumVals(name, &name_size, data, &data_size, &type, &index, false);
-    std::string text;
+    const uint32_t rc = registry.EnumVals(name, &name_size, data.data(), &data_size, &type, &index, false);
     if (rc == CRegistry::kBufferTooSmall) {
-      if (!ReadLongValue(registry, name, data_size, &type, &text)) continue;
-    } else if (rc != 0) {
-      break;
-    } else {
-      data[kDataBuffer - 1] = '\0';
-      text = data;
+      kvc::Log('w', "reg0020", "Registry value %u of the Environment key is longer than %u bytes and is skipped\n",
+               static_cast<unsigned>(index), static_cast<unsigned>(kDataBuffer));
+      continue;
     }
+    if (rc != 0) break;
     if (type != platform::kRegSz && type != platform::kRegExpandSz) continue;
+    data[kDataBuffer - 1] = '\0';
+    const std::string text = data.data();
     const std::string value = type == platform::kRegExpandSz ? platform::ExpandEnvironmentText(text) : text;
     const std::string pair = std::string(name) + "=" + value;
     if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Setting environment variable %s", pair.c_str());
