@@ -49,6 +49,13 @@ CommandName Locate(const std::string& bin_path, const char* command) {
   return {bin_path + platform::PathSeparator(), command};
 }
 
+// The command's name travels to the interpreter as one word: one that
+// would be split or act on it (a pipe, a variable, a blank) is refused, so
+// a command can only run the program it names.
+bool RefusedName(const std::string& name) {
+  return name.empty() || name.find_first_of(std::string(" \t") + platform::ShellSpecialCharacters()) != std::string::npos;
+}
+
 bool FitsOnLine(const CommandName& command, const char* parms) {
   return command.directory.size() + strlen(parms) + kRedirectionAllowance <= kInlineLimit &&
          strpbrk(parms, platform::ShellSpecialCharacters()) == nullptr;
@@ -159,10 +166,19 @@ r_exec_chain* u_exec_in(const ExecPlaces& places, const char* command, const cha
   KVC_DEBUG_TRACE("uex3047", "Output filename : %s\n", files.output.c_str());
   KVC_DEBUG_TRACE("uex3047", "Input filename : %s\n", files.input.c_str());
 
+  if (RefusedName(name.name)) {
+    Log('e', "uex3060", "Command '%.64s' refused: its name holds a character the command interpreter acts on\n",
+        command);
+    const std::string text = "kzq: command '" + std::string(command) +
+                             "' refused: a command name may not hold blanks or characters the interpreter acts on";
+    return NewNode(text.data(), text.size());
+  }
   const bool inline_parms = FitsOnLine(name, parms);
   if (!inline_parms && !WriteParameters(files.input, parms)) return nullptr;
   const std::string line = platform::RedirectedCommandLine(
-      name.directory + name.name + " " + (inline_parms ? parms : "-filein " + files.input), files.output);
+      platform::QuotedPath(name.directory + name.name) + " " +
+          (inline_parms ? parms : "-filein " + platform::QuotedPath(files.input)),
+      files.output);
   KVC_DEBUG_TRACE("uex3047", "Command to execute %s\n", line.c_str());
 
   int error = 0;

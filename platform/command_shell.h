@@ -15,6 +15,11 @@ int RunShellCommand(const std::string& line, int* error);
 // output and error both going to `output_file`: "(command) 2>out 1>&2".
 std::string RedirectedCommandLine(const std::string& command, const std::string& output_file);
 
+// A path as one word of the interpreter's line: quoted when it holds a
+// blank or a character the interpreter would act on, so a directory such
+// as "C:\Program Files\kzq" stays one word.
+std::string QuotedPath(const std::string& path);
+
 // Characters that the interpreter would act on when they stand in the
 // arguments of "(cmd args)": arguments holding one of them must not be put
 // on the line as they are.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -58,6 +59,34 @@ TEST(ExecCommandName, PlainNamesComeFromTheBinDirectoryAtSignAndPathsAsGiven) {
   EXPECT_THAT(Exec("whereami", " "), ElementsAre("bin"));
   EXPECT_THAT(Exec("@whereami", " "), ElementsAre("path"));
   EXPECT_THAT(Exec(sandbox.path_dir + platform::PathSeparator() + "whereami", " "), ElementsAre("path"));
+}
+
+// A bin directory with blanks (as under "Program Files") still finds its
+// commands, and a name that would make the interpreter run something else
+// (a pipe, a variable) is refused with a line that says why.
+TEST(ExecCommandName, ABinDirectoryWithBlanksWorksAndAnInterpretedNameIsRefused) {
+  const auto& sandbox = kzq_test::TheActionSandbox();
+  kzq_test::TempDir dir;
+  const std::string bin = dir.File("b i n");
+  std::filesystem::copy(sandbox.bin, bin);
+  kvc::ExecPlaces places = kvc::CurrentExecPlaces();
+  places.bin_path = bin;
+  EXPECT_THAT(Texts(kvc::u_exec_in(places, "whereami", " ")), ElementsAre("bin"));
+  for (const char* name : {"@whereami|showargs", "@whereami&showargs", "who ami"})
+    EXPECT_THAT(Exec(name, " "), ElementsAre(HasSubstr("refused"))) << name;
+}
+
+// A variable named in the arguments reaches the command as written: the
+// interpreter never expands it (it could be the database password).
+TEST(ExecParameters, AreNeverExpandedByTheInterpreter) {
+  platform::SetEnv("KZQ_TEST_SECRET", "s3cret");
+  for (const char* parms : {"select %KZQ_TEST_SECRET%", "select $KZQ_TEST_SECRET", "select !KZQ_TEST_SECRET!"}) {
+    const std::vector<std::string> lines = Exec("showargs", parms);
+    ASSERT_FALSE(lines.empty()) << parms;
+    EXPECT_THAT(lines.back(), HasSubstr("KZQ_TEST_SECRET")) << parms;
+    for (const std::string& line : lines) EXPECT_THAT(line, testing::Not(HasSubstr("s3cret"))) << parms;
+  }
+  platform::SetEnv("KZQ_TEST_SECRET", "");
 }
 
 // How the parameters reach the command: on its line while they fit and
