@@ -45,13 +45,15 @@ int kvcaction(framework::TavraAutomationCapsule* capsule) {
   if (detail) TRC1_Printf("Entered kvcaction %s\n", text.c_str());
   printf("KVCACTION command=%s\n", text.c_str());
   const ActionCommand command = SplitActionCommand(text);
-  r_exec_chain* lines = u_exec(command.name.c_str(), command.arguments.c_str());
+  int exit_code = -1;
+  r_exec_chain* lines = u_exec(command.name.c_str(), command.arguments.c_str(), &exit_code);
   if (lines == nullptr) Report("no response", kLastLineTitle, detail);
   for (const r_exec_chain* line = lines; line != nullptr; line = line->next)
     Report(line->text, line->next == nullptr ? kLastLineTitle : " ", detail);
   free_exec_chain(lines);
-  // The command's own exit status is not reported: the lines say it all.
-  capsule->result = 0;
+  // The command's exit code: a failed command must not look like one that
+  // worked (-1: it could not be run, or was refused).
+  capsule->result = exit_code;
   if (capsule->table != nullptr) capsule->table->FinishedAutomationCommand(capsule);
   return 0;
 }

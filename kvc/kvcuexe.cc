@@ -115,14 +115,16 @@ r_exec_chain* ReadLines(const std::string& path) {
 }
 
 // Runs the command: the agent's own SQL requests in process, everything
-// else through the interpreter. -1 with *error set when nothing could run.
+// else through the interpreter. Returns the command's exit code; -1 with
+// *error set when nothing could run.
 int Run(const ExecPlaces& places, const char* command, const char* parms, const std::string& line,
         const ExecTempFiles& files, int* error) {
   if (IsAgentPrefix(places.prefix) && IsSqlCommand(command)) {
     *error = 0;
     return RunSqlRequest(parms, files.output.c_str());
   }
-  return platform::RunShellCommand(line, error);
+  const int status = platform::RunShellCommand(line, error);
+  return status == -1 && *error != 0 ? -1 : platform::ExitCodeOf(status);
 }
 
 platform::LocalTime UtcNow() {
@@ -156,9 +158,18 @@ ExecPlaces CurrentExecPlaces() {
   return places;
 }
 
-r_exec_chain* u_exec(const char* command, const char* parms) { return u_exec_in(CurrentExecPlaces(), command, parms); }
+r_exec_chain* u_exec(const char* command, const char* parms, int* exit_code) {
+  return u_exec_in(CurrentExecPlaces(), command, parms, exit_code);
+}
 
-r_exec_chain* u_exec_in(const ExecPlaces& places, const char* command, const char* parms) {
+r_exec_chain* u_exec_in(const ExecPlaces& given, const char* command, const char* parms, int* exit_code) {
+  // The default prefix is a path (the log directory and the user): only its
+  // last element can name a directory and files.
+  ExecPlaces places = given;
+  places.prefix = given.prefix.substr(given.prefix.find_last_of("\\/") + 1);
+  int unused = 0;
+  if (exit_code == nullptr) exit_code = &unused;
+  *exit_code = -1;
   KVC_DEBUG_TRACE("uex3010", "Cmd '%s'; Parms '%s'\n", command, parms);
   const CommandName name = Locate(places.bin_path, command);
   const std::string directory = PrepareExecTempDirectory(places.home, places.prefix, places.server_id);
@@ -184,10 +195,12 @@ r_exec_chain* u_exec_in(const ExecPlaces& places, const char* command, const cha
   int error = 0;
   const int status = Run(places, command, parms, line, files, &error);
   r_exec_chain* head = nullptr;
-  if (status == -1 && error != 0)
+  if (status == -1 && error != 0) {
     Log('w', "uex3048", "Command error '%.20s' errno=%d %s\n", line.c_str(), error, strerror(error));
-  else
+  } else {
     head = ReadLines(files.output);
+    *exit_code = status;
+  }
 
   if (IsAgentPrefix(places.prefix)) {
     CleanExecTempFiles(directory, places.prefix, platform::NowUnixMillis(), places.delete_interval_minutes);

@@ -20,8 +20,10 @@ struct r_exec_chain {
 // could not be run or printed nothing. Settings: COLL_BINPATH (the
 // directory a plain command name is taken from), COLL_HOME, COLL_PREFIX and
 // COLL_SERVERID (the temporary directory <home>/tmp/<prefix>/<server id>),
-// COLL_TMPFILE_DEL_INTERVAL. Free the chain with free_exec_chain.
-r_exec_chain* u_exec(const char* command, const char* parms);
+// COLL_TMPFILE_DEL_INTERVAL. Free the chain with free_exec_chain. With
+// `exit_code`, the command's exit code is stored there (-1 when it could
+// not be run or was refused).
+r_exec_chain* u_exec(const char* command, const char* parms, int* exit_code = nullptr);
 
 // Frees every node of a chain; null is allowed.
 void free_exec_chain(r_exec_chain* head);
@@ -30,7 +32,7 @@ void free_exec_chain(r_exec_chain* head);
 // configuration on each call.
 struct ExecPlaces {
   std::string home;
-  std::string prefix;  // the agent's file prefix: "kzq" keeps its files
+  std::string prefix;  // the agent's file prefix, one name: "kzq" keeps its files
   std::string server_id;
   std::string bin_path;
   int delete_interval_minutes = 2;
@@ -39,6 +41,7 @@ struct ExecPlaces {
 ExecPlaces CurrentExecPlaces();
 
 // u_exec with the given places.
-r_exec_chain* u_exec_in(const ExecPlaces& places, const char* command, const char* parms);
+r_exec_chain* u_exec_in(const ExecPlaces& places, const char* command, const char* parms,
+                        int* exit_code = nullptr);
 
 }  // namespace kvc

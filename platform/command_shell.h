@@ -11,6 +11,10 @@ namespace platform {
 // interpreter could not be run, with *error holding errno (0 otherwise).
 int RunShellCommand(const std::string& line, int* error);
 
+// The exit code of the command in a status RunShellCommand returned: the
+// code it exited with, or 128 + the signal that ended it (POSIX).
+int ExitCodeOf(int status);
+
 // The line that runs `command` (with its arguments) with its standard
 // output and error both going to `output_file`: "(command) 2>out 1>&2".
 std::string RedirectedCommandLine(const std::string& command, const std::string& output_file);

@@ -1,9 +1,16 @@
 #include "platform/command_shell.h"
 
+#include <sys/wait.h>
+
 namespace platform {
 
 std::string RedirectedCommandLine(const std::string& command, const std::string& output_file) {
   return "(" + command + ") 2>" + QuotedPath(output_file) + " 1>&2";
+}
+
+int ExitCodeOf(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : status;
 }
 
 // In single quotes nothing is special but the quote itself, which ends the

@@ -12,6 +12,8 @@ std::string RedirectedCommandLine(const std::string& command, const std::string&
   return "\"" + command + " 2>" + QuotedPath(output_file) + " 1>&2\"";
 }
 
+int ExitCodeOf(int status) { return status; }
+
 std::string QuotedPath(const std::string& path) {
   return path.find_first_of(" \t&()^%") == std::string::npos ? path : "\"" + path + "\"";
 }

@@ -131,6 +131,21 @@ TEST(ExecTempFiles, TheAgentsPrefixKeepsItsFilesNamedMonthDayYearFirst) {
   EXPECT_EQ(std::stoi(in[1].str().substr(4, 4)), utc.year);
 }
 
+// Unset, COLL_PREFIX is the log directory and the user: a path, of which
+// only the last element names the temporary directory and files (a whole
+// path there made every action answer nothing). The exit code comes back.
+TEST(ExecTempFiles, ThePrefixAsAPathStillWorksAndTheExitCodeComesBack) {
+  kzq_test::TheActionSandbox();
+  kvc::ExecPlaces places = kvc::CurrentExecPlaces();
+  kzq_test::TempDir logs;
+  places.prefix = logs.File("someone");
+  int exit_code = -1;
+  EXPECT_THAT(Texts(kvc::u_exec_in(places, "showargs", "x", &exit_code)), ElementsAre("args=x"));
+  EXPECT_EQ(exit_code, 0);
+  Texts(kvc::u_exec_in(places, "@kzqnosuchcommand", " ", &exit_code));
+  EXPECT_NE(exit_code, 0);
+}
+
 TEST(ExecTempFiles, AnyOtherPrefixRemovesItsFilesAtOnce) {
   kzq_test::TheActionSandbox();
   kzq_test::TempDir home;

@@ -50,18 +50,21 @@ class ActionHandler : public testing::Test {
     manager->CloseRequest(object);
     EXPECT_TRUE(capsule.finished);
     EXPECT_EQ(capsule.table, object);
-    EXPECT_EQ(capsule.result, 0);
+    last_result_ = capsule.result;
     std::vector<Entry> entries;
     for (const framework::ActionLogEntry& e : framework::ActionLogSince(before))
       entries.push_back({e.id, e.line, e.title});
     return entries;
   }
+
+  int last_result_ = -1;  // the exit code of the last command Execute ran
 };
 
 TEST_F(ActionHandler, EveryLineIsAnEntryInOrderAndTheLastOneIsTitled) {
   EXPECT_THAT(Execute("KZQSRVR", "printlines"),
               ElementsAre(Entry{"KVCACT002", "first line", " "}, Entry{"KVCACT002", "", " "},
                           Entry{"KVCACT002", "", " "}, Entry{"KVCACT002", "last line", "Database Action"}));
+  EXPECT_EQ(last_result_, 0);
 }
 
 TEST_F(ActionHandler, NoOutputIsOneNoResponseEntry) {
@@ -81,6 +84,7 @@ TEST_F(ActionHandler, KyresqlInAnyCaseRunsTheDatabaseActionScript) {
     ASSERT_EQ(entries.size(), 1u) << command;
     EXPECT_THAT(entries[0].line, HasSubstr("sqlcmd is not installed"));
     EXPECT_EQ(entries[0].title, "Database Action");
+    EXPECT_NE(last_result_, 0) << command;  // the script's failure is the action's result
   }
   EXPECT_EQ(kvc::SplitActionCommand("KYRESQL.CMD x").name, "KYRESQL.CMD");
 }
