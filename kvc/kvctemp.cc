@@ -31,7 +31,9 @@ std::string PrepareExecTempDirectory(const std::string& home, const std::string&
     KVC_DEBUG_TRACE("uex3011", "tmp directory exists : %s\n", tmp.c_str());
   if (platform::MakeDirectory(agent) == platform::kErrAlreadyExists)
     KVC_DEBUG_TRACE("uex3011", "temp agent directory exists : %s\n", agent.c_str());
-  if (platform::MakeDirectory(instance) == platform::kErrAlreadyExists)
+  // The commands' arguments and answers (a statement, its rows) are the
+  // service account's alone.
+  if (platform::MakePrivateDirectory(instance) == platform::kErrAlreadyExists)
     KVC_DEBUG_TRACE("uex3011", "agent instance tmp directory exists : %s\n", instance.c_str());
   return instance;
 }

@@ -31,6 +31,11 @@ int CreateDirectories(const std::string& path);
 // already exists, or another Windows error number.
 int MakeDirectory(const std::string& path);
 
+// As MakeDirectory, for a directory only the running account may enter
+// (POSIX mode 0700; Windows an access list with that account alone): what
+// is written in it (command arguments, answers) is nobody else's to read.
+int MakePrivateDirectory(const std::string& path);
+
 // The names of a directory's entries, "." and ".." left out, in no
 // particular order; empty when it cannot be read.
 std::vector<std::string> ListDirectory(const std::string& directory);

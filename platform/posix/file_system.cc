@@ -49,6 +49,11 @@ int MakeDirectory(const std::string& path) {
   return errno == EEXIST ? kErrAlreadyExists : posix::FromErrno(errno);
 }
 
+int MakePrivateDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), 0700) == 0) return kOk;
+  return errno == EEXIST ? kErrAlreadyExists : posix::FromErrno(errno);
+}
+
 std::vector<std::string> ListDirectory(const std::string& directory) {
   std::vector<std::string> names;
   DIR* dir = opendir(directory.c_str());

@@ -43,6 +43,12 @@ int MakeDirectory(const std::string& path) {
   return win32::LastError();
 }
 
+int MakePrivateDirectory(const std::string& path) {
+  win32::OwnerSecurity owner;
+  if (CreateDirectoryA(path.c_str(), owner.Attributes())) return kOk;
+  return win32::LastError();
+}
+
 std::vector<std::string> ListDirectory(const std::string& directory) {
   std::vector<std::string> names;
   WIN32_FIND_DATAA found;

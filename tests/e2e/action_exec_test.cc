@@ -117,6 +117,10 @@ TEST(ExecTempFiles, TheAgentsPrefixKeepsItsFilesNamedMonthDayYearFirst) {
   const auto& sandbox = kzq_test::TheActionSandbox();
   const std::vector<std::string> before = Entries(sandbox.TempDirectory());
   Exec("showargs", "kept(1)");
+#ifndef _WIN32
+  // Arguments and answers are the service account's alone.
+  EXPECT_EQ(std::filesystem::status(sandbox.TempDirectory()).permissions(), std::filesystem::perms::owner_all);
+#endif
   std::vector<std::string> added;
   for (const std::string& name : Entries(sandbox.TempDirectory()))
     if (std::find(before.begin(), before.end(), name) == before.end()) added.push_back(name);
