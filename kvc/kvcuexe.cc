@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "kvc/kvcenv.h"
 #include "kvc/kvcsqlib.h"
@@ -123,7 +125,8 @@ int Run(const ExecPlaces& places, const char* command, const char* parms, const 
     *error = 0;
     return RunSqlRequest(parms, files.output.c_str());
   }
-  const int status = platform::RunShellCommand(line, error);
+  const int status =
+      platform::RunShellCommand(line, error, static_cast<uint32_t>(places.timeout_seconds) * 1000u);
   return status == -1 && *error != 0 ? -1 : platform::ExitCodeOf(status);
 }
 
@@ -144,6 +147,14 @@ void TraceChain(const r_exec_chain* head) {
         node->text);
 }
 
+// COLL_ACTION_TIMEOUT in seconds: 0 for no limit; unset or not all digits,
+// two minutes. One command must never hold every later action.
+int ActionTimeoutSeconds() {
+  const std::string text = platform::GetEnv("COLL_ACTION_TIMEOUT").value_or("");
+  if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) return 120;
+  return atoi(text.c_str());
+}
+
 }  // namespace
 
 ExecPlaces CurrentExecPlaces() {
@@ -155,6 +166,7 @@ ExecPlaces CurrentExecPlaces() {
   places.server_id = platform::GetEnv("COLL_SERVERID").value_or("");
   places.bin_path = config.binPath != nullptr ? config.binPath : "";
   places.delete_interval_minutes = TempFileDeleteInterval();
+  places.timeout_seconds = ActionTimeoutSeconds();
   return places;
 }
 
@@ -195,7 +207,16 @@ r_exec_chain* u_exec_in(const ExecPlaces& given, const char* command, const char
   int error = 0;
   const int status = Run(places, command, parms, line, files, &error);
   r_exec_chain* head = nullptr;
-  if (status == -1 && error != 0) {
+  if (status == -1 && error == ETIMEDOUT) {
+    Log('w', "uex3049", "Command '%.64s' did not end within %d seconds and was stopped\n", command,
+        places.timeout_seconds);
+    head = ReadLines(files.output);
+    const std::string note = "kzq: the command did not end within " + std::to_string(places.timeout_seconds) +
+                             " seconds (COLL_ACTION_TIMEOUT) and was stopped";
+    r_exec_chain** tail = &head;
+    while (*tail != nullptr) tail = &(*tail)->next;
+    *tail = NewNode(note.data(), note.size());
+  } else if (status == -1 && error != 0) {
     Log('w', "uex3048", "Command error '%.20s' errno=%d %s\n", line.c_str(), error, strerror(error));
   } else {
     head = ReadLines(files.output);

@@ -36,6 +36,7 @@ struct ExecPlaces {
   std::string server_id;
   std::string bin_path;
   int delete_interval_minutes = 2;
+  int timeout_seconds = 120;  // COLL_ACTION_TIMEOUT: a command still running then is ended; 0 none
 };
 
 ExecPlaces CurrentExecPlaces();

@@ -2,14 +2,18 @@
 // on Windows, /bin/sh on POSIX.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace platform {
 
 // Flushes every C stream, then runs `line` through the interpreter and
-// waits for it. Returns the C library's `system` status; -1 when the
-// interpreter could not be run, with *error holding errno (0 otherwise).
-int RunShellCommand(const std::string& line, int* error);
+// waits for it, as the C library's `system` does, and returns its status
+// (ExitCodeOf tells the exit code). -1 when the interpreter could not be
+// run, with *error holding errno (0 otherwise). With `timeout_ms` above 0 a
+// command still running then is ended with every process it started (its
+// process group on POSIX, a job object on Windows): -1 with ETIMEDOUT.
+int RunShellCommand(const std::string& line, int* error, uint32_t timeout_ms = 0);
 
 // The exit code of the command in a status RunShellCommand returned: the
 // code it exited with, or 128 + the signal that ended it (POSIX).

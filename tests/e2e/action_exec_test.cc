@@ -15,6 +15,7 @@
 #include "platform/environment.h"
 #include "platform/file_system.h"
 #include "tests/e2e/action_sandbox.h"
+#include "tests/support/binaries.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -87,6 +88,23 @@ TEST(ExecParameters, AreNeverExpandedByTheInterpreter) {
     for (const std::string& line : lines) EXPECT_THAT(line, testing::Not(HasSubstr("s3cret"))) << parms;
   }
   platform::SetEnv("KZQ_TEST_SECRET", "");
+}
+
+// A command that never ends is stopped at COLL_ACTION_TIMEOUT, with what
+// it printed and a line that says so: one action must not hold every later
+// one. (The program here waits until it is killed.)
+TEST(Exec, ACommandThatRunsTooLongIsStopped) {
+  kzq_test::TheActionSandbox();
+  kvc::ExecPlaces places = kvc::CurrentExecPlaces();
+  places.timeout_seconds = 1;
+  kzq_test::TempDir dir;
+  int exit_code = 0;
+  const std::vector<std::string> lines = Texts(kvc::u_exec_in(
+      places, kzq_test::BuiltProgram("tests", "kvc_log_writer").c_str(), ("hold " + dir.File("ready")).c_str(),
+      &exit_code));
+  ASSERT_FALSE(lines.empty());
+  EXPECT_THAT(lines.back(), HasSubstr("did not end within 1 seconds"));
+  EXPECT_EQ(exit_code, -1);
 }
 
 // How the parameters reach the command: on its line while they fit and
