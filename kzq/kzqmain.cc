@@ -24,7 +24,6 @@
 #include "kzq/trace_log_setup.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
-#include "platform/process.h"
 #include "platform/stop_signal.h"
 
 namespace {
