@@ -223,12 +223,12 @@ r_exec_chain* u_exec_in(const ExecPlaces& given, const char* command, const char
     *exit_code = status;
   }
 
-  if (IsAgentPrefix(places.prefix)) {
+  // A command's arguments and answer are not left behind; the agent's own
+  // prefix also clears what an earlier run that ended abruptly left.
+  remove(files.input.c_str());
+  remove(files.output.c_str());
+  if (IsAgentPrefix(places.prefix))
     CleanExecTempFiles(directory, places.prefix, platform::NowUnixMillis(), places.delete_interval_minutes);
-  } else {
-    remove(files.input.c_str());
-    remove(files.output.c_str());
-  }
   TraceChain(head);
   return head;
 }
