@@ -13,16 +13,15 @@
 namespace kzq {
 namespace {
 
-bool IsHkeyWord(const char* word) {
-  const char* expected = "-hkey";
-  for (; *word != '\0' && *expected != '\0'; ++word, ++expected)
-    if ((*word | 0x20) != *expected) return false;
-  return *word == '\0' && *expected == '\0';
-}
-
 std::string Env(const char* name) { return platform::GetEnv(name).value_or(""); }
 
 }  // namespace
+
+bool SameWord(const char* a, const char* b) {
+  for (; *a != '\0' && *b != '\0'; ++a, ++b)
+    if (std::tolower(static_cast<unsigned char>(*a)) != std::tolower(static_cast<unsigned char>(*b))) return false;
+  return *a == *b;
+}
 
 CommandLinePresets::CommandLinePresets() {
   const std::string raw = platform::RawCommandLine();
@@ -34,7 +33,7 @@ CommandLinePresets::CommandLinePresets() {
 
 void ImportHkeyArgument(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
-    if (IsHkeyWord(argv[i])) {
+    if (SameWord(argv[i], "-hkey")) {
       if (i + 1 < argc) ImportRegistryEnvironment(argv[i + 1]);
       return;
     }

@@ -23,6 +23,9 @@ class CommandLinePresets {
   bool keyed_ = false;
 };
 
+// Whether two command-line words are equal in any ASCII case.
+bool SameWord(const char* a, const char* b);
+
 // Imports the Environment values of the key that follows the first
 // "-hkey" (any case) among argv[1..].
 void ImportHkeyArgument(int argc, char** argv);

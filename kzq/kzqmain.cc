@@ -1,7 +1,6 @@
 // kzqagent: the agent process. "-console" runs it as a console program;
 // otherwise it is handed to the service dispatcher. "-hkey <key>" names
 // the registry key whose Environment values configure it.
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,12 +30,6 @@ namespace {
 // Runs before main: the presets must be in the environment before the
 // registry and the configuration are read.
 const kzq::CommandLinePresets g_command_line_presets;
-
-bool SameWord(const char* a, const char* b) {
-  for (; *a != '\0' && *b != '\0'; ++a, ++b)
-    if (std::tolower(static_cast<unsigned char>(*a)) != std::tolower(static_cast<unsigned char>(*b))) return false;
-  return *a == *b;
-}
 
 void ApplyHkeyArgument(int argc, char** argv) {
   kzq::ImportHkeyArgument(argc, argv);
@@ -89,11 +82,11 @@ int main(int argc, char** argv) {
   // Only the first of the two words counts: "-hkey" before "-console" means
   // a service, as it always has.
   for (int i = 0; i < argc; ++i) {
-    if (SameWord(argv[i], "-console")) {
+    if (kzq::SameWord(argv[i], "-console")) {
       console = true;
       break;
     }
-    if (SameWord(argv[i], "-hkey")) {
+    if (kzq::SameWord(argv[i], "-hkey")) {
       if (i + 1 < argc) kzq::ImportRegistryEnvironment(argv[i + 1]);
       break;
     }

@@ -63,8 +63,9 @@ ServiceStatusHandle RegisterServiceControlHandler(const char* name, ServiceContr
 bool SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status, int* error);
 
 // Tells the system's own log why the service failed: an error event from
-// the source named after the service in the Windows event log; on POSIX a
-// line on standard error, which systemd's journal records for the unit.
+// the source named after the service in the Windows event log. On POSIX
+// nothing more: the caller's error line is echoed to standard error, which
+// is already what systemd's journal records for the unit.
 void ReportServiceFailure(const char* service_name, const std::string& text);
 
 }  // namespace platform

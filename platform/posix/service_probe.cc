@@ -46,15 +46,18 @@ bool UsableName(const char* name) {
   return length > 0 && length <= kMaxNameLength && strpbrk(name, "/\\") == nullptr;
 }
 
-// The whole file; 0 or the errno of the failure.
-int ReadText(const std::string& path, std::string* text) {
-  FILE* file = fopen(path.c_str(), "rb");
-  if (file == nullptr) return errno;
+// The whole of an open file, which it closes; 0 or the errno of the failure.
+int ReadAll(FILE* file, std::string* text) {
   char buffer[4096];
   for (size_t n; (n = fread(buffer, 1, sizeof buffer, file)) > 0;) text->append(buffer, n);
   const int err = ferror(file) ? errno : 0;
   fclose(file);
   return err;
+}
+
+int ReadText(const std::string& path, std::string* text) {
+  FILE* file = fopen(path.c_str(), "rb");
+  return file == nullptr ? errno : ReadAll(file, text);
 }
 
 // A pid file counts only when this account or root wrote it, and never
@@ -64,9 +67,17 @@ int ReadPidFile(const std::string& path, std::string* text) {
   const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return errno == ELOOP ? EACCES : errno;
   struct stat st {};
-  const bool trusted = fstat(fd, &st) == 0 && (st.st_uid == getuid() || st.st_uid == 0);
-  close(fd);
-  return trusted ? ReadText(path, text) : EACCES;
+  if (fstat(fd, &st) != 0 || (st.st_uid != getuid() && st.st_uid != 0)) {
+    close(fd);
+    return EACCES;
+  }
+  FILE* file = fdopen(fd, "rb");
+  if (file == nullptr) {
+    const int err = errno;
+    close(fd);
+    return err;
+  }
+  return ReadAll(file, text);
 }
 
 // A decimal process id with blanks around it; 0 for anything else.
@@ -129,12 +140,6 @@ ServiceProbe QueryService(const char* name) {
   const std::optional<std::string> unit = posix::ServiceUnit(name);
   if (!unit) return Failed(ServiceProbeStep::kOpenService, kErrServiceDoesNotExist);
   return FromCgroup(*unit);
-}
-
-std::string PidFilePath(const std::string& service) {
-  const char* server = getenv("COLL_SERVERID");
-  const std::string suffix = server != nullptr && *server != '\0' ? std::string("_") + server : std::string();
-  return RuntimeDirectory() + "/" + service + suffix + ".pid";
 }
 
 }  // namespace platform

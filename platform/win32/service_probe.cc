@@ -2,11 +2,9 @@
 
 #include <windows.h>
 
-#include <cstdlib>
 #include <memory>
 #include <type_traits>
 
-#include "platform/file_system.h"
 #include "platform/win32/errors.h"
 
 namespace platform {
@@ -41,14 +39,6 @@ ServiceProbe QueryService(const char* name) {
   probe.state = status.dwCurrentState;
   probe.process_id = status.dwProcessId;
   return probe;
-}
-
-// The probe asks the service manager; the file only tells an operator
-// which process serves.
-std::string PidFilePath(const std::string& service) {
-  const char* server = getenv("COLL_SERVERID");
-  const std::string suffix = server != nullptr && *server != '\0' ? std::string("_") + server : std::string();
-  return RuntimeDirectory() + "\\" + service + suffix + ".pid";
 }
 
 }  // namespace platform
