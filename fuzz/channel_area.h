@@ -23,8 +23,8 @@ class PeerArea {
     kvc::SetChannelConsoleMode(true);
     if (kvc::CreateObjects(prefix_) != 1) abort();
     int error = 0;
-    area_ = platform::OpenSharedArea(prefix_ + area_suffix, size, platform::ObjectAccess::kDefault, &error);
-    fill_ = platform::OpenNamedSemaphore(prefix_ + semaphore_suffix, 0, platform::ObjectAccess::kDefault, &error);
+    area_ = platform::OpenSharedArea(prefix_ + area_suffix, size, platform::ObjectAccess{}, &error);
+    fill_ = platform::OpenNamedSemaphore(prefix_ + semaphore_suffix, 0, platform::ObjectAccess{}, &error);
     if (area_ == nullptr || fill_ == nullptr) abort();
     atexit([] { RemoveAll(); });
   }

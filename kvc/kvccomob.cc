@@ -8,6 +8,7 @@
 #include "kvc/kvcopts.h"
 #include "kvc/kvcstr.h"
 #include "kvc/kvcutil.h"
+#include "kzq/instance_names.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/error.h"
@@ -78,28 +79,30 @@ int32_t AreaNow() { return static_cast<int32_t>(platform::NowUnixSeconds() & 0xF
 
 KVCDataObject::KVCDataObject() : created_(static_cast<time_t>(platform::NowUnixSeconds())) {}
 
-int KVCShareMemory::Open(const std::string& name, size_t size, platform::ObjectAccess access) {
+int KVCShareMemory::Open(const std::string& name, size_t size, const platform::ObjectAccess& access) {
   int error = 0;
   area_ = platform::OpenSharedArea(name, size, access, &error);
   existed_ = area_ != nullptr && error == platform::kErrAlreadyExists;
   return area_ != nullptr ? 0 : error;
 }
 
-ShareCommObject::ShareCommObject(AreaKind kind, platform::ObjectAccess access, size_t size,
+ShareCommObject::ShareCommObject(AreaKind kind, const platform::ObjectAccess& access, size_t size,
                                  const std::string& area_name, const std::string& semaphore_stem,
                                  unsigned char* request_view)
     : kind_(kind), request_view_(request_view) {
   int error = memory_.Open(area_name, size, access);
   if (error != 0) {
-    Log('e', "nsh0001", "Failed to create file map, error# %d\n", error);
+    if (error == platform::kErrInvalidOwner) {
+      RefuseForeignObject(area_name);
+    } else {
+      Log('e', "nsh0001", "Failed to create file map, error# %d\n", error);
+    }
     return;
   }
   const bool existed = memory_.Existed();
   view_ = memory_.View();
-  avail_ = platform::OpenNamedSemaphore(semaphore_stem + "Avail", 1, access, &error);
-  if (avail_ == nullptr) Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
-  fill_ = platform::OpenNamedSemaphore(semaphore_stem + "Fill", 0, access, &error);
-  if (fill_ == nullptr) Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
+  avail_ = OpenSemaphore(semaphore_stem + "Avail", 1, access);
+  fill_ = OpenSemaphore(semaphore_stem + "Fill", 0, access);
   if (kind_ == kRequestArea) {
     request_view_ = view_;
     if (!existed) {
@@ -125,6 +128,27 @@ ShareCommObject::ShareCommObject(AreaKind kind, platform::ObjectAccess access, s
 }
 
 ShareCommObject::~ShareCommObject() = default;
+
+std::unique_ptr<platform::Semaphore> ShareCommObject::OpenSemaphore(const std::string& name, int initial,
+                                                                    const platform::ObjectAccess& access) {
+  int error = 0;
+  auto semaphore = platform::OpenNamedSemaphore(name, initial, access, &error);
+  if (error == platform::kErrInvalidOwner) {
+    RefuseForeignObject(name);
+  } else if (semaphore == nullptr) {
+    Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
+  }
+  return semaphore;
+}
+
+// Another account's object could read every request and answer, or answer
+// in the collector's place; the channel is never made with one.
+void ShareCommObject::RefuseForeignObject(const std::string& name) {
+  Log('e', "nsh0050",
+      "The channel object %s belongs to another account or is open to every account; refused. Remove it, "
+      "or run both programs under accounts the channel admits (KZQ_CHANNEL_ACCESS)\n",
+      name.c_str());
+}
 
 bool ShareCommObject::IsValid() const { return memory_.IsOpen() && avail_ != nullptr && fill_ != nullptr; }
 
@@ -439,13 +463,16 @@ std::vector<std::string> ChannelObjectNames(const std::string& prefix) {
 
 namespace {
 
-// Agent and collector may run under different accounts, so a service's
-// objects are open to all; KZQ_PRIVATE_OBJECTS keeps them to the running
-// account, for installations that run both under one.
-platform::ObjectAccess ChannelObjectAccess(bool console) {
-  const std::string restricted = platform::GetEnv("KZQ_PRIVATE_OBJECTS").value_or("");
-  if (!restricted.empty() && restricted != "0") return platform::ObjectAccess::kOwner;
-  return console ? platform::ObjectAccess::kDefault : platform::ObjectAccess::kOpen;
+// The channel admits only the instance's two programs: their accounts when
+// both share the kzq group (Linux) or are the services' own (Windows).
+// KZQ_CHANNEL_ACCESS=open opens it to every local account, for
+// installations that run the two under accounts with nothing in common.
+platform::ObjectAccess ChannelObjectAccess() {
+  platform::ObjectAccess access;
+  access.open = platform::GetEnv("KZQ_CHANNEL_ACCESS").value_or("") == "open";
+  access.group = "kzq";
+  access.services = {kzq::CollectorServiceName(), kzq::AgentServiceName()};
+  return access;
 }
 
 }  // namespace
@@ -459,7 +486,7 @@ int CreateObjects(const std::string& prefix) {
       return 0;
     }
   }
-  const platform::ObjectAccess access = ChannelObjectAccess(c.console);
+  const platform::ObjectAccess access = ChannelObjectAccess();
   c.request = std::make_unique<ShareCommObject>(kRequestArea, access, area::kRequestSize, prefix + "KVCReqShm",
                                                 prefix + "KVCReqSem", nullptr);
   if (!c.request->IsValid()) Log('e', "nsh0012", "Failed to create Request object\n");

@@ -102,7 +102,7 @@ class KVCDataRow : public KVCDataObject {
 class KVCShareMemory {
  public:
   // 0, or the OS error with the mapping left closed.
-  int Open(const std::string& name, size_t size, platform::ObjectAccess access);
+  int Open(const std::string& name, size_t size, const platform::ObjectAccess& access);
   unsigned char* View() const { return area_ ? area_->Address() : nullptr; }
   bool Existed() const { return existed_; }
   bool IsOpen() const { return area_ != nullptr; }
@@ -154,7 +154,7 @@ class ShareCommObject final : public KVCCommObject {
  public:
   // `request_view` is the request area's view, which the data endpoint
   // reads for the request's times; null for the request endpoint itself.
-  ShareCommObject(AreaKind kind, platform::ObjectAccess access, size_t size,
+  ShareCommObject(AreaKind kind, const platform::ObjectAccess& access, size_t size,
                   const std::string& area_name, const std::string& semaphore_stem,
                   unsigned char* request_view);
   ~ShareCommObject() override;
@@ -174,6 +174,9 @@ class ShareCommObject final : public KVCCommObject {
   bool Existed() const { return memory_.Existed(); }
 
  private:
+  std::unique_ptr<platform::Semaphore> OpenSemaphore(const std::string& name, int initial,
+                                                     const platform::ObjectAccess& access);
+  static void RefuseForeignObject(const std::string& name);
   int ReleaseFill(int kind, const char* failure_id, const char* failure_text);
   int WaitOn(platform::Semaphore* semaphore, int timeout);
   bool CleanStaleData();
@@ -221,7 +224,7 @@ void DestroyShareMemory();
 KVCCommObject* RequestEndpoint();
 KVCCommObject* DataEndpoint();
 
-// Console mode: the objects get default security instead of open access.
+// Console mode: no open descriptor is built for the objects.
 void SetChannelConsoleMode(bool console);
 
 // Resets both pairs when no request has succeeded for 180 seconds.

@@ -11,6 +11,10 @@ namespace kzq {
 // KZQCOLL<COLL_SERVICENUMBER>; the number defaults to 0 in every program.
 std::string CollectorServiceName();
 
+// kzqagent_<COLL_SERVERID>: the agent's service as the Windows installer
+// names it.
+std::string AgentServiceName();
+
 // MSSQL$<COLL_SERVERID> for a named instance (KZQ_NAMED_INSTANCE non-zero),
 // else MSSQLSERVER.
 std::string DatabaseServiceName();

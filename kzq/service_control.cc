@@ -49,9 +49,12 @@ void (*g_stop_hook)() = nullptr;
 std::string g_service_name;
 
 std::atomic<platform::ServiceStatusHandle> g_status_handle{nullptr};
-// Signalled by a stop or shutdown control, or by the work returning.
-Event g_end_requested;
-Event g_work_returned;
+// Signalled by a stop or shutdown control, or by the work returning. Never
+// destroyed: work that ends the process from its own thread runs the exit
+// routines while the entry's thread still waits on g_end_requested, and
+// destroying a condition variable that has a waiter blocks for good.
+Event& g_end_requested = *new Event;
+Event& g_work_returned = *new Event;
 std::mutex g_worker_lock;  // the control handler and the cleanup both reach for the worker
 std::unique_ptr<platform::WorkerThread> g_worker;
 // The error of this thread's last failed call, as the OS keeps it per thread.

@@ -30,6 +30,7 @@ inline constexpr int kErrServiceDoesNotExist = 1060;  // ERROR_SERVICE_DOES_NOT_
 inline constexpr int kErrNotStartedAsService = 1063;  // ERROR_FAILED_SERVICE_CONTROLLER_CONNECT
 inline constexpr int kErrServiceSpecific = 1066;
 inline constexpr int kErrProcessAborted = 1067;  // ERROR_PROCESS_ABORTED
+inline constexpr int kErrInvalidOwner = 1307;  // a shared object another account owns or left open
 inline constexpr int kErrNoneMapped = 1332;  // no such account
 
 }  // namespace platform

@@ -3,13 +3,24 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace platform {
 
-enum class ObjectAccess {
-  kDefault,  // the creating user's default access
-  kOpen,     // anyone on the machine may open and use the object
-  kOwner,    // only the account that runs the process, whatever its defaults
+// Who may use a named object that two processes share. Private objects admit
+// the running account, the system's own (root; SYSTEM and Administrators)
+// and the sharers named below, whoever creates them; an existing private
+// object that another account owns or that is open to others is refused
+// with kErrInvalidOwner (one the running account owns is made private).
+struct ObjectAccess {
+  // Every local account may open and use the object: the opt-out for
+  // installations whose two programs share no account, group or service.
+  bool open = false;
+  // POSIX: the group whose members share the objects (mode 0660 with it;
+  // 0600 when it does not exist or this process may not give it).
+  std::string group;
+  // Windows: the services whose accounts (their service SIDs) share them.
+  std::vector<std::string> services;
 };
 
 // A security descriptor: the OS's own record on Windows; on POSIX the

@@ -22,10 +22,11 @@ class Semaphore {
 };
 
 // Creates the named semaphore with `initial` (0 or 1), or opens it when it
-// exists (its count is left alone). *error is 0, 183 for an existing one,
-// or the failure with nullptr.
+// exists and `access` admits it (its count is left alone). *error is 0, 183
+// for an existing one, or the failure with nullptr (kErrInvalidOwner: an
+// existing semaphore `access` refuses).
 std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initial,
-                                         ObjectAccess access, int* error);
+                                              const ObjectAccess& access, int* error);
 
 // Removes a named semaphore (POSIX only; a no-op on Windows).
 void RemoveSemaphore(const std::string& name);

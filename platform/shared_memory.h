@@ -19,11 +19,12 @@ class SharedArea {
   virtual size_t Size() const = 0;
 };
 
-// Creates the named area, or opens it when it already exists. On success
-// *error is 0 (created, zero-filled) or 183 (opened an existing area). On
-// failure returns nullptr with *error set.
+// Creates the named area, or opens it when it already exists and `access`
+// admits it. On success *error is 0 (created, zero-filled) or 183 (opened an
+// existing area). On failure returns nullptr with *error set
+// (kErrInvalidOwner: an existing area `access` refuses).
 std::unique_ptr<SharedArea> OpenSharedArea(const std::string& name, size_t size,
-                                           ObjectAccess access, int* error);
+                                           const ObjectAccess& access, int* error);
 
 // Removes a named area so that the next open creates it afresh. Windows
 // objects vanish with their last handle, so this does nothing there.

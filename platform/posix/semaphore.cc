@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
@@ -10,6 +11,7 @@
 #include "platform/common/sliced_wait.h"
 #include "platform/error.h"
 #include "platform/posix/errors.h"
+#include "platform/posix/object_access.h"
 
 namespace platform {
 namespace {
@@ -54,20 +56,28 @@ class PosixSemaphore final : public Semaphore {
 
 }  // namespace
 
+// The semaphore's file is checked after sem_open: /dev/shm is sticky, so
+// no other account can swap the file this process opened for its own.
 std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initial,
-                                         ObjectAccess access, int* error) {
+                                              const ObjectAccess& access, int* error) {
   char object[256];
   posix::ObjectName(name.c_str(), object);
-  const mode_t mode = access == ObjectAccess::kOpen ? 0666 : 0600;
-  // sem_open applies the umask; the open kind must reach other users.
-  const mode_t old_mask = access == ObjectAccess::kOpen ? umask(0) : 0;
-  sem_t* sem = sem_open(object, O_CREAT | O_EXCL, mode, initial > 0 ? 1U : 0U);
+  sem_t* sem = sem_open(object, O_CREAT | O_EXCL, 0600, initial > 0 ? 1U : 0U);
   const bool created = sem != SEM_FAILED;
   if (!created && errno == EEXIST) sem = sem_open(object, 0);
-  const int open_errno = errno;
-  if (access == ObjectAccess::kOpen) umask(old_mask);
   if (sem == SEM_FAILED) {
-    *error = posix::FromErrno(open_errno);
+    *error = posix::FromErrno(errno);
+    return nullptr;
+  }
+  const int fd = open(posix::SemaphoreFile(object).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    *error = posix::FromErrno(errno);
+  } else {
+    *error = created ? posix::SecureNewObject(fd, access) : posix::AdmitExistingObject(fd, access);
+    close(fd);
+  }
+  if (*error != kOk) {
+    sem_close(sem);
     return nullptr;
   }
   *error = created ? kOk : kErrAlreadyExists;

@@ -9,6 +9,7 @@
 
 #include "platform/error.h"
 #include "platform/posix/errors.h"
+#include "platform/posix/object_access.h"
 
 namespace platform {
 namespace {
@@ -30,28 +31,31 @@ size_t RoundToPages(size_t size) {
   return (size + page - 1) / page * page;
 }
 
-// Opens the object exclusively first so that the creator is known, then
-// falls back to the existing one, which Windows reports as 183.
-int OpenOrCreate(const char* object, ObjectAccess access, bool* created) {
-  int fd = shm_open(object, O_RDWR | O_CREAT | O_EXCL, 0666);
+// Opens the object exclusively first so that the creator is known (Windows
+// reports the other case as 183), then secures a new object or admits the
+// existing one. Returns the descriptor, or -1 with *error set.
+int OpenOrCreate(const char* object, const ObjectAccess& access, bool* created, int* error) {
+  int fd = shm_open(object, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
   *created = fd >= 0;
-  if (fd < 0 && errno == EEXIST) fd = shm_open(object, O_RDWR, 0666);
-  if (fd >= 0 && *created && access == ObjectAccess::kOpen) fchmod(fd, 0666);
-  if (fd >= 0 && *created && access == ObjectAccess::kOwner) fchmod(fd, 0600);
-  return fd;
+  if (fd < 0 && errno == EEXIST) fd = shm_open(object, O_RDWR | O_NOFOLLOW, 0600);
+  if (fd < 0) {
+    *error = posix::FromErrno(errno);
+    return -1;
+  }
+  *error = *created ? posix::SecureNewObject(fd, access) : posix::AdmitExistingObject(fd, access);
+  if (*error == kOk) return fd;
+  close(fd);
+  return -1;
 }
 
 }  // namespace
 
 std::unique_ptr<SharedArea> OpenSharedArea(const std::string& name, size_t size,
-                                           ObjectAccess access, int* error) {
+                                           const ObjectAccess& access, int* error) {
   char object[256];
   bool created = false;
-  const int fd = OpenOrCreate(posix::ObjectName(name.c_str(), object), access, &created);
-  if (fd < 0) {
-    *error = posix::FromErrno(errno);
-    return nullptr;
-  }
+  const int fd = OpenOrCreate(posix::ObjectName(name.c_str(), object), access, &created, error);
+  if (fd < 0) return nullptr;
   const size_t mapped = RoundToPages(size == 0 ? 1 : size);
   struct stat st {};
   // The opener may come before the creator has sized the object; growing it

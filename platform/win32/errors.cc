@@ -34,16 +34,6 @@ OwnerSecurity::OwnerSecurity() {
   attributes_.bInheritHandle = FALSE;
 }
 
-SECURITY_ATTRIBUTES* ObjectSecurity::Attributes() {
-  switch (access_) {
-    case ObjectAccess::kOpen:
-      return open_.Attributes();
-    case ObjectAccess::kOwner:
-      return owner_.Attributes();
-    case ObjectAccess::kDefault:
-      break;
-  }
-  return nullptr;
-}
+SECURITY_ATTRIBUTES* ObjectSecurity::Attributes() { return open_access_ ? open_.Attributes() : owner_.Attributes(); }
 
 }  // namespace platform::win32

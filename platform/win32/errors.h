@@ -37,15 +37,14 @@ class OwnerSecurity {
   SECURITY_ATTRIBUTES attributes_;
 };
 
-// The attributes an object of the given access is created with; null for
-// the creator's defaults.
+// The attributes an object of the given access is created with.
 class ObjectSecurity {
  public:
-  explicit ObjectSecurity(ObjectAccess access) : access_(access) {}
+  explicit ObjectSecurity(const ObjectAccess& access) : open_access_(access.open) {}
   SECURITY_ATTRIBUTES* Attributes();
 
  private:
-  const ObjectAccess access_;
+  const bool open_access_;
   OpenSecurity open_;
   OwnerSecurity owner_;
 };

@@ -41,7 +41,7 @@ class Win32Semaphore final : public Semaphore {
 }  // namespace
 
 std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initial,
-                                         ObjectAccess access, int* error) {
+                                         const ObjectAccess& access, int* error) {
   win32::ObjectSecurity security(access);
   HANDLE sem = CreateSemaphoreA(security.Attributes(),
                                 initial > 0 ? 1 : 0, 1, win32::GlobalObjectName(name).c_str());

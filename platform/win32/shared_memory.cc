@@ -36,7 +36,7 @@ size_t RoundToPages(size_t size) {
 }  // namespace
 
 std::unique_ptr<SharedArea> OpenSharedArea(const std::string& name, size_t size,
-                                           ObjectAccess access, int* error) {
+                                           const ObjectAccess& access, int* error) {
   win32::ObjectSecurity security(access);
   const size_t mapped = RoundToPages(size == 0 ? 1 : size);
   HANDLE mapping = CreateFileMappingA(

@@ -37,8 +37,8 @@ constexpr int kWaitSeconds = 20;
 [[noreturn]] void DieAfterFirstChunk(const std::string& prefix, const std::string& unique, int32_t rows,
                                      int32_t length) {
   int error = 0;
-  auto avail = platform::OpenNamedSemaphore(prefix + "KVCDataSemAvail", 1, platform::ObjectAccess::kOpen, &error);
-  auto fill = platform::OpenNamedSemaphore(prefix + "KVCDataSemFill", 0, platform::ObjectAccess::kOpen, &error);
+  auto avail = platform::OpenNamedSemaphore(prefix + "KVCDataSemAvail", 1, platform::ObjectAccess{}, &error);
+  auto fill = platform::OpenNamedSemaphore(prefix + "KVCDataSemFill", 0, platform::ObjectAccess{}, &error);
   if (avail == nullptr || fill == nullptr || avail->Wait(kWaitSeconds * 1000) != 0) std::_Exit(5);
   unsigned char* view = static_cast<kvc::ShareCommObject*>(kvc::DataEndpoint())->View();
   const int32_t reading = 0;

@@ -13,6 +13,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -32,6 +33,7 @@
 
 #include "platform/clock.h"
 #include "platform/process.h"
+#include "platform/shared_memory.h"
 #include "tests/e2e/service_manager.h"
 #include "tests/support/eventually.h"
 #include "tests/support/free_port.h"
@@ -297,6 +299,37 @@ TEST_F(InstalledUnits, AgentStartFailsWhenItsPortIsTaken) {
   EXPECT_TRUE(stopped) << "the agent kept running without its endpoint\n" << Output("kzqagent");
   EXPECT_NE(agent->ExitCode(), 0) << Output("kzqagent");
   EXPECT_THAT(kzq_test::ReadFile(LogFile()), HasSubstr("cannot listen on 127.0.0.1:"));
+}
+
+// A local account that makes the channel's objects before the instance
+// does could read every request and answer in the collector's place; both
+// programs refuse such an object and say which, whoever starts first.
+TEST_F(InstalledUnits, BothProgramsRefuseAChannelAnotherAccountMadeFirst) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to act as a second account";
+  const std::string planted = "kvc_" + instance_ + "KVCReqShm";
+  const pid_t child = fork();
+  if (child == 0) {
+    platform::ObjectAccess open;
+    open.open = true;
+    int error = 0;
+    _exit(setgid(65534) == 0 && setuid(65534) == 0 && platform::OpenSharedArea(planted, 32768, open, &error) ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_EQ(status, 0);
+  for (const char* program : {"kzqcoll", "kzqagent"}) {
+    auto service = StartUnit(program);
+    ASSERT_NE(service, nullptr);
+    const bool stopped = service->WaitFor(ServiceManager::kStopped, kPatience);
+    if (!stopped) service->Stop();
+    EXPECT_TRUE(stopped) << program << " ran on another account's channel\n" << Output(program);
+    EXPECT_NE(service->ExitCode(), 0) << Output(program);
+  }
+  const std::string log = kzq_test::ReadFile(LogFile());
+  const std::string refusal = "The channel object " + planted + " belongs to another account";
+  const size_t first = log.find(refusal);
+  EXPECT_NE(first, std::string::npos) << log;
+  EXPECT_NE(log.find(refusal, first + 1), std::string::npos) << "one program went on without saying why\n" << log;
 }
 
 }  // namespace

@@ -5,12 +5,11 @@
 #include <string>
 #include <thread>
 
-#ifdef _WIN32
-#include <windows.h>
-
-#include <aclapi.h>
-#else
+#ifndef _WIN32
+#include <grp.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #endif
 
 #include "platform/error.h"
@@ -28,7 +27,7 @@ std::string UniqueName(const char* what) {
 TEST(SharedArea, SecondOpenSeesTheFirstWritesAndReports183) {
   const std::string name = UniqueName("area");
   int error = -1;
-  auto first = platform::OpenSharedArea(name, 30600, platform::ObjectAccess::kOpen, &error);
+  auto first = platform::OpenSharedArea(name, 30600, platform::ObjectAccess{}, &error);
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(error, platform::kOk);
   // Whole pages: fields past the nominal size are addressable.
@@ -37,70 +36,100 @@ TEST(SharedArea, SecondOpenSeesTheFirstWritesAndReports183) {
   EXPECT_EQ(first->Address()[30599], 0);
   memcpy(first->Address() + first->Size() - 8, "tailend", 8);
 
-  auto second = platform::OpenSharedArea(name, 30600, platform::ObjectAccess::kOpen, &error);
+  auto second = platform::OpenSharedArea(name, 30600, platform::ObjectAccess{}, &error);
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(error, platform::kErrAlreadyExists);
   EXPECT_STREQ(reinterpret_cast<char*>(second->Address() + second->Size() - 8), "tailend");
   platform::RemoveSharedArea(name);
 }
 
-#ifdef _WIN32
-// The access list of a named mapping (in the global namespace, where the
-// layer puts it): its entries' count, and whether the first names the
-// running account.
-void AccessListOf(const std::string& name, int* entries, bool* first_is_me) {
-  HANDLE mapping = OpenFileMappingA(READ_CONTROL, FALSE, ("Global\\" + name).c_str());
-  ASSERT_NE(mapping, nullptr);
-  ACL* dacl = nullptr;
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  ASSERT_EQ(GetSecurityInfo(mapping, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
-                            &descriptor),
-            ERROR_SUCCESS);
-  CloseHandle(mapping);
-  *entries = dacl == nullptr ? -1 : dacl->AceCount;  // -1: no list, everyone may
-  *first_is_me = false;
-  ACCESS_ALLOWED_ACE* ace = nullptr;
-  HANDLE token = nullptr;
-  unsigned char user[512];
-  DWORD size = 0;
-  if (dacl != nullptr && GetAce(dacl, 0, reinterpret_cast<void**>(&ace)) &&
-      OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) &&
-      GetTokenInformation(token, TokenUser, user, sizeof user, &size))
-    *first_is_me = EqualSid(&ace->SidStart, reinterpret_cast<TOKEN_USER*>(user)->User.Sid);
-  if (token != nullptr) CloseHandle(token);
-  LocalFree(descriptor);
+#ifndef _WIN32
+platform::ObjectAccess Private(const std::string& group) {
+  platform::ObjectAccess access;
+  access.group = group;
+  return access;
 }
-#endif
 
-TEST(SharedArea, OwnerAreasAdmitOnlyTheRunningAccountOpenOnesEveryone) {
-  for (const auto access : {platform::ObjectAccess::kOwner, platform::ObjectAccess::kOpen}) {
-    const std::string name = UniqueName(access == platform::ObjectAccess::kOwner ? "owner" : "open");
+platform::ObjectAccess Open() {
+  platform::ObjectAccess access;
+  access.open = true;
+  return access;
+}
+
+struct stat StatOf(const std::string& path) {
+  struct stat info {};
+  EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
+  return info;
+}
+
+std::string GroupName(gid_t gid) {
+  const group* entry = getgrgid(gid);
+  return entry != nullptr ? entry->gr_name : "";
+}
+
+// A new object is the account's and its group's when the group exists,
+// the account's alone when it does not, everyone's when open; an object of
+// this account's that an earlier open run left is made private again.
+TEST(ChannelObjects, PrivateObjectsAdmitTheAccountAndItsGroupOnly) {
+  const std::string group = GroupName(getegid());
+  const struct {
+    platform::ObjectAccess access;
+    unsigned mode;
+  } cases[] = {{Private(group), 0660}, {Private("kzq_no_such_group"), 0600}, {Open(), 0666}};
+  for (const auto& c : cases) {
+    const std::string name = UniqueName("access");
     int error = -1;
-    auto area = platform::OpenSharedArea(name, 4096, access, &error);
-    ASSERT_NE(area, nullptr) << error;
-#ifdef _WIN32
-    int entries = 0;
-    bool first_is_me = false;
-    AccessListOf(name, &entries, &first_is_me);
-    if (access == platform::ObjectAccess::kOwner) {
-      EXPECT_EQ(entries, 1);
-      EXPECT_TRUE(first_is_me);
-    } else {
-      EXPECT_EQ(entries, -1);
+    auto area = platform::OpenSharedArea(name, 4096, c.access, &error);
+    auto sem = platform::OpenNamedSemaphore(name, 1, c.access, &error);
+    ASSERT_NE(area, nullptr);
+    ASSERT_NE(sem, nullptr);
+    for (const std::string& path : {"/dev/shm/" + name, "/dev/shm/sem." + name}) {
+      EXPECT_EQ(StatOf(path).st_mode & 0777, c.mode) << path;
+      EXPECT_EQ(StatOf(path).st_gid, getegid()) << path;
     }
-#else
-    struct stat info {};
-    ASSERT_EQ(stat(("/dev/shm/" + name).c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, access == platform::ObjectAccess::kOwner ? 0600u : 0666u);
-#endif
+    area = platform::OpenSharedArea(name, 4096, Private("kzq_no_such_group"), &error);
+    sem = platform::OpenNamedSemaphore(name, 1, Private("kzq_no_such_group"), &error);
+    EXPECT_EQ(error, platform::kErrAlreadyExists);
+    EXPECT_EQ(StatOf("/dev/shm/" + name).st_mode & 0777, 0600u);
+    EXPECT_EQ(StatOf("/dev/shm/sem." + name).st_mode & 0777, 0600u);
     platform::RemoveSharedArea(name);
+    platform::RemoveSemaphore(name);
   }
 }
+
+// Objects made first by another account - open to all, so that it could
+// read every request or answer in the collector's place - are refused, in
+// private mode only.
+TEST(ChannelObjects, AnotherAccountsObjectsAreRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to act as a second account";
+  const std::string name = UniqueName("foreign");
+  const pid_t child = fork();
+  if (child == 0) {
+    int error = 0;
+    const bool made = setgid(65534) == 0 && setuid(65534) == 0 &&
+                      platform::OpenSharedArea(name, 4096, Open(), &error) != nullptr &&
+                      platform::OpenNamedSemaphore(name, 1, Open(), &error) != nullptr;
+    _exit(made ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_EQ(status, 0);
+  int error = 0;
+  EXPECT_EQ(platform::OpenSharedArea(name, 4096, Private(GroupName(getegid())), &error), nullptr);
+  EXPECT_EQ(error, platform::kErrInvalidOwner);
+  EXPECT_EQ(platform::OpenNamedSemaphore(name, 1, Private(GroupName(getegid())), &error), nullptr);
+  EXPECT_EQ(error, platform::kErrInvalidOwner);
+  EXPECT_NE(platform::OpenSharedArea(name, 4096, Open(), &error), nullptr);
+  EXPECT_NE(platform::OpenNamedSemaphore(name, 1, Open(), &error), nullptr);
+  platform::RemoveSharedArea(name);
+  platform::RemoveSemaphore(name);
+}
+#endif
 
 TEST(Semaphore, CountNeverExceedsOne) {
   const std::string name = UniqueName("sem");
   int error = -1;
-  auto sem = platform::OpenNamedSemaphore(name, 1, platform::ObjectAccess::kOpen, &error);
+  auto sem = platform::OpenNamedSemaphore(name, 1, platform::ObjectAccess{}, &error);
   ASSERT_NE(sem, nullptr);
   EXPECT_EQ(error, platform::kOk);
   EXPECT_EQ(sem->Release(), platform::kErrTooManyPosts);
@@ -114,9 +143,9 @@ TEST(Semaphore, CountNeverExceedsOne) {
 TEST(Semaphore, ReopeningKeepsTheCountAndReports183) {
   const std::string name = UniqueName("sem2");
   int error = -1;
-  auto fill = platform::OpenNamedSemaphore(name, 0, platform::ObjectAccess::kDefault, &error);
+  auto fill = platform::OpenNamedSemaphore(name, 0, platform::ObjectAccess{}, &error);
   ASSERT_NE(fill, nullptr);
-  auto other = platform::OpenNamedSemaphore(name, 1, platform::ObjectAccess::kDefault, &error);
+  auto other = platform::OpenNamedSemaphore(name, 1, platform::ObjectAccess{}, &error);
   ASSERT_NE(other, nullptr);
   EXPECT_EQ(error, platform::kErrAlreadyExists);
   EXPECT_EQ(other->Wait(0), platform::kErrTimeout);  // initial count 1 ignored
