@@ -84,7 +84,7 @@ int main(int argc, char** argv) {
   kzq::OpenInstanceLog("kzqcoll", g_command_line_presets);
   // Bad replay data fails the start at once, before any service report.
   std::string error;
-  g_source = collector::ReplaySource::Load(g_options.replay, &error);
+  g_source = collector::ReplaySource::Load(g_options.replay, kzq::CollectorCodePage(), &error);
   if (g_source == nullptr) {
     kvc::Log('e', "col0003", "kzqcoll: %s\n", error.c_str());
     return 3;

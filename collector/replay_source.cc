@@ -21,12 +21,13 @@ std::string Upper(const std::string& name) {
 
 // Writes one attribute's value into a collector row; an error text when it
 // does not fit.
-std::string PackValue(const kzq::TableSpec& table, int index, const nlohmann::json& value, char* row) {
+std::string PackValue(const kzq::TableSpec& table, int index, const nlohmann::json& value, kzq::CollectorText& encoder,
+                      char* row) {
   const kzq::Attribute& a = table.attributes[index];
   char* field = row + (table.offsets[index] - table.CollectorOffset());
   if (a.type == kzq::kTypeText) {
     if (!value.is_string()) return std::string(a.name) + " needs a text in quotes";
-    const std::string& text = value.get_ref<const std::string&>();
+    const std::string text = encoder.Encode(value.get_ref<const std::string&>());
     if (text.size() > a.width)
       return std::string(a.name) + " holds at most " + std::to_string(a.width) + " bytes, got " +
              std::to_string(text.size());
@@ -51,7 +52,8 @@ std::string BlankRow(const kzq::TableSpec& table) {
   return row;
 }
 
-std::string PackLine(const kzq::TableSpec& table, const nlohmann::json& line, std::string* row) {
+std::string PackLine(const kzq::TableSpec& table, const nlohmann::json& line, kzq::CollectorText& encoder,
+                     std::string* row) {
   if (!line.is_object()) return "a row must be a JSON object";
   *row = BlankRow(table);
   for (const auto& [name, value] : line.items()) {
@@ -60,7 +62,7 @@ std::string PackLine(const kzq::TableSpec& table, const nlohmann::json& line, st
     if (table.offsets[index] < table.CollectorOffset())
       return "attribute " + std::string(table.attributes[index].name) + " of " + table.name +
              " is filled by the agent, not sent by a collector";
-    const std::string problem = PackValue(table, index, value, row->data());
+    const std::string problem = PackValue(table, index, value, encoder, row->data());
     if (!problem.empty()) return problem;
   }
   return {};
@@ -69,7 +71,8 @@ std::string PackLine(const kzq::TableSpec& table, const nlohmann::json& line, st
 }  // namespace
 
 bool ReplaySource::ParseRows(const kzq::TableSpec& table, std::string_view text, const std::string& name,
-                             std::string* rows, int32_t* count, std::string* error) {
+                             int code_page, std::string* rows, int32_t* count, std::string* error) {
+  kzq::CollectorText encoder(code_page);
   std::istringstream in{std::string(text)};
   int line_number = 0;
   for (std::string line; std::getline(in, line);) {
@@ -79,7 +82,7 @@ bool ReplaySource::ParseRows(const kzq::TableSpec& table, std::string_view text,
     if (first == std::string::npos || line[first] == '#') continue;
     const nlohmann::json parsed = nlohmann::json::parse(line, nullptr, false);
     std::string row;
-    const std::string problem = parsed.is_discarded() ? "not valid JSON" : PackLine(table, parsed, &row);
+    const std::string problem = parsed.is_discarded() ? "not valid JSON" : PackLine(table, parsed, encoder, &row);
     if (!problem.empty()) {
       *error = name + ":" + std::to_string(line_number) + ": " + problem;
       return false;
@@ -90,7 +93,7 @@ bool ReplaySource::ParseRows(const kzq::TableSpec& table, std::string_view text,
   return true;
 }
 
-std::unique_ptr<ReplaySource> ReplaySource::Load(const std::string& directory, std::string* error) {
+std::unique_ptr<ReplaySource> ReplaySource::Load(const std::string& directory, int code_page, std::string* error) {
   std::error_code ec;
   std::filesystem::directory_iterator files(directory, ec);
   if (ec) {
@@ -110,7 +113,7 @@ std::unique_ptr<ReplaySource> ReplaySource::Load(const std::string& directory, s
     std::stringstream text;
     text << in.rdbuf();
     TableRows& rows = source->tables_[table->name];
-    if (!ParseRows(*table, text.str(), path.string(), &rows.bytes, &rows.count, error)) return nullptr;
+    if (!ParseRows(*table, text.str(), path.string(), code_page, &rows.bytes, &rows.count, error)) return nullptr;
   }
   return source;
 }

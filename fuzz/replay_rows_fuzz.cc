@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string rows;
   int32_t count = 0;  // ParseRows adds to it
   std::string error;
-  if (collector::ReplaySource::ParseRows(table, text, "fuzz.jsonl", &rows, &count, &error)) {
+  if (collector::ReplaySource::ParseRows(table, text, "fuzz.jsonl", kzq::kDefaultCodePage, &rows, &count, &error)) {
     if (count < 0 || rows.size() != static_cast<size_t>(count) * collector::CollectorRowLength(table))
       __builtin_trap();
   } else if (error.empty()) {

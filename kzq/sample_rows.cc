@@ -50,8 +50,9 @@ void RowBuilder::SetLeading(const std::string& origin_node, int32_t row_number, 
   SetText("TIMESTAMP", time_stamp, ' ');
 }
 
-void RowBuilder::CopyCollectorPart(const char* collector_row) {
+void RowBuilder::CopyCollectorPart(const char* collector_row, CollectorText& text) {
   memcpy(row_.data() + spec_.CollectorOffset(), collector_row, static_cast<size_t>(CollectorRowLength(spec_)));
+  text.DecodeRow(spec_, row_.data());
 }
 
 std::string RowBuilder::Text(const char* upper_name) const {

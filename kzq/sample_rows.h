@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kzq/catalogue.h"
+#include "kzq/collector_text.h"
 
 namespace kzq {
 
@@ -25,8 +26,9 @@ class RowBuilder {
   void SetInt(const char* upper_name, int32_t value);
   // ORIGINNODE blank-padded, SAMPLENO 1, ROWNO and TIMESTAMP.
   void SetLeading(const std::string& origin_node, int32_t row_number, const std::string& time_stamp);
-  // The collector's part of the row: everything after the leading attributes.
-  void CopyCollectorPart(const char* collector_row);
+  // The collector's part of the row: everything after the leading
+  // attributes, its texts decoded into UTF-8.
+  void CopyCollectorPart(const char* collector_row, CollectorText& text);
 
   const TableSpec& Spec() const { return spec_; }
   const unsigned char* Data() const { return row_.data(); }

@@ -153,9 +153,10 @@ void AddCollectorRows(tavra& object, const TableSpec& spec, const kvc::PipeList&
   if (!RowsFit(spec, cursor)) return;
   const std::string origin = OriginNode();
   RowBuilder row(spec);
+  CollectorText text(CollectorCodePage());
   for (int i = 0; i < cursor.numrow; ++i) {
     row.SetLeading(origin, i + 1, FreshTimeStamp());
-    row.CopyCollectorPart(cursor.rows + static_cast<size_t>(i) * static_cast<size_t>(cursor.lenrow));
+    row.CopyCollectorPart(cursor.rows + static_cast<size_t>(i) * static_cast<size_t>(cursor.lenrow), text);
     if (Flowing(object)) TraceRow(spec, row, i + 1);
     if (object.CheckForException(row.Data()) != 0) {
       SAMPLE_TRACE(object, "Add collected row into agent object. (kvcsampl)\n");

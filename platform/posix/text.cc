@@ -1,6 +1,12 @@
 #include "platform/text.h"
 
+#include <iconv.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
+
+#include "platform/error.h"
 
 namespace platform {
 namespace {
@@ -99,6 +105,82 @@ std::u16string Utf8ToUtf16(std::string_view bytes) {
     }
   }
   return out;
+}
+
+namespace {
+
+// glibc's name for a Windows code page number.
+std::string IconvName(int number) {
+  if (number == 65001) return "UTF-8";
+  if (number == 20127) return "ASCII";
+  if (number >= 28591 && number <= 28599) return "ISO-8859-" + std::to_string(number - 28590);
+  if (number == 28603 || number == 28605) return "ISO-8859-" + std::to_string(number - 28590);
+  return "CP" + std::to_string(number);
+}
+
+// Length of the UTF-8 sequence a lead byte starts (1 for a stray byte).
+size_t SequenceLength(unsigned char lead) {
+  if (lead >= 0xF0 && lead < 0xF8) return 4;
+  if (lead >= 0xE0) return 3;
+  if (lead >= 0xC0) return 2;
+  return 1;
+}
+
+class IconvCodePage final : public CodePage {
+ public:
+  IconvCodePage(iconv_t to_utf8, iconv_t from_utf8) : to_utf8_(to_utf8), from_utf8_(from_utf8) {}
+  ~IconvCodePage() override {
+    iconv_close(to_utf8_);
+    iconv_close(from_utf8_);
+  }
+  std::string ToUtf8(std::string_view bytes) override {
+    return Convert(to_utf8_, bytes, "\xEF\xBF\xBD", [](unsigned char) { return size_t{1}; });
+  }
+  std::string FromUtf8(std::string_view utf8) override { return Convert(from_utf8_, utf8, "?", SequenceLength); }
+
+ private:
+  // Converts all of `in`; an input sequence the target cannot take is
+  // replaced by `replacement` and skipped by its length.
+  template <typename Skip>
+  static std::string Convert(iconv_t cd, std::string_view in, const char* replacement, Skip skip) {
+    std::string out;
+    char buffer[1024];
+    char* from = const_cast<char*>(in.data());
+    size_t left = in.size();
+    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    while (left > 0) {
+      char* to = buffer;
+      size_t room = sizeof buffer;
+      const size_t rc = iconv(cd, &from, &left, &to, &room);
+      out.append(buffer, static_cast<size_t>(to - buffer));
+      if (rc == static_cast<size_t>(-1) && errno != E2BIG) {
+        const size_t n = std::min(left, skip(static_cast<unsigned char>(*from)));
+        out += replacement;
+        from += n;
+        left -= n;
+        iconv(cd, nullptr, nullptr, nullptr, nullptr);
+      }
+    }
+    return out;
+  }
+
+  const iconv_t to_utf8_;
+  const iconv_t from_utf8_;
+};
+
+}  // namespace
+
+std::unique_ptr<CodePage> OpenCodePage(int number, int* error) {
+  const std::string name = IconvName(number);
+  const iconv_t to_utf8 = iconv_open("UTF-8", name.c_str());
+  const iconv_t from_utf8 = iconv_open(name.c_str(), "UTF-8");
+  const auto failed = reinterpret_cast<iconv_t>(-1);
+  if (to_utf8 != failed && from_utf8 != failed && number != 1200 && number != 1201)
+    return std::make_unique<IconvCodePage>(to_utf8, from_utf8);
+  if (to_utf8 != failed) iconv_close(to_utf8);
+  if (from_utf8 != failed) iconv_close(from_utf8);
+  *error = kErrInvalidParameter;
+  return nullptr;
 }
 
 }  // namespace platform

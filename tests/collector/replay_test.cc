@@ -21,7 +21,7 @@ struct Parsed {
 
 Parsed Parse(const kzq::TableSpec& table, const std::string& text) {
   Parsed p;
-  p.ok = collector::ReplaySource::ParseRows(table, text, "rows.jsonl", &p.rows, &p.count, &p.error);
+  p.ok = collector::ReplaySource::ParseRows(table, text, "rows.jsonl", kzq::kDefaultCodePage, &p.rows, &p.count, &p.error);
   return p;
 }
 
@@ -81,7 +81,7 @@ TEST(ReplayRows, LoadReadsEachTableFileAndRefusesStrangeNames) {
   kzq_test::WriteFile(dir.File("kzqscfg.jsonl"), "{\"CONFIGNAME\": \"max memory\"}\n");
   kzq_test::WriteFile(dir.File("notes.txt"), "ignored");
   std::string error;
-  auto source = collector::ReplaySource::Load(dir.Path(), &error);
+  auto source = collector::ReplaySource::Load(dir.Path(), kzq::kDefaultCodePage, &error);
   ASSERT_NE(source, nullptr) << error;
   std::string rows;
   EXPECT_EQ(source->Rows(kzq::kzqscfg_spec, &rows), 1);
@@ -89,16 +89,16 @@ TEST(ReplayRows, LoadReadsEachTableFileAndRefusesStrangeNames) {
   EXPECT_EQ(source->Rows(kzq::kzqdbd_spec, &rows), 0);
 
   kzq_test::WriteFile(dir.File("kzqnope.jsonl"), "");
-  EXPECT_EQ(collector::ReplaySource::Load(dir.Path(), &error), nullptr);
+  EXPECT_EQ(collector::ReplaySource::Load(dir.Path(), kzq::kDefaultCodePage, &error), nullptr);
   EXPECT_THAT(error, HasSubstr("no table named kzqnope"));
-  EXPECT_EQ(collector::ReplaySource::Load(dir.File("missing"), &error), nullptr);
+  EXPECT_EQ(collector::ReplaySource::Load(dir.File("missing"), kzq::kDefaultCodePage, &error), nullptr);
 }
 
 // The demo replays every collector table: a catalogue change that breaks
 // one of its files, or a table left without rows, fails here first.
 TEST(ReplayRows, DemoDataLoadsAndFillsEveryCollectorTable) {
   std::string error;
-  auto source = collector::ReplaySource::Load(std::string(KZQ_SOURCE_DIR) + "/demo/replay", &error);
+  auto source = collector::ReplaySource::Load(std::string(KZQ_SOURCE_DIR) + "/demo/replay", kzq::kDefaultCodePage, &error);
   ASSERT_NE(source, nullptr) << error;
   for (const kzq::TableSpec* table : kzq::kCatalogue) {
     if (table->form == kzq::SampleForm::kPushed) continue;

@@ -233,6 +233,22 @@ TEST_F(Sampling, AFilterKeepsOnlyTheMatchingRows) {
   EXPECT_EQ(IntOf(kzq::kzqdbd_spec, rows[0], "ROWNO"), 2);
 }
 
+// The collector sends texts in the server's code page (1252 by default);
+// consumers and filters see UTF-8, and a text that grows past its field is
+// cut at a character, never inside one.
+TEST_F(Sampling, TextsInTheServersCodePageReachConsumersAsUtf8) {
+  const std::string long_name(29, 'x');  // with the e: 30 bytes sent, 31 in UTF-8
+  kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"), "{\"DBNAME\": \"Caf\u00e9 Z\u00fcrich\"}\n{\"DBNAME\": \"" +
+                                                        long_name + "\u00e9\"}\n");
+  StartCollector();
+  const auto rows = Sample(kzq::kzqdbd_spec, "DBNAME EQ 'Caf\u00e9 Z\u00fcrich'");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(Trimmed(FieldOf(kzq::kzqdbd_spec, rows[0], "DBNAME")), "Caf\u00e9 Z\u00fcrich");
+  const auto all = Sample(kzq::kzqdbd_spec);
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(Trimmed(FieldOf(kzq::kzqdbd_spec, all[1], "DBNAME")), long_name);
+}
+
 TEST_F(Sampling, WithoutACollectorServerTablesSayWhyAndOthersAreEmpty) {
   std::string trace_path = runtime_.File("trace.txt");
   FILE* trace = fopen(trace_path.c_str(), "w");

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "framework/situation.h"
+#include "kzq/collector_text.h"
 #include "kzq/sample_rows.h"
 #include "kzq/sql_filter_walk.h"
 #include "kzq/tables.h"
@@ -97,6 +98,35 @@ std::string SessionFor(const char* filter_text) {
   framework::FilterInfo info;
   EXPECT_EQ(object.GetFilterInfo(&info), 0) << "the walk is rewound";
   return session;
+}
+
+// A collector row of KZQDBD as a collector sends it: texts blank-padded,
+// OWNER without a value (0xFF).
+std::string CollectorRow(const std::string& name, const std::string& id) {
+  const kzq::TableSpec& spec = kzq::kzqdbd_spec;
+  std::string row(static_cast<size_t>(kzq::CollectorRowLength(spec)), ' ');
+  auto put = [&](const char* attribute, const std::string& value) {
+    row.replace(static_cast<size_t>(spec.offsets[spec.IndexOf(attribute)] - spec.CollectorOffset()), value.size(),
+                value);
+  };
+  put("DBNAME", name);
+  put("DBID", id);
+  put("OWNER", std::string(8, '\xFF'));
+  return row;
+}
+
+TEST(CollectorText, TextsInTheCodePageBecomeUtf8WithinTheirWidth) {
+  kzq::RowBuilder row(kzq::kzqdbd_spec);
+  kzq::CollectorText western(1252);
+  row.CopyCollectorPart(CollectorRow("Caf\xe9 Z\xfcrich", std::string(12, '\xe9')).data(), western);
+  EXPECT_EQ(Trimmed(row.Text("DBNAME")), "Caf\u00e9 Z\u00fcrich");
+  EXPECT_EQ(row.Text("DBID"), "\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9");  // 12 bytes: cut after six
+  EXPECT_EQ(row.Text("OWNER"), std::string(8, '\xFF'));
+  kzq::CollectorText central(1250);
+  row.CopyCollectorPart(CollectorRow("\x8a\xe9", "1").data(), central);
+  EXPECT_EQ(Trimmed(row.Text("DBNAME")), "\u0160\u00e9");
+  EXPECT_EQ(row.Text("DBID"), "1" + std::string(11, ' '));
+  EXPECT_EQ(western.Encode("Caf\u00e9 \u4e2d"), "Caf\xe9 ?");
 }
 
 TEST(SqlFilterWalk, SessionComesFromThePidComparisonOnly) {
