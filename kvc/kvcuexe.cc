@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "kvc/kvcenv.h"
 #include "kvc/kvcsqlib.h"
@@ -26,8 +27,9 @@ namespace {
 // hold a quote or a blank, before they travel by file.
 constexpr size_t kQuoteFrom = 226;
 constexpr size_t kQuoteBelow = 569;
-// The interpreter's line must stay within this many characters, counting
-// 31 for the redirections.
+// Parameters go on the command's line while it stays within this many
+// characters, counting 31 for the redirections it once carried; longer ones
+// go by file.
 constexpr size_t kInlineLimit = 256;
 constexpr size_t kRedirectionAllowance = 31;
 constexpr size_t kLineBuffer = 7000;  // output lines and quoted parameters, with the terminator
@@ -38,8 +40,8 @@ bool IsAgentPrefix(const std::string& prefix) { return prefix == "kzq" || prefix
 
 bool IsSqlCommand(const char* command) { return strcmp(command, "kzqsql") == 0 || strcmp(command, "KZQSQL") == 0; }
 
-// The command as the interpreter gets it: a plain name is taken from the
-// bin directory; "@name" and names with a path separator are run as given.
+// The command to run: a plain name is taken from the bin directory; "@name"
+// and names with a path separator are run as given.
 struct CommandName {
   std::string directory;  // the bin directory and a separator, or empty
   std::string name;
@@ -51,9 +53,9 @@ CommandName Locate(const std::string& bin_path, const char* command) {
   return {bin_path + platform::PathSeparator(), command};
 }
 
-// The command's name travels to the interpreter as one word: one that
-// would be split or act on it (a pipe, a variable, a blank) is refused, so
-// a command can only run the program it names.
+// The command's name must name a program and nothing else: one that an
+// interpreter would split or act on (a pipe, a variable, a blank) is
+// refused, so a command can only run the program it names.
 bool RefusedName(const std::string& name) {
   return name.empty() || name.find_first_of(std::string(" \t") + platform::ShellSpecialCharacters()) != std::string::npos;
 }
@@ -116,17 +118,33 @@ r_exec_chain* ReadLines(const std::string& path) {
   return head;
 }
 
+// The words of parameters that hold no interpreter character: what a
+// command interpreter would have made of them too.
+std::vector<std::string> Words(const char* parms) {
+  std::vector<std::string> words;
+  std::string word;
+  for (const char* p = parms;; ++p) {
+    if (*p == ' ' || *p == '\t' || *p == '\0') {
+      if (!word.empty()) words.push_back(word);
+      word.clear();
+      if (*p == '\0') return words;
+    } else {
+      word += *p;
+    }
+  }
+}
+
 // Runs the command: the agent's own SQL requests in process, everything
-// else through the interpreter. Returns the command's exit code; -1 with
+// else as a program of its own. Returns the command's exit code; -1 with
 // *error set when nothing could run.
-int Run(const ExecPlaces& places, const char* command, const char* parms, const std::string& line,
-        const ExecTempFiles& files, int* error) {
+int Run(const ExecPlaces& places, const char* command, const char* parms, const std::string& program,
+        const std::vector<std::string>& arguments, const ExecTempFiles& files, int* error) {
   if (IsAgentPrefix(places.prefix) && IsSqlCommand(command)) {
     *error = 0;
     return RunSqlRequest(parms, files.output.c_str());
   }
-  const int status =
-      platform::RunShellCommand(line, error, static_cast<uint32_t>(places.timeout_seconds) * 1000u);
+  const int status = platform::RunCommand(program, arguments, files.output, error,
+                                          static_cast<uint32_t>(places.timeout_seconds) * 1000u);
   return status == -1 && *error != 0 ? -1 : platform::ExitCodeOf(status);
 }
 
@@ -198,14 +216,14 @@ r_exec_chain* u_exec_in(const ExecPlaces& given, const char* command, const char
   }
   const bool inline_parms = FitsOnLine(name, parms);
   if (!inline_parms && !WriteParameters(files.input, parms)) return nullptr;
-  const std::string line = platform::RedirectedCommandLine(
-      platform::QuotedPath(name.directory + name.name) + " " +
-          (inline_parms ? parms : "-filein " + platform::QuotedPath(files.input)),
-      files.output);
-  KVC_DEBUG_TRACE("uex3047", "Command to execute %s\n", line.c_str());
+  const std::string program = name.directory + name.name;
+  const std::vector<std::string> arguments =
+      inline_parms ? Words(parms) : std::vector<std::string>{"-filein", files.input};
+  KVC_DEBUG_TRACE("uex3047", "Command to execute %s %s\n", program.c_str(),
+                  inline_parms ? parms : ("-filein " + files.input).c_str());
 
   int error = 0;
-  const int status = Run(places, command, parms, line, files, &error);
+  const int status = Run(places, command, parms, program, arguments, files, &error);
   r_exec_chain* head = nullptr;
   if (status == -1 && error == ETIMEDOUT) {
     Log('w', "uex3049", "Command '%.64s' did not end within %d seconds and was stopped\n", command,
@@ -217,7 +235,9 @@ r_exec_chain* u_exec_in(const ExecPlaces& given, const char* command, const char
     while (*tail != nullptr) tail = &(*tail)->next;
     *tail = NewNode(note.data(), note.size());
   } else if (status == -1 && error != 0) {
-    Log('w', "uex3048", "Command error '%.20s' errno=%d %s\n", line.c_str(), error, strerror(error));
+    Log('w', "uex3048", "Command error '%.20s' errno=%d %s\n", program.c_str(), error, strerror(error));
+    const std::string text = "kzq: command '" + std::string(command) + "' could not be run: " + strerror(error);
+    head = NewNode(text.data(), text.size());
   } else {
     head = ReadLines(files.output);
     *exit_code = status;

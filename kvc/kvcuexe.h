@@ -1,7 +1,7 @@
 // Running an operating-system command for a take-action request: the
-// command goes through the command interpreter with its output and errors
-// redirected into a temporary file, and what it printed comes back as a
-// chain of lines.
+// command runs as a program of its own (a script by its interpreter), its
+// arguments never interpreted, with its output and errors redirected into a
+// temporary file, and what it printed comes back as a chain of lines.
 #pragma once
 
 #include <cstdint>

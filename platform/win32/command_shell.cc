@@ -4,21 +4,52 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <string>
 #include <vector>
 
 namespace platform {
 
-// Without the parentheses: cmd.exe applies the redirections to the whole
-// command either way, since no argument it would act on stands on the
-// line, and Wine's cmd.exe ignores redirections that follow a block. The
-// whole line is quoted once more: "cmd /c" takes away the first and the
-// last quote of a line that begins with one, which would otherwise be the
-// quotes of a quoted command path.
-std::string RedirectedCommandLine(const std::string& command, const std::string& output_file) {
-  return "\"" + command + " 2>" + QuotedPath(output_file) + " 1>&2\"";
+namespace {
+
+// A path as one word of cmd.exe's line.
+std::string QuotedPath(const std::string& path) {
+  return path.find_first_of(" \t&()^%") == std::string::npos ? path : "\"" + path + "\"";
 }
 
-namespace {
+// One argument as the C runtime's parser reads it back: quoted when it
+// holds a blank or a quote, backslashes doubled before a quote.
+std::string QuotedArgument(const std::string& word) {
+  if (!word.empty() && word.find_first_of(" \t\"") == std::string::npos) return word;
+  std::string out = "\"";
+  size_t backslashes = 0;
+  for (const char c : word) {
+    if (c == '\\') {
+      ++backslashes;
+      continue;
+    }
+    out.append(c == '"' ? backslashes * 2 + 1 : backslashes, '\\');
+    backslashes = 0;
+    out += c;
+  }
+  return out.append(backslashes * 2, '\\') + "\"";
+}
+
+// The program file a name stands for, as CreateProcess would find it: as
+// given with a directory, else on the search path; with ".exe" added when
+// it has no extension. Empty when there is no such program.
+std::string ProgramFile(const std::string& program) {
+  char found[MAX_PATH];
+  char* file_part = nullptr;
+  for (const char* extension : {".exe", ".com"}) {
+    const DWORD n = SearchPathA(nullptr, program.c_str(), extension, sizeof found, found, &file_part);
+    if (n == 0 || n >= sizeof found) continue;
+    const std::string path = found;
+    const std::string tail = path.size() >= 4 ? path.substr(path.size() - 4) : "";
+    if (_stricmp(tail.c_str(), ".exe") == 0 || _stricmp(tail.c_str(), ".com") == 0) return path;
+  }
+  return {};
+}
 
 // Closing the job ends every process still in it.
 HANDLE KillingJob() {
@@ -30,24 +61,23 @@ HANDLE KillingJob() {
   return job;
 }
 
-}  // namespace
-
-// As `system` does: "%ComSpec% /c <line>"; the command and what it starts
-// run in a job, so a command that runs too long is ended whole.
-int RunShellCommand(const std::string& line, int* error, uint32_t timeout_ms) {
-  fflush(nullptr);
-  *error = 0;
-  char shell[MAX_PATH];
-  const DWORD n = GetEnvironmentVariableA("ComSpec", shell, sizeof shell);
-  const std::string interpreter = n > 0 && n < sizeof shell ? shell : "cmd.exe";
-  const std::string text = "\"" + interpreter + "\" /c " + line;
+// Runs the command line, its output and errors into `output` when it is a
+// handle; the process and what it starts run in a job, so a command that
+// runs too long is ended whole.
+int RunLine(const char* application, const std::string& text, HANDLE output, int* error, uint32_t timeout_ms) {
   std::vector<char> command(text.begin(), text.end());
   command.push_back('\0');
   STARTUPINFOA startup = {};
   startup.cb = sizeof startup;
+  if (output != INVALID_HANDLE_VALUE) {
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = output;
+    startup.hStdError = output;
+  }
   PROCESS_INFORMATION process = {};
-  if (!CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED | CREATE_NO_WINDOW, nullptr,
-                      nullptr, &startup, &process)) {
+  if (!CreateProcessA(application, command.data(), nullptr, nullptr, output != INVALID_HANDLE_VALUE,
+                      CREATE_SUSPENDED | CREATE_NO_WINDOW, nullptr, nullptr, &startup, &process)) {
     *error = ENOENT;
     return -1;
   }
@@ -71,11 +101,45 @@ int RunShellCommand(const std::string& line, int* error, uint32_t timeout_ms) {
   return status;
 }
 
-int ExitCodeOf(int status) { return status; }
-
-std::string QuotedPath(const std::string& path) {
-  return path.find_first_of(" \t&()^%") == std::string::npos ? path : "\"" + path + "\"";
+// A script through "%ComSpec% /c", with cmd.exe's own redirections. The
+// line is quoted once more: "cmd /c" takes away the first and the last
+// quote of a line that begins with one, which would otherwise be the quotes
+// of a quoted command path. Wine's cmd.exe ignores redirections that
+// follow a block, so there is none.
+int RunScript(const std::string& program, const std::vector<std::string>& arguments, const std::string& output_file,
+              int* error, uint32_t timeout_ms) {
+  char shell[MAX_PATH];
+  const DWORD n = GetEnvironmentVariableA("ComSpec", shell, sizeof shell);
+  const std::string interpreter = n > 0 && n < sizeof shell ? shell : "cmd.exe";
+  std::string line = QuotedPath(program);
+  for (const std::string& word : arguments) line += " " + QuotedPath(word);
+  const std::string text = "\"" + interpreter + "\" /c \"" + line + " 2>" + QuotedPath(output_file) + " 1>&2\"";
+  return RunLine(nullptr, text, INVALID_HANDLE_VALUE, error, timeout_ms);
 }
+
+}  // namespace
+
+int RunCommand(const std::string& program, const std::vector<std::string>& arguments, const std::string& output_file,
+               int* error, uint32_t timeout_ms) {
+  fflush(nullptr);
+  *error = 0;
+  const std::string file = ProgramFile(program);
+  if (file.empty()) return RunScript(program, arguments, output_file, error, timeout_ms);
+  SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+  HANDLE output = CreateFileA(output_file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited, CREATE_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (output == INVALID_HANDLE_VALUE) {
+    *error = EACCES;
+    return -1;
+  }
+  std::string line = QuotedArgument(file);
+  for (const std::string& word : arguments) line += " " + QuotedArgument(word);
+  const int status = RunLine(file.c_str(), line, output, error, timeout_ms);
+  CloseHandle(output);
+  return status;
+}
+
+int ExitCodeOf(int status) { return status; }
 
 // The closing parenthesis (kept off the line whatever the platform),
 // redirection, pipes, command separators, the escape character, and the

@@ -90,6 +90,15 @@ TEST(ExecParameters, AreNeverExpandedByTheInterpreter) {
   platform::SetEnv("KZQ_TEST_SECRET", "");
 }
 
+#ifndef _WIN32
+// The agent starts the command itself, never through "sh -c" (a script
+// without an interpreter line is still the shell's, as execvp has it).
+TEST(Exec, TheCommandIsTheAgentsChildNotAShells) {
+  const std::string self = kzq_test::ReadFile("/proc/self/comm");
+  EXPECT_THAT(Exec("showparent", " "), ElementsAre(self.substr(0, self.find('\n'))));
+}
+#endif
+
 // A command that never ends is stopped at COLL_ACTION_TIMEOUT, with what
 // it printed and a line that says so: one action must not hold every later
 // one. (The program here waits until it is killed.)
