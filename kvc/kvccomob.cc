@@ -1,5 +1,6 @@
 #include "kvc/kvccomob.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -254,6 +255,7 @@ bool ShareCommObject::CleanStaleData() {
 void ShareCommObject::ClearDataArea() {
   WriteInt(view_, area::kDataReadIndex, 0);
   WriteInt(view_, area::kDataWriteIndex, 0);
+  WriteInt(view_, area::kDataChunkBytes, 0);
   Reset(kDataArea);
   WriteInt(view_, area::kDataReaderFinished, 1);
   WriteInt(request_view_, area::kReqDataPending, -1);
@@ -299,6 +301,7 @@ int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, 
     const size_t chunk = static_cast<size_t>(remaining < static_cast<int64_t>(area::kChunk) ? remaining : area::kChunk);
     memset(view_ + area::kDataPayload, 0, area::kChunk);
     memcpy(view_ + area::kDataPayload, source, chunk);
+    WriteInt(view_, area::kDataChunkBytes, static_cast<int32_t>(chunk));
     source += chunk;
     remaining -= static_cast<int64_t>(chunk);
     WriteInt(view_, area::kDataWriteIndex, 0);
@@ -338,7 +341,13 @@ int ShareCommObject::GetData(const char* expected_unique, std::string* unique, i
       first = false;
     }
     const size_t chunk = static_cast<size_t>(remaining < static_cast<int64_t>(area::kChunk) ? remaining : area::kChunk);
-    bytes->append(reinterpret_cast<const char*>(view_ + area::kDataPayload), chunk);
+    // Only the bytes the writer says it put here: a header that counts more
+    // rows than were sent then falls short, and the rows are refused
+    // instead of padded with whatever the area held.
+    const int32_t written = ReadInt(view_, area::kDataChunkBytes);
+    WriteInt(view_, area::kDataChunkBytes, 0);
+    const size_t taken = written <= 0 ? 0 : std::min(chunk, static_cast<size_t>(written));
+    bytes->append(reinterpret_cast<const char*>(view_ + area::kDataPayload), taken);
     remaining -= static_cast<int64_t>(chunk);
     WriteInt(view_, area::kDataReadIndex, 0);
     const int rc = avail_->Release();

@@ -61,7 +61,10 @@ inline constexpr size_t kDataRows = 68;
 inline constexpr size_t kDataRowLength = 72;
 inline constexpr size_t kDataPayload = 76;
 inline constexpr size_t kChunk = 99000;
-static_assert(kDataPayload + kChunk <= kDataSize);
+// Bytes of the payload the writer put in this chunk; the reader takes no
+// more and sets it back to 0, so a count the bytes do not cover shows.
+inline constexpr size_t kDataChunkBytes = kDataPayload + kChunk;
+static_assert(kDataChunkBytes + 4 <= kDataSize);
 
 inline constexpr int32_t kRequestTimeoutSeconds = 45;
 inline constexpr const char* kEmptyAnswer = "NONE";

@@ -8,6 +8,8 @@
 //   kvc_channel_peer <first> <second> die <rows> <length>
 //       writes the first chunk of its answer, takes the area for the
 //       second once the agent has read the first, and dies holding it
+//   kvc_channel_peer <first> <second> short <rows> <length> <sent>
+//       answers with a header of rows x length and `sent` bytes of rows
 //   kvc_channel_peer <first> <second> mute
 //       takes every request and answers none, until it is killed
 //   kvc_channel_peer <first> <second> serve <rows> <length> <count>
@@ -32,10 +34,11 @@ namespace {
 constexpr int kWaitSeconds = 20;
 
 // Writes the first chunk of an answer the way any collector would, through
-// the named objects of the contract, and dies with the area taken for the
-// second: the worst moment, as nobody else may write the area then.
-[[noreturn]] void DieAfterFirstChunk(const std::string& prefix, const std::string& unique, int32_t rows,
-                                     int32_t length) {
+// the named objects of the contract, with `payload` bytes in it whatever the
+// header claims. A dying peer then takes the area for the second chunk and
+// dies holding it: the worst moment, as nobody else may write the area then.
+[[noreturn]] void WriteFirstChunk(const std::string& prefix, const std::string& unique, int32_t rows, int32_t length,
+                                  int32_t payload, bool die) {
   int error = 0;
   auto avail = platform::OpenNamedSemaphore(prefix + "KVCDataSemAvail", 1, platform::ObjectAccess{}, &error);
   auto fill = platform::OpenNamedSemaphore(prefix + "KVCDataSemFill", 0, platform::ObjectAccess{}, &error);
@@ -47,9 +50,11 @@ constexpr int kWaitSeconds = 20;
   memcpy(view + kvc::area::kDataUnique, unique.data(), unique.size());
   memcpy(view + kvc::area::kDataRows, &rows, 4);
   memcpy(view + kvc::area::kDataRowLength, &length, 4);
-  const std::string first = kzq_test::PatternBytes(kvc::area::kChunk);
+  const std::string first = kzq_test::PatternBytes(static_cast<size_t>(payload));
   memcpy(view + kvc::area::kDataPayload, first.data(), first.size());
+  memcpy(view + kvc::area::kDataChunkBytes, &payload, 4);
   fill->Release();
+  if (!die) std::_Exit(0);
   avail->Wait(kWaitSeconds * 1000);
   std::_Exit(9);
 }
@@ -91,7 +96,7 @@ int main(int argc, char** argv) {
   int32_t rows = 1;
   int32_t length = 16;
   std::string bytes;
-  if (mode == "answer" || mode == "die") {
+  if (mode == "answer" || mode == "die" || mode == "short") {
     rows = atoi(argv[4]);
     length = atoi(argv[5]);
     // A dying peer's header may claim any numbers: only its first chunk is real.
@@ -104,7 +109,9 @@ int main(int argc, char** argv) {
     unique = "someone_else";
     bytes = kzq_test::PatternBytes(16);
   }
-  if (mode == "die") DieAfterFirstChunk(std::string(argv[1]) + "_" + argv[2], unique, rows, length);
+  const std::string prefix = std::string(argv[1]) + "_" + argv[2];
+  if (mode == "die") WriteFirstChunk(prefix, unique, rows, length, kvc::area::kChunk, true);
+  if (mode == "short" && argc == 7) WriteFirstChunk(prefix, unique, rows, length, atoi(argv[6]), false);
   const int sent = kvc::DataEndpoint()->SendData(unique.c_str(), rows, length, bytes.data(), kWaitSeconds);
   return sent == kvc::kCommOk ? 0 : 5;
 }

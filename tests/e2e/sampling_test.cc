@@ -370,6 +370,7 @@ TEST_F(GarbageCollector, AnswersThatDoNotAddUpAreRefused) {
       // counts the bytes do not cover, and a negative count
       {{"die", "1073741824", "1073741824"}, "Answer to KZQDBD refused: 1073741824 rows of 1073741824 bytes claimed"},
       {{"die", "-5", "2619"}, "Answer to KZQDBD refused: -5 rows of 2619 bytes claimed"},
+      {{"short", "30", "2619", "5238"}, "Answer to KZQDBD refused: 30 rows of 2619 bytes claimed, 5238 bytes received"},
   };
   for (const auto& [args, refusal] : cases) {
     kzq_test::LogCapture log;
