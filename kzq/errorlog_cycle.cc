@@ -24,7 +24,26 @@ bool FileHoldsResumePoint(const std::string& path, const ResumePoint& point) {
 
 }  // namespace
 
-std::string PreviousLogPath(const std::string& log_path) { return log_path + ".1"; }
+std::string GenerationPath(const std::string& log_path, int number) {
+  return log_path + "." + std::to_string(number);
+}
+
+namespace {
+
+// The number of the generation that holds the point; 0 for none. The
+// search stops at the first generation that is not there.
+int GenerationHolding(const std::string& log_path, const ResumePoint& point) {
+  for (int number = 1; number <= kMaxGenerations; ++number) {
+    FILE* file = fopen(GenerationPath(log_path, number).c_str(), "rb");
+    if (file == nullptr) return 0;
+    const bool holds = HoldsResumePoint(file, point);
+    fclose(file);
+    if (holds) return number;
+  }
+  return 0;
+}
+
+}  // namespace
 
 bool HoldsResumePoint(FILE* file, const ResumePoint& point) {
   if (point.offset < 0) return false;
@@ -35,19 +54,24 @@ bool HoldsResumePoint(FILE* file, const ResumePoint& point) {
          words.date_word == point.date_word && words.time_word == point.time_word;
 }
 
-UnreadText FindUnreadText(const ErrorlogContext& context, FILE* log) {
+UnreadText FindUnreadText(const ErrorlogContext& context, FILE* log, int* generation) {
   const bool marked = context.resume.offset >= 0;
   if (log != nullptr && (marked ? HoldsResumePoint(log, context.resume) : FileSize(log) >= context.offset))
     return UnreadText::kInLog;
-  if (marked && FileHoldsResumePoint(PreviousLogPath(context.log_path), context.resume))
+  if (marked && (*generation = GenerationHolding(context.log_path, context.resume)) != 0)
     return UnreadText::kInPreviousLog;
   return log != nullptr ? UnreadText::kGone : UnreadText::kNoLog;
 }
 
-void ResumeFrom(ErrorlogContext& context, const ResumePoint& point) {
+bool ResumeFrom(ErrorlogContext& context, const ResumePoint& point) {
+  if (!FileHoldsResumePoint(context.log_path, point) && GenerationHolding(context.log_path, point) == 0) {
+    context.offset = 0;
+    context.resume = ResumePoint{u"", u"", -1, 0};
+    return false;
+  }
   context.offset = point.offset;
-  if (FileHoldsResumePoint(context.log_path, point) || FileHoldsResumePoint(PreviousLogPath(context.log_path), point))
-    context.resume = point;
+  context.resume = point;
+  return true;
 }
 
 }  // namespace kzq

@@ -157,10 +157,12 @@ void ErrorlogMonitor::Run() {
     ERRORLOG_FAILURE("\t\tCreateFile Function Failed. Errorcode:%ld.\n", static_cast<long>(error));
     return;
   }
+  // The recent past is for report samples; listeners get only what is
+  // written from here on and what the resume point says they missed, so
+  // no error reaches them twice or as new when it is old.
   ErrorEventQueue& queue = TheErrorEventQueue();
   StartupScan(settings_, context_.state_file, context_.log_path, context_.roll_over,
               [&queue](const std::string& event) { queue.Append(event); }, now_);
-  for (const std::string& event : queue.Snapshot()) emit_row_(RowOf(event, now_()));
   queue.Trim(settings_.max_event_rows);
   ResumeFromStateFile();
   WatchLoop(directory, *watch);
@@ -178,11 +180,12 @@ void ErrorlogMonitor::ResumeFromStateFile() {
     context_.offset = size < 0 ? 0 : size;
     return;
   }
-  if (point->values < 3) ERRORLOG_FAILURE("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
-  else ResumeFrom(context_, *point);
-  if (context_.offset < 0) {
-    ERRORLOG_FAILURE("\t\t Offset is:%ld.\n", context_.offset.load());
-    context_.offset = 0;
+  if (point->values < 3) {
+    ERRORLOG_FAILURE("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
+  } else if (!ResumeFrom(context_, *point)) {
+    ERRORLOG_FAILURE("\t\tResume point '%s' (offset %ld) is in no generation of the log: it was truncated, replaced or "
+                     "cycled more often than kept since, or the point is damaged. Reading the log from its start.\n",
+                     context_.state_file.c_str(), point->offset);
   }
 }
 
@@ -236,7 +239,7 @@ int ErrorlogReportSample(framework::tavra& object) {
     std::string directory, path;
     if (LocateLog(log, &directory, &path)) {
       int count = 0;
-      FileScan scan{LogTime{}, settings.min_severity, nullptr, settings.max_event_rows, &count, nullptr,
+      FileScan scan{LogTime{}, settings.min_severity, settings.max_event_rows, &count, nullptr,
                     [&queue](const std::string& event) { queue.Append(event); }, platform::NowUnixSeconds,
                     settings.max_read_bytes};
       ScanLogFile(path, scan);

@@ -116,6 +116,9 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
       ERRORLOG_FAILURE("\t\tError in fgetws\n");
       break;
     }
+    // Zeros the server left before a line (a log file grown ahead of its
+    // text) would hide the line's date.
+    line.erase(0, line.find_first_not_of(u'\0'));
     const int before = *count;
     if (!HandleLine(context, reader, line, emit, now, count)) break;
     if (*count != before) SaveResumePoint(writer, context);
@@ -123,16 +126,35 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
   SaveResumePoint(writer, context);
 }
 
-// The server cycled the log after the last read: what it wrote before that
-// is at the end of the previous generation, read on from the offset. The
-// new log is then read from its start.
-void FinishPreviousLog(ErrorlogContext& context, const EmitEvent& emit, Clock now, int* count) {
-  const std::string path = PreviousLogPath(context.log_path);
+// Reads one whole generation of the log that was never read, from after
+// its header to its end.
+void ReadWholeGeneration(ErrorlogContext& context, const std::string& path, const EmitEvent& emit, Clock now,
+                         int* count) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return;
+  Utf16LineReader reader(file);
+  StartOver(context);
+  PositionReader(context, reader);
+  ReadToEnd(context, reader, emit, now, count);
+  fclose(file);
+}
+
+// The server cycled the log after the last read, once or more: what it
+// wrote before that is at the end of the generation that holds the point,
+// read on from the offset, then every newer generation whole. The new log
+// is then read from its start.
+void FinishOlderGenerations(ErrorlogContext& context, int generation, const EmitEvent& emit, Clock now, int* count) {
+  const std::string path = GenerationPath(context.log_path, generation);
   ERRORLOG_FLOW("\t\tErrorlog was cycled: reading '%s' on from Offset:%ld.\n", path.c_str(), context.offset.load());
   if (FILE* previous = fopen(path.c_str(), "rb")) {
     Utf16LineReader reader(previous);
     if (reader.Seek(context.offset)) ReadToEnd(context, reader, emit, now, count);
     fclose(previous);
+  }
+  for (int newer = generation - 1; newer >= 1 && !context.roll_over; --newer) {
+    ERRORLOG_FLOW("\t\tErrorlog was cycled more than once: reading '%s' whole.\n",
+                  GenerationPath(context.log_path, newer).c_str());
+    ReadWholeGeneration(context, GenerationPath(context.log_path, newer), emit, now, count);
   }
   if (!context.roll_over) StartOver(context);
 }
@@ -140,11 +162,12 @@ void FinishPreviousLog(ErrorlogContext& context, const EmitEvent& emit, Clock no
 // One pass over what is new, wherever the server has put it.
 void ReadPass(ErrorlogContext& context, const EmitEvent& emit, Clock now, int* count) {
   FILE* file = fopen(context.log_path.c_str(), "rb");
-  switch (FindUnreadText(context, file)) {
+  int generation = 0;
+  switch (FindUnreadText(context, file, &generation)) {
     case UnreadText::kInLog:
       break;
     case UnreadText::kInPreviousLog:
-      FinishPreviousLog(context, emit, now, count);
+      FinishOlderGenerations(context, generation, emit, now, count);
       break;
     case UnreadText::kGone:
       ERRORLOG_FAILURE("\t\tERRORLOG FILE '%s' no longer holds what was read up to Offset:%ld (truncated or "

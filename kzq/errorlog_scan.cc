@@ -23,34 +23,13 @@ int EnvInt(const char* name, int fallback) {
   return value.has_value() ? atoi(value->c_str()) : fallback;
 }
 
-// The date and time words of the file's last line.
-std::optional<LogLine> LastLine(FILE* file, long size) {
-  Utf16LineReader reader(file);
-  if (!reader.Seek(size > 4 * kStep ? size - 4 * kStep : 0)) return std::nullopt;
-  std::u16string line;
-  std::optional<LogLine> last;
-  while (reader.ReadLine(&line, kMaxLogLineUnits)) {
-    LogLine split;
-    if (SplitLogLine(line, &split)) last = split;
-  }
-  return last;
-}
-
-void RecordFileEnd(FILE* file, long size, const std::string& state_file) {
-  const std::optional<LogLine> last = LastLine(file, size);
-  if (!last.has_value()) {
-    ERRORLOG_FAILURE("\n Error in taking last file time abd date.\n");
-    return;
-  }
-  WriteResumePoint(state_file, {last->date_word, last->time_word, size, 3});
-}
-
 // One line of a step. True when the scan is done.
 bool TakeLine(Utf16LineReader& reader, const std::u16string& line, const FileScan& scan, bool* start_reached) {
   LogLine split;
   LogTime time;
-  SplitLogLine(line, &split);
-  ParseLineTime(split, &time);
+  // The server writes undated continuation lines (a message's second
+  // line, a dump's body): they neither qualify nor end the scan.
+  if (!SplitLogLine(line, &split) || !ParseLineTime(split, &time)) return false;
   if (!IsLater(time, scan.start)) {
     *start_reached = true;
     return false;
@@ -114,7 +93,6 @@ ScanResult ScanLogFile(const std::string& path, const FileScan& scan) {
   fseek(file, 0, SEEK_END);
   long step_end = ftell(file);
   const long file_end = step_end;
-  if (scan.state_file != nullptr) RecordFileEnd(file, step_end, *scan.state_file);
   Utf16LineReader reader(file);
   ScanResult result = kScanOlderFileNext;
   std::u16string line;
@@ -164,10 +142,9 @@ void StartupScan(const ErrorlogSettings& settings, const std::string& state_file
   if (state_time.has_value())
     start = settings.startup_minutes == 1 || IsLater(*state_time, read_time) ? *state_time : read_time;
   int count = 0;
-  FileScan scan{start,    settings.min_severity, &state_file, settings.startup_rows, &count, &roll_over, queue, now,
+  FileScan scan{start, settings.min_severity, settings.startup_rows, &count, &roll_over, queue, now,
                 settings.max_read_bytes};
   ScanResult result = ScanLogFile(log_path, scan);
-  scan.state_file = nullptr;
   for (int generation = 1; result == kScanOlderFileNext; ++generation)
     result = ScanLogFile(log_path + "." + std::to_string(generation), scan);
 }

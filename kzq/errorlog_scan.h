@@ -32,7 +32,6 @@ enum ScanResult { kScanDone = 0, kScanOlderFileNext = 1, kScanNoFile = 2 };
 struct FileScan {
   LogTime start;
   int min_severity = 17;
-  const std::string* state_file = nullptr;  // rewritten with the file's end when given
   int budget = 0;                           // 1: no limit
   int* count = nullptr;                     // shared by the files of one scan
   const std::atomic<bool>* roll_over = nullptr;

@@ -55,8 +55,11 @@ std::string ResumeLine(const ResumePoint& point) {
   return bytes;
 }
 
-// Opens the file truncated, making its directory on the first write.
-FILE* OpenTruncated(const std::string& path) {
+// Opens the file for writing in place - never truncated, so a process
+// killed at any instant leaves the old line or the new one - and creates it
+// (and its directory) when it is not there yet.
+FILE* OpenInPlace(const std::string& path) {
+  if (FILE* file = fopen(path.c_str(), "r+b")) return file;
   FILE* file = fopen(path.c_str(), "wb");
   const size_t slash = path.find_last_of("\\/");
   if (file == nullptr && slash != std::string::npos) {
@@ -77,18 +80,15 @@ ResumePointWriter::~ResumePointWriter() {
   if (file_ != nullptr) fclose(file_);
 }
 
+// One write of the whole line at the file's start. A shorter line than the
+// one before leaves that one's tail after its line end, where the reader
+// never looks.
 bool ResumePointWriter::Save(const ResumePoint& point) {
   const std::string bytes = ResumeLine(point);
-  if (file_ != nullptr && bytes.size() < written_) {
-    fclose(file_);
-    file_ = nullptr;
-  }
-  if (file_ == nullptr) file_ = OpenTruncated(path_);
+  if (file_ == nullptr) file_ = OpenInPlace(path_);
   if (file_ == nullptr) return false;
-  const bool saved = fseek(file_, 0, SEEK_SET) == 0 && fwrite(bytes.data(), 1, bytes.size(), file_) == bytes.size() &&
-                     fflush(file_) == 0;
-  written_ = bytes.size();
-  return saved;
+  return fseek(file_, 0, SEEK_SET) == 0 && fwrite(bytes.data(), 1, bytes.size(), file_) == bytes.size() &&
+         fflush(file_) == 0;
 }
 
 std::optional<ResumePoint> ReadResumePoint(const std::string& path, size_t max_units) {

@@ -20,14 +20,15 @@ struct ResumePoint {
 // <COLL_HOME>/tmp/<COLL_VERSION>/<COLL_SERVERID>/<COLL_SERVERID>_KZQERROR_EVENT
 std::string ErrorStateFilePath(const std::string& home, const std::string& version, const std::string& server_id);
 
-// Rewrites the whole file with "<date> <time> <offset>\n" in UTF-16LE,
-// making its directory first when needed. False when it cannot be written.
+// Writes "<date> <time> <offset>\n" in UTF-16LE at the file's start,
+// making the file and its directory first when needed. False when it
+// cannot be written.
 bool WriteResumePoint(const std::string& path, const ResumePoint& point);
 
 // Keeps the state file open while a parser run saves point after point:
-// each save overwrites the line in place (reopening to truncate only when
-// the line got shorter), which costs one write instead of an open, a write
-// and a close.
+// each save overwrites the line in place and never truncates, which costs
+// one write instead of an open, a write and a close, and leaves a whole
+// line whenever the process is killed.
 class ResumePointWriter {
  public:
   explicit ResumePointWriter(std::string path) : path_(std::move(path)) {}
@@ -39,7 +40,6 @@ class ResumePointWriter {
  private:
   std::string path_;
   FILE* file_ = nullptr;
-  size_t written_ = 0;  // bytes of the line now in the file
 };
 
 // Reads the first line (at most `max_units` units, as the writer never

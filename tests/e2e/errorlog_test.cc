@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "kvc/kvcenv.h"
 #include "kzq/agent_loader.h"
 #include "kzq/catalogue.h"
+#include "kzq/error_event.h"
 #include "kzq/errorlog_monitor.h"
 #include "kzq/errorlog_parser.h"
 #include "kzq/errorlog_queue.h"
@@ -104,6 +106,13 @@ class Errorlog : public testing::Test {
       }
       platform::SleepMillis(10);
     }
+  }
+  // The rows of the events the start-up scan queued for report samples.
+  static std::vector<std::string> QueuedRows() {
+    std::vector<std::string> rows;
+    for (const std::string& event : kzq::TheErrorEventQueue().Snapshot())
+      rows.push_back(kzq::BuildErrorRow(event, "", nullptr, nullptr, ""));
+    return rows;
   }
   // The messages of those rows. A test ends with an error written last, so
   // that a row reported twice or invented would show before it.
@@ -340,18 +349,23 @@ TEST_F(Errorlog, TheStartUpScanQueuesOlderErrorsAcrossGenerations) {
   platform::SetEnv("COLL_ERRORLOG_STARTUP_MAX_EVENT_ROW", "1");
   // Each generation: a head the scan never reads, then an error, then
   // enough text behind it that the error lies in a whole 2048-byte step.
+  std::optional<kzq_test::ErrorlogWriter> writer;
   for (const char* name : {"ERRORLOG.2", "ERRORLOG.1", "ERRORLOG"}) {
-    auto writer = kzq_test::ErrorlogWriter::Create(log_->File(name), clock_);
-    writer.InfoLines(40).Error("spid70", 50000, 18, 1, name).Error("spid70", 50001, 17, 1, "at the minimum");
-    writer.InfoLines(40);
+    writer = kzq_test::ErrorlogWriter::Create(log_->File(name), clock_);
+    writer->InfoLines(40).Error("spid70", 50000, 18, 1, name).Error("spid70", 50001, 17, 1, "at the minimum");
+    // Undated continuation lines neither qualify nor end the scan.
+    writer->Bytes(kzq_test::Utf16Bytes("    a continuation line without a date\r\n")).InfoLines(40);
   }
   auto monitor = StartMonitor();
-  const auto rows = RowsWhen(3);
+  const auto rows = QueuedRows();
   ASSERT_EQ(rows.size(), 3u);
   // Only strictly above the minimum; the newest file first.
   EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "ERRORLOG");
   EXPECT_EQ(Field(rows[1], "UMSGTEXT"), "ERRORLOG.1");
   EXPECT_EQ(Field(rows[2], "UMSGTEXT"), "ERRORLOG.2");
+  // The past is for report samples: a listener gets only what comes next.
+  writer->Advance(1).Error("spid71", 50002, 20, 1, "after the start");
+  EXPECT_EQ(TextsWhen(1), std::vector<std::string>{"after the start"});
 }
 
 TEST_F(Errorlog, TheStartUpScanStopsAtItsTimeSpanAndRowBudget) {
@@ -367,7 +381,7 @@ TEST_F(Errorlog, TheStartUpScanStopsAtItsTimeSpanAndRowBudget) {
   writer.InfoLines(40);
   auto monitor = StartMonitor();
   std::vector<std::string> texts;
-  for (const std::string& row : RowsWhen(3)) texts.push_back(Field(row, "UMSGTEXT"));
+  for (const std::string& row : QueuedRows()) texts.push_back(Field(row, "UMSGTEXT"));
   // The newest three, oldest first within a step.
   EXPECT_EQ(texts, (std::vector<std::string>{"recent 4", "recent 3", "recent 2"}));
 }

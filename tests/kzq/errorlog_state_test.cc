@@ -41,9 +41,15 @@ TEST(ErrorlogState, AnOpenWriterLeavesExactlyTheLastPoint) {
   ASSERT_TRUE(writer.Save({u"2026-11-23", u"10:15:02.31", 123456, 3}));
   ASSERT_TRUE(writer.Save({u"2026-11-23", u"10:15:03.00", 999999, 3}));
   EXPECT_EQ(kzq_test::ReadFile(path), Utf16Bytes("2026-11-23 10:15:03.00 999999\n"));
-  // A shorter line (a log that started over) leaves nothing of the longer one.
+  // The file is never truncated, so a kill at any instant leaves a whole
+  // line: a shorter one (a log that started over) is read back alone, and
+  // a writer of the next run overwrites in place too.
   ASSERT_TRUE(writer.Save({u"2026-11-24", u"00:00:01.00", 714, 3}));
-  EXPECT_EQ(kzq_test::ReadFile(path), Utf16Bytes("2026-11-24 00:00:01.00 714\n"));
+  EXPECT_EQ(kzq::ReadResumePoint(path, 50)->offset, 714);
+  kzq::ResumePointWriter next_run(path);
+  ASSERT_TRUE(next_run.Save({u"2026-11-24", u"00:00:02.00", 9, 3}));
+  EXPECT_EQ(kzq_test::ReadFile(path).substr(0, 2 * 25), Utf16Bytes("2026-11-24 00:00:02.00 9\n"));
+  EXPECT_EQ(kzq::ReadResumePoint(path, 50)->offset, 9);
 }
 
 TEST(ErrorlogState, DamagedOrMissingFilesSayHowMuchWasRead) {
