@@ -73,6 +73,15 @@ sc description "!COLLECTOR!" "Collects SQL Server instance !INSTANCE! state for 
 sc create "!AGENT!" binPath= "!AGENT_COMMAND!" start= auto depend= "!COLLECTOR!" DisplayName= "kzq agent (!INSTANCE!)"
 if errorlevel 1 exit /b 5
 sc description "!AGENT!" "Monitors SQL Server instance !INSTANCE! and publishes its state."
+rem The channel between the two programs admits each service's own SID
+rem whatever logon account an administrator gives it later; that SID is in a
+rem service's token only when its SID type is unrestricted. Service managers
+rem that do not know the setting (Wine's) fail the command: the services
+rem then meet as SYSTEM, their default account, and the install goes on.
+sc sidtype "!COLLECTOR!" unrestricted
+if errorlevel 1 echo the SID type of !COLLECTOR! is unchanged
+sc sidtype "!AGENT!" unrestricted
+if errorlevel 1 echo the SID type of !AGENT! is unchanged
 sc start "!COLLECTOR!"
 if errorlevel 1 exit /b 7
 sc start "!AGENT!"

@@ -8,6 +8,7 @@
 
 #include "platform/error.h"
 #include "platform/win32/errors.h"
+#include "platform/win32/object_access.h"
 
 namespace platform {
 

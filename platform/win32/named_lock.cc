@@ -4,6 +4,7 @@
 
 #include "platform/error.h"
 #include "platform/win32/errors.h"
+#include "platform/win32/object_access.h"
 #include "platform/win32/object_names.h"
 
 namespace platform {

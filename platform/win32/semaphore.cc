@@ -5,6 +5,7 @@
 #include "platform/common/sliced_wait.h"
 #include "platform/error.h"
 #include "platform/win32/errors.h"
+#include "platform/win32/object_access.h"
 #include "platform/win32/object_names.h"
 
 namespace platform {
@@ -42,14 +43,13 @@ class Win32Semaphore final : public Semaphore {
 
 std::unique_ptr<Semaphore> OpenNamedSemaphore(const std::string& name, int initial,
                                          const ObjectAccess& access, int* error) {
-  win32::ObjectSecurity security(access);
-  HANDLE sem = CreateSemaphoreA(security.Attributes(),
-                                initial > 0 ? 1 : 0, 1, win32::GlobalObjectName(name).c_str());
-  if (sem == nullptr) {
-    *error = win32::LastError();
-    return nullptr;
-  }
-  *error = GetLastError() == ERROR_ALREADY_EXISTS ? kErrAlreadyExists : kOk;
+  HANDLE sem = win32::CreateSharedObject(
+      access,
+      [&](SECURITY_ATTRIBUTES* attributes) {
+        return CreateSemaphoreA(attributes, initial > 0 ? 1 : 0, 1, win32::GlobalObjectName(name).c_str());
+      },
+      error);
+  if (sem == nullptr) return nullptr;
   return std::make_unique<Win32Semaphore>(sem);
 }
 

@@ -4,6 +4,7 @@
 
 #include "platform/error.h"
 #include "platform/win32/errors.h"
+#include "platform/win32/object_access.h"
 #include "platform/win32/object_names.h"
 
 namespace platform {
@@ -37,17 +38,17 @@ size_t RoundToPages(size_t size) {
 
 std::unique_ptr<SharedArea> OpenSharedArea(const std::string& name, size_t size,
                                            const ObjectAccess& access, int* error) {
-  win32::ObjectSecurity security(access);
   const size_t mapped = RoundToPages(size == 0 ? 1 : size);
-  HANDLE mapping = CreateFileMappingA(
-      INVALID_HANDLE_VALUE, security.Attributes(),
-      PAGE_READWRITE, static_cast<DWORD>(static_cast<uint64_t>(mapped) >> 32),
-      static_cast<DWORD>(mapped), win32::GlobalObjectName(name).c_str());
-  if (mapping == nullptr) {
-    *error = win32::LastError();
-    return nullptr;
-  }
-  const bool existed = GetLastError() == ERROR_ALREADY_EXISTS;
+  HANDLE mapping = win32::CreateSharedObject(
+      access,
+      [&](SECURITY_ATTRIBUTES* attributes) {
+        return CreateFileMappingA(INVALID_HANDLE_VALUE, attributes, PAGE_READWRITE,
+                                  static_cast<DWORD>(static_cast<uint64_t>(mapped) >> 32),
+                                  static_cast<DWORD>(mapped), win32::GlobalObjectName(name).c_str());
+      },
+      error);
+  if (mapping == nullptr) return nullptr;
+  const bool existed = *error == kErrAlreadyExists;
   void* address = MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, mapped);
   if (address == nullptr) {
     *error = win32::LastError();

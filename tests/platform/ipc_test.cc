@@ -4,12 +4,18 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #ifndef _WIN32
 #include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#else
+#include <windows.h>
+// After windows.h, which they need.
+#include <aclapi.h>
+#include <sddl.h>
 #endif
 
 #include "platform/error.h"
@@ -123,6 +129,125 @@ TEST(ChannelObjects, AnotherAccountsObjectsAreRefused) {
   EXPECT_NE(platform::OpenNamedSemaphore(name, 1, Open(), &error), nullptr);
   platform::RemoveSharedArea(name);
   platform::RemoveSemaphore(name);
+}
+#else
+// Windows names the objects in its global namespace, one for all kinds: an
+// area and a semaphore need names of their own.
+HANDLE OpenByName(const std::string& name, bool area) {
+  const std::string global = "Global\\" + name;
+  return area ? OpenFileMappingA(READ_CONTROL, FALSE, global.c_str())
+              : OpenSemaphoreA(READ_CONTROL, FALSE, global.c_str());
+}
+
+// The accounts the object's access list grants, as SID strings; "null" for
+// a null list, which grants every account.
+std::vector<std::string> Grantees(const std::string& name, bool area) {
+  HANDLE object = OpenByName(name, area);
+  EXPECT_NE(object, nullptr) << name;
+  ACL* acl = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  EXPECT_EQ(GetSecurityInfo(object, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &acl, nullptr,
+                            &descriptor),
+            static_cast<DWORD>(ERROR_SUCCESS));
+  CloseHandle(object);
+  std::vector<std::string> sids;
+  if (acl == nullptr) sids.push_back("null");
+  for (DWORD i = 0; acl != nullptr && i < acl->AceCount; ++i) {
+    ACCESS_ALLOWED_ACE* entry = nullptr;
+    GetAce(acl, i, reinterpret_cast<void**>(&entry));
+    char* text = nullptr;
+    ConvertSidToStringSidA(&entry->SidStart, &text);
+    sids.push_back(entry->Header.AceType == ACCESS_ALLOWED_ACE_TYPE ? text : "other entry");
+    LocalFree(text);
+  }
+  LocalFree(descriptor);
+  return sids;
+}
+
+std::string ProcessUser() {
+  HANDLE token = nullptr;
+  OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
+  unsigned char user[512];
+  DWORD size = 0;
+  GetTokenInformation(token, TokenUser, user, sizeof user, &size);
+  CloseHandle(token);
+  char* text = nullptr;
+  ConvertSidToStringSidA(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, &text);
+  const std::string sid = text;
+  LocalFree(text);
+  return sid;
+}
+
+platform::ObjectAccess Private() {
+  platform::ObjectAccess access;
+  access.services = {"kzq_no_such_service"};  // not installed: no entry
+  return access;
+}
+
+platform::ObjectAccess Open() {
+  platform::ObjectAccess access;
+  access.open = true;
+  return access;
+}
+
+// A private object grants SYSTEM, Administrators and the running account
+// alone; an open one has a null list; an open one of the running account's
+// reopened privately becomes private.
+TEST(ChannelObjects, PrivateObjectsGrantTheSystemAndTheAccountOnly) {
+  const std::vector<std::string> trusted{"S-1-5-18", "S-1-5-32-544", ProcessUser()};
+  const struct {
+    platform::ObjectAccess access;
+    std::vector<std::string> grantees;
+  } cases[] = {{Private(), trusted}, {Open(), {"null"}}};
+  for (const auto& c : cases) {
+    const std::string name = UniqueName(c.access.open ? "open" : "private");
+    const std::string sem_name = name + "_sem";
+    int error = -1;
+    auto area = platform::OpenSharedArea(name, 4096, c.access, &error);
+    auto sem = platform::OpenNamedSemaphore(sem_name, 1, c.access, &error);
+    ASSERT_NE(area, nullptr);
+    ASSERT_NE(sem, nullptr);
+    EXPECT_EQ(Grantees(name, true), c.grantees);
+    EXPECT_EQ(Grantees(sem_name, false), c.grantees);
+    auto area2 = platform::OpenSharedArea(name, 4096, Private(), &error);
+    EXPECT_EQ(error, platform::kErrAlreadyExists);
+    auto sem2 = platform::OpenNamedSemaphore(sem_name, 1, Private(), &error);
+    EXPECT_EQ(error, platform::kErrAlreadyExists);
+    EXPECT_EQ(Grantees(name, true), trusted);
+    EXPECT_EQ(Grantees(sem_name, false), trusted);
+  }
+}
+
+// Objects another account made first - open to all, so that it could read
+// every request or answer in the collector's place - are refused, in
+// private mode only.
+TEST(ChannelObjects, AnotherAccountsObjectsAreRefused) {
+  unsigned char service[SECURITY_MAX_SID_SIZE];
+  DWORD size = sizeof service;
+  ASSERT_TRUE(CreateWellKnownSid(WinLocalServiceSid, nullptr, service, &size));
+  SECURITY_DESCRIPTOR descriptor;
+  InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
+  SetSecurityDescriptorOwner(&descriptor, service, FALSE);
+  SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE);
+  SECURITY_ATTRIBUTES foreign{sizeof foreign, &descriptor, FALSE};
+  const std::string name = UniqueName("foreign");
+  const std::string sem_name = name + "_sem";
+  HANDLE area =
+      CreateFileMappingA(INVALID_HANDLE_VALUE, &foreign, PAGE_READWRITE, 0, 4096, ("Global\\" + name).c_str());
+  HANDLE sem = CreateSemaphoreA(&foreign, 1, 1, ("Global\\" + sem_name).c_str());
+  ASSERT_NE(area, nullptr) << GetLastError();
+  ASSERT_NE(sem, nullptr) << GetLastError();
+
+  int error = 0;
+  EXPECT_EQ(platform::OpenSharedArea(name, 4096, Private(), &error), nullptr);
+  EXPECT_EQ(error, platform::kErrInvalidOwner);
+  EXPECT_EQ(platform::OpenNamedSemaphore(sem_name, 1, Private(), &error), nullptr);
+  EXPECT_EQ(error, platform::kErrInvalidOwner);
+  EXPECT_EQ(Grantees(name, true), std::vector<std::string>{"null"});
+  EXPECT_NE(platform::OpenSharedArea(name, 4096, Open(), &error), nullptr);
+  EXPECT_NE(platform::OpenNamedSemaphore(sem_name, 1, Open(), &error), nullptr);
+  CloseHandle(area);
+  CloseHandle(sem);
 }
 #endif
 
