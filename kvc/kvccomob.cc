@@ -68,6 +68,10 @@ std::string NewUniqueName(const char* request) {
 // Seconds from `then` to `now`, both as an area holds them. The peer wrote
 // `then`, so it may be anything: the difference is taken in 64 bits, where
 // it cannot overflow.
+// An object another account made: refused by our check, or closed to us
+// by its own mode or access list.
+bool IsForeign(int error) { return error == platform::kErrInvalidOwner || error == platform::kErrAccessDenied; }
+
 int64_t SecondsSince(int32_t then, int32_t now) { return static_cast<int64_t>(now) - then; }
 
 uint32_t Millis(int timeout_seconds) {
@@ -93,7 +97,7 @@ ShareCommObject::ShareCommObject(AreaKind kind, const platform::ObjectAccess& ac
     : kind_(kind), request_view_(request_view) {
   int error = memory_.Open(area_name, size, access);
   if (error != 0) {
-    if (error == platform::kErrInvalidOwner) {
+    if (IsForeign(error)) {
       RefuseForeignObject(area_name);
     } else {
       Log('e', "nsh0001", "Failed to create file map, error# %d\n", error);
@@ -134,7 +138,7 @@ std::unique_ptr<platform::Semaphore> ShareCommObject::OpenSemaphore(const std::s
                                                                     const platform::ObjectAccess& access) {
   int error = 0;
   auto semaphore = platform::OpenNamedSemaphore(name, initial, access, &error);
-  if (error == platform::kErrInvalidOwner) {
+  if (IsForeign(error)) {
     RefuseForeignObject(name);
   } else if (semaphore == nullptr) {
     Log('e', "nlk0001", "Create semaphore failed, error# %d\n", error);
