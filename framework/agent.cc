@@ -15,6 +15,7 @@ struct AgentState {
   std::condition_variable stopped;
   AgentIdentity identity;
   AgentLoader loader = nullptr;
+  ApplicationCounters counters = nullptr;
   bool shutdown = false;
 };
 
@@ -45,6 +46,16 @@ AgentLoader RegisteredLoader() {
   AgentState& s = State();
   std::lock_guard<std::mutex> guard(s.lock);
   return s.loader;
+}
+
+void SetApplicationCounters(ApplicationCounters counters) {
+  Update([counters](AgentState& s) { s.counters = counters; });
+}
+
+ApplicationCounters RegisteredApplicationCounters() {
+  AgentState& s = State();
+  std::lock_guard<std::mutex> guard(s.lock);
+  return s.counters;
 }
 
 bool ShutdownRequested() {

@@ -27,6 +27,8 @@ int DetermineLocalHost(char* buffer, int limit);
 
 namespace framework {
 
+struct CounterFamily;
+
 inline constexpr const char* kProductCode = "ZQ";
 inline constexpr const char* kProductVersion = "01.00.00";
 
@@ -42,6 +44,11 @@ struct AgentIdentity {
 
 AgentIdentity Identity();
 AgentLoader RegisteredLoader();
+// The application's own counters for /metrics, given by its loader; the
+// endpoint's threads call it on every scrape.
+using ApplicationCounters = std::vector<CounterFamily> (*)();
+void SetApplicationCounters(ApplicationCounters counters);
+ApplicationCounters RegisteredApplicationCounters();
 bool ShutdownRequested();
 // Blocks until AVR_Shutdown has been called.
 void WaitForShutdown();

@@ -12,10 +12,10 @@
 #include "kvc/kvcstr.h"
 #include "kvc/kvcutil.h"
 #include "kzq/catalogue_json.h"
+#include "kzq/errorlog_monitor.h"
 #include "kzq/instance_names.h"
 #include "kzq/service_status.h"
 #include "kzq/tables.h"
-#include "kzq/errorlog_monitor.h"
 #include "kzq/take_sample.h"
 #include "platform/clock.h"
 
@@ -114,6 +114,7 @@ int AgentLoader() {
   AVR_SetNodeType("MSS");
   AnnounceStart(config);
   InstallAgentSampling();
+  framework::SetApplicationCounters(ErrorlogCounters);
   RegisterAllTables();
   PublishToConsumers();
   return 0;

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "framework/agent.h"
 #include "kvc/kvcenv.h"
@@ -21,6 +22,7 @@ namespace kzq {
 namespace {
 
 constexpr int kWatchWaitMillis = 250;  // how soon a park or a stop is noticed
+constexpr int kHighestSeverity = 25;
 
 std::string Text(const char* value) { return value != nullptr ? value : ""; }
 
@@ -120,8 +122,25 @@ bool ErrorlogMonitor::WaitWhileParked() {
 }
 
 void ErrorlogMonitor::Emit(const std::string& event) {
-  emit_row_(RowOf(event, now_()));
+  const std::string row = RowOf(event, now_());
+  int32_t severity = 0;
+  memcpy(&severity, row.data() + kzqerror_spec.offsets[kzqerror_spec.IndexOf("SEVERITY")], sizeof severity);
+  {
+    std::lock_guard<std::mutex> guard(counts_lock_);
+    ++errors_by_severity_[severity];
+  }
+  emit_row_(row);
   TheErrorEventQueue().AppendBounded(event, settings_.max_event_rows);
+}
+
+std::vector<std::pair<int, uint64_t>> ErrorlogMonitor::ErrorsBySeverity() const {
+  std::lock_guard<std::mutex> guard(counts_lock_);
+  std::map<int, uint64_t> counts = errors_by_severity_;
+  // Series from the minimum up exist from the start, so that an alert on
+  // their increase sees the first error.
+  for (int severity = min_severity_; severity <= kHighestSeverity; ++severity)
+    counts.emplace(severity, 0);
+  return {counts.begin(), counts.end()};
 }
 
 // Steps 1-8 of the monitor's start: where the log is, the settings, the
@@ -142,6 +161,7 @@ bool ErrorlogMonitor::Prepare(std::string* directory) {
   configured_log_ = log;
   settings_ = ReadErrorlogSettings();
   context_.min_severity = settings_.min_severity;
+  min_severity_ = settings_.min_severity;
   ERRORLOG_FLOW("\t\t Errorlog min severity :'%d'.\n", context_.min_severity);
   context_.state_file = ErrorStateFilePath(Text(config.home), Text(config.version), Text(config.serverId));
   ERRORLOG_FLOW("\t\t PrevParseDetailFile:%s.\n", context_.state_file.c_str());
@@ -165,7 +185,7 @@ void ErrorlogMonitor::Run() {
               [&queue](const std::string& event) { queue.Append(event); }, now_);
   queue.Trim(settings_.max_event_rows);
   ResumeFromStateFile();
-  WatchLoop(directory, *watch);
+  WatchLoop(directory, std::move(watch));
 }
 
 void ErrorlogMonitor::ResumeFromStateFile() {
@@ -189,19 +209,40 @@ void ErrorlogMonitor::ResumeFromStateFile() {
   }
 }
 
-void ErrorlogMonitor::WatchLoop(const std::string& directory, platform::DirectoryWatch& watch) {
+void ErrorlogMonitor::WatchLoop(const std::string& directory, std::unique_ptr<platform::DirectoryWatch> watch) {
   const std::string log_name = context_.log_path.substr(directory.size() + 1);
-  std::string changed;
+  std::vector<std::string> changed;
   int error = 0;
   watching_ = true;
   while (WaitWhileParked()) {
-    const platform::WatchResult result = watch.Next(&changed, kWatchWaitMillis, &error);
-    if (result == platform::WatchResult::kFailed) {
-      ERRORLOG_FAILURE("\t\tReadDirectoryChangesW failed with Error:%ld.\n", static_cast<long>(error));
-      watching_ = false;
-      return;
+    if (watch == nullptr) {
+      // The watch broke: a new one, and the log read again for what came
+      // meanwhile. The monitor never stops for good while anyone listens.
+      platform::SleepMillis(kWatchWaitMillis);
+      watch = platform::WatchDirectory(directory, &error);
+      if (watch != nullptr) StartParser();
+      continue;
     }
-    if (result == platform::WatchResult::kChanged && NamesTheLog(changed, log_name)) StartParser();
+    switch (watch->Next(&changed, kWatchWaitMillis, &error)) {
+      case platform::WatchResult::kChanged:
+        for (const std::string& name : changed)
+          if (NamesTheLog(name, log_name)) {
+            StartParser();
+            break;
+          }
+        break;
+      case platform::WatchResult::kOverflow:
+        ERRORLOG_FAILURE("\t\tChanges in '%s' came faster than they could be told: reading the log again.\n",
+                         directory.c_str());
+        StartParser();
+        break;
+      case platform::WatchResult::kFailed:
+        ERRORLOG_FAILURE("\t\tReadDirectoryChangesW failed with Error:%ld.\n", static_cast<long>(error));
+        watch.reset();
+        break;
+      case platform::WatchResult::kTimeout:
+        break;
+    }
   }
 }
 
@@ -251,6 +292,15 @@ int ErrorlogReportSample(framework::tavra& object) {
     object.AddRows(row.data(), 1);
   }
   return 0;
+}
+
+std::vector<framework::CounterFamily> ErrorlogCounters() {
+  framework::CounterFamily family{"kzq_errorlog_errors_total",
+                                  "Errors the errorlog monitor read, by severity, whether or not anyone listened.",
+                                  {}};
+  for (const auto& [severity, count] : TheErrorlogMonitor().ErrorsBySeverity())
+    family.samples.push_back({{{"severity", std::to_string(severity)}}, count});
+  return {family};
 }
 
 ErrorlogMonitor& TheErrorlogMonitor() {

@@ -7,11 +7,15 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "framework/serve/metrics_text.h"
 #include "framework/tavra.h"
 #include "platform/dir_watch.h"
 #include "kzq/errorlog_parser.h"
@@ -35,12 +39,15 @@ class ErrorlogMonitor {
   // The start-up scan and the resume point are done and changes are being
   // watched.
   bool Watching() const { return watching_; }
+  // Errors read so far, by severity, whether or not anyone listened: every
+  // severity from the minimum up, and any other seen. Any thread.
+  std::vector<std::pair<int, uint64_t>> ErrorsBySeverity() const;
 
  private:
   void Run();
   bool Prepare(std::string* directory);
   void ResumeFromStateFile();
-  void WatchLoop(const std::string& directory, platform::DirectoryWatch& watch);
+  void WatchLoop(const std::string& directory, std::unique_ptr<platform::DirectoryWatch> watch);
   // Waits while parked; false once the monitor is being destroyed.
   bool WaitWhileParked();
   void StartParser();
@@ -58,6 +65,9 @@ class ErrorlogMonitor {
   // Consumers come and go on threads of their own: one start or end at a time.
   std::mutex request_lock_;
   std::atomic<bool> watching_{false};
+  std::atomic<int> min_severity_{17};
+  mutable std::mutex counts_lock_;
+  std::map<int, uint64_t> errors_by_severity_;
   std::mutex park_lock_;
   std::condition_variable park_changed_;
   bool parked_ = false;
@@ -66,6 +76,9 @@ class ErrorlogMonitor {
 
 // The agent's monitor, made on first use, feeding kzqerror's listeners.
 ErrorlogMonitor& TheErrorlogMonitor();
+
+// /metrics' kzq_errorlog_errors_total of the agent's monitor.
+std::vector<framework::CounterFamily> ErrorlogCounters();
 
 // kzqerror's report sample: with no event request open, the newest errors
 // of the log are scanned afresh; the queue's events become the rows.

@@ -5,18 +5,21 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace platform {
 
-enum class WatchResult { kChanged, kTimeout, kFailed };
+// kOverflow: changes came faster than the system could keep them and some
+// were lost; whatever is watched must be looked at again.
+enum class WatchResult { kChanged, kTimeout, kOverflow, kFailed };
 
 class DirectoryWatch {
  public:
   virtual ~DirectoryWatch() = default;
   // Waits up to `timeout_ms` for the next batch of changes and gives the
-  // name of its first changed file (without directory). kFailed sets
-  // *error; the watch is then of no further use.
-  virtual WatchResult Next(std::string* file_name, int timeout_ms, int* error) = 0;
+  // names of every file it changed (without directory, in order, repeats
+  // kept). kFailed sets *error; the watch is then of no further use.
+  virtual WatchResult Next(std::vector<std::string>* file_names, int timeout_ms, int* error) = 0;
 };
 
 // nullptr with *error when the directory cannot be watched.

@@ -80,7 +80,13 @@ MetricsContext CurrentContext() {
     DetermineLocalHost(local, sizeof local);
     host = local;
   }
-  return {identity.subsystem, host, platform::NowUnixSeconds(), EventsEmitted()};
+  MetricsContext context;
+  context.server_id = identity.subsystem;
+  context.host = host;
+  context.now = platform::NowUnixSeconds();
+  context.events_emitted = EventsEmitted();
+  if (ApplicationCounters counters = RegisteredApplicationCounters()) context.application_counters = counters();
+  return context;
 }
 
 void ServeSample(const httplib::Request& req, httplib::Response& res) {

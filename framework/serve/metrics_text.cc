@@ -125,6 +125,14 @@ void HealthSeries(std::string* out, const std::map<std::string, CachedTable>& ta
   }
   Family(out, "kzq_error_events_total", "counter", "Errorlog events delivered to event consumers.");
   Sample(out, "kzq_error_events_total", base, static_cast<int64_t>(context.events_emitted));
+  for (const CounterFamily& family : context.application_counters) {
+    Family(out, family.name, "counter", family.help);
+    for (const auto& [extra, value] : family.samples) {
+      std::vector<Label> labels = base;
+      for (const auto& [name, label] : extra) labels.push_back({name, label});
+      Sample(out, family.name, labels, static_cast<int64_t>(value));
+    }
+  }
 }
 
 // Length of the valid UTF-8 sequence at text[i], 0 when it is not one.

@@ -9,12 +9,21 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/serve/agent_description.h"
 #include "framework/serve/sample_cache.h"
 
 namespace framework {
+
+// A counter family the application keeps (the agent's errorlog errors by
+// severity): each sample's labels follow the agent's own.
+struct CounterFamily {
+  std::string name;
+  std::string help;
+  std::vector<std::pair<std::vector<std::pair<std::string, std::string>>, uint64_t>> samples;
+};
 
 struct MetricsContext {
   std::string server_id;
@@ -24,6 +33,7 @@ struct MetricsContext {
   // A table's series go once its last good sample is older than this (two
   // sampling intervals): a stale value shown as current is worse than none.
   int64_t stale_after = 60;
+  std::vector<CounterFamily> application_counters;
 };
 
 std::string MetricsText(const std::map<std::string, CachedTable>& tables, const std::vector<ServiceState>& services,

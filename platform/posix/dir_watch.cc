@@ -22,7 +22,8 @@ class InotifyWatch final : public DirectoryWatch {
   explicit InotifyWatch(int fd) : fd_(fd) {}
   ~InotifyWatch() override { close(fd_); }
 
-  WatchResult Next(std::string* file_name, int timeout_ms, int* error) override {
+  WatchResult Next(std::vector<std::string>* file_names, int timeout_ms, int* error) override {
+    file_names->clear();
     pollfd ready = {fd_, POLLIN, 0};
     const int polled = poll(&ready, 1, timeout_ms);
     if (polled == 0 || (polled < 0 && errno == EINTR)) return WatchResult::kTimeout;
@@ -31,15 +32,15 @@ class InotifyWatch final : public DirectoryWatch {
     alignas(inotify_event) char buffer[4096];
     const ssize_t n = read(fd_, buffer, sizeof buffer);
     if (n < 0) return errno == EINTR || errno == EAGAIN ? WatchResult::kTimeout : Failed(errno, error);
+    bool overflow = false;
     for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-      if ((event->mask & IN_Q_OVERFLOW) != 0) return Failed(ENOBUFS, error);
-      if (event->len == 0) continue;  // the directory itself
-      *file_name = event->name;
-      return WatchResult::kChanged;
+      overflow = overflow || (event->mask & IN_Q_OVERFLOW) != 0;
+      if (event->len != 0) file_names->emplace_back(event->name);  // 0: the directory itself
     }
-    return WatchResult::kTimeout;
+    if (overflow) return WatchResult::kOverflow;
+    return file_names->empty() ? WatchResult::kTimeout : WatchResult::kChanged;
   }
 
  private:

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 #include "platform/text.h"
 
@@ -28,23 +29,29 @@ class ChangesWatch final : public DirectoryWatch {
     CloseHandle(directory_);
   }
 
-  WatchResult Next(std::string* file_name, int timeout_ms, int* error) override {
+  WatchResult Next(std::vector<std::string>* file_names, int timeout_ms, int* error) override {
+    file_names->clear();
     if (!pending_ && !Issue(error)) return WatchResult::kFailed;
     if (WaitForSingleObject(event_, static_cast<DWORD>(timeout_ms)) == WAIT_TIMEOUT) return WatchResult::kTimeout;
     DWORD bytes = 0;
     pending_ = false;
     ResetEvent(event_);
     if (!GetOverlappedResult(directory_, &overlapped_, &bytes, FALSE)) {
+      // More changes than the buffer held: they are lost, the watch goes on.
+      if (GetLastError() == ERROR_NOTIFY_ENUM_DIR) return WatchResult::kOverflow;
       *error = static_cast<int>(GetLastError());
       return WatchResult::kFailed;
     }
-    // No bytes: the buffer overflowed and the batch was lost; the caller
-    // reads its file again anyway.
-    if (bytes < sizeof(FILE_NOTIFY_INFORMATION)) return WatchResult::kTimeout;
-    const auto* record = reinterpret_cast<const FILE_NOTIFY_INFORMATION*>(buffer_);
-    const std::u16string name(reinterpret_cast<const char16_t*>(record->FileName),
-                              record->FileNameLength / sizeof(char16_t));
-    *file_name = Utf16ToUtf8(name);
+    // No bytes is the same overflow, as some systems report it.
+    if (bytes < sizeof(FILE_NOTIFY_INFORMATION)) return WatchResult::kOverflow;
+    for (DWORD at = 0;;) {
+      const auto* record = reinterpret_cast<const FILE_NOTIFY_INFORMATION*>(buffer_ + at);
+      const std::u16string name(reinterpret_cast<const char16_t*>(record->FileName),
+                                record->FileNameLength / sizeof(char16_t));
+      file_names->push_back(Utf16ToUtf8(name));
+      if (record->NextEntryOffset == 0 || at + record->NextEntryOffset >= bytes) break;
+      at += record->NextEntryOffset;
+    }
     return WatchResult::kChanged;
   }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -199,6 +200,27 @@ TEST_F(Errorlog, ALogCreatedAfterTheMonitorStartedIsFoundInAnyCase) {
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "I/O error 1117 detected.");
 }
+
+#ifndef _WIN32
+// More changes than the system keeps (many files made in the log's
+// directory while the monitor was parked and did not read them): the
+// monitor reads the log again and keeps watching, so the error written
+// meanwhile still arrives, and so does the next.
+TEST_F(Errorlog, ChangesBeyondWhatTheSystemKeepsDoNotStopTheWatch) {
+  TraceFailures();
+  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
+  auto monitor = StartMonitor();
+  monitor->RequestEnded();
+  platform::SleepMillis(500);  // parked: the system keeps the changes alone
+  for (int i = 0; i < 20000; ++i) std::ofstream(log_->File("f" + std::to_string(i)));
+  writer.Error("spid52", 823, 17, 2, "amid the crowd");
+  monitor->RequestStarted();
+  EXPECT_EQ(TextsWhen(1), std::vector<std::string>{"amid the crowd"});
+  writer.Advance(1).Error("spid52", 824, 17, 2, "after the crowd");
+  EXPECT_EQ(TextsWhen(2), (std::vector<std::string>{"amid the crowd", "after the crowd"}));
+  EXPECT_GE(TracedLines("came faster than they could be told"), 1);
+}
+#endif
 
 TEST_F(Errorlog, ARestartedMonitorResumesWhereTheLastOneStopped) {
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);

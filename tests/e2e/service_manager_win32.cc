@@ -49,9 +49,17 @@ class ScManager final : public ServiceManager {
   bool CanPause() const override { return false; }
   bool Pause() override { return false; }
   bool Continue() override { return false; }
-  bool Stop() override { return Sc({"stop", name_}); }
+  // The stop's own answer shows the state it left: a service that ends at
+  // once may be stopped before any later query could see it stopping.
+  bool Stop() override {
+    const bool sent = Sc({"stop", name_});
+    stop_pending_seen_ = sent && last_.find(std::string("STATE              ") + StateNumberOf(kStopping)) !=
+                                      std::string::npos;
+    return sent;
+  }
 
   bool WaitFor(State state, int timeout_ms) override {
+    if (state == kStopping && stop_pending_seen_) return true;
     const uint64_t deadline = platform::MonotonicMillis() + static_cast<uint64_t>(timeout_ms);
     for (;;) {
       if (Sc({"query", name_}) && last_.find(std::string("STATE              ") + StateNumberOf(state)) != std::string::npos)
@@ -86,6 +94,7 @@ class ScManager final : public ServiceManager {
   const std::string output_;
   const std::string name_;
   bool installed_ = false;
+  bool stop_pending_seen_ = false;
   std::string last_, log_;
 };
 

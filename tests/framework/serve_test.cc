@@ -113,7 +113,7 @@ class Metrics : public testing::Test {
     tables[s.table] = {sample, sample, 7, 2};
     const std::vector<framework::ServiceState> services = {{"collector", "KZQCOLL1", true},
                                                            {"sqlserver", "MSSQLSERVER", false}};
-    return framework::MetricsText(tables, services, {"SQL\"1", "db01", now, 5, 60});
+    return framework::MetricsText(tables, services, {"SQL\"1", "db01", now, 5, 60, {}});
   }
 };
 
