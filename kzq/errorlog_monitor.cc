@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "framework/agent.h"
+#include "framework/serve/event_stream.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcstr.h"
 #include "kzq/error_event.h"
@@ -23,6 +24,9 @@ namespace {
 
 constexpr int kWatchWaitMillis = 250;  // how soon a park or a stop is noticed
 constexpr int kHighestSeverity = 25;
+// A consumer that writes nothing for this long is no longer waited for
+// before the resume point moves on; it hears of what it loses.
+constexpr std::chrono::milliseconds kConsumerStall{2000};
 
 std::string Text(const char* value) { return value != nullptr ? value : ""; }
 
@@ -69,7 +73,10 @@ std::string RowOf(const std::string& event, int64_t now) {
 
 }  // namespace
 
-ErrorlogMonitor::ErrorlogMonitor(EmitRow emit_row, Clock now) : emit_row_(emit_row), now_(now) {}
+ErrorlogMonitor::ErrorlogMonitor(EmitRow emit_row, Clock now, AwaitDelivery await_delivery)
+    : emit_row_(emit_row), now_(now) {
+  if (await_delivery != nullptr) context_.await_delivery = await_delivery;
+}
 
 ErrorlogMonitor::~ErrorlogMonitor() {
   {
@@ -305,8 +312,9 @@ std::vector<framework::CounterFamily> ErrorlogCounters() {
 
 ErrorlogMonitor& TheErrorlogMonitor() {
   // Never destroyed: its thread lives as long as the process.
-  static auto* monitor = new ErrorlogMonitor([](const std::string& row) { kzqerror_push(row.data(), 1); },
-                                             platform::NowUnixSeconds);
+  static auto* monitor = new ErrorlogMonitor(
+      [](const std::string& row) { kzqerror_push(row.data(), 1); }, platform::NowUnixSeconds,
+      [] { framework::WaitUntilEventsWritten(kzqerror_spec.key, kConsumerStall); });
   return *monitor;
 }
 

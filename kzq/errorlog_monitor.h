@@ -25,9 +25,12 @@ namespace kzq {
 
 class ErrorlogMonitor {
  public:
-  // `emit_row` takes each new kzqerror row as it is found.
+  // `emit_row` takes each new kzqerror row as it is found; `await_delivery`
+  // (may be null) waits until the rows emitted so far reached their
+  // consumers, before the resume point passes them.
   using EmitRow = void (*)(const std::string& row);
-  explicit ErrorlogMonitor(EmitRow emit_row, Clock now);
+  using AwaitDelivery = void (*)();
+  ErrorlogMonitor(EmitRow emit_row, Clock now, AwaitDelivery await_delivery = nullptr);
   ~ErrorlogMonitor();  // stops the thread
 
   // An event request opened: the thread starts, or resumes where it parked.

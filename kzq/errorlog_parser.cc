@@ -101,11 +101,13 @@ bool HandleLine(ErrorlogContext& context, Utf16LineReader& reader, const std::u1
 
 // Reads lines until the end of the file or a roll-over; the offset is left
 // at the start of the first line not handled. The resume point is saved
-// after each event and at the end, not after every line: rewriting it per
-// line cost more than all the parsing, and a restart still reads again at
-// most the lines after the last event. The save at the end comes even when
-// nothing was read, so a state file that could not be written is written
-// with the next change once it can be.
+// after each event, once the event has reached its consumers, and at the
+// end, not after every line: rewriting it per line cost more than all the
+// parsing, and a restart still reads again at most the lines after the
+// last event. A process killed between an event's delivery and the save
+// repeats that one event; killed before the delivery, it loses none. The
+// save at the end comes even when nothing was read, so a state file that
+// could not be written is written with the next change once it can be.
 void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEvent& emit, Clock now, int* count) {
   std::u16string line;
   ResumePointWriter writer(context.state_file);
@@ -121,7 +123,10 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
     line.erase(0, line.find_first_not_of(u'\0'));
     const int before = *count;
     if (!HandleLine(context, reader, line, emit, now, count)) break;
-    if (*count != before) SaveResumePoint(writer, context);
+    if (*count != before) {
+      if (context.await_delivery) context.await_delivery();
+      SaveResumePoint(writer, context);
+    }
   }
   SaveResumePoint(writer, context);
 }

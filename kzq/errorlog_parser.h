@@ -25,6 +25,10 @@ struct ErrorlogContext {
   std::string log_path;         // the ERRORLOG file itself
   bool state_unwritable = false;  // the last save of the resume point failed
   std::atomic<bool> more_changes{false};  // a change came while a run was reading
+  // Waits until the events emitted so far have reached their consumers;
+  // the resume point is saved only after it, so that it never runs ahead
+  // of what was delivered. Empty: nothing to wait for.
+  std::function<void()> await_delivery;
   std::atomic<bool> roll_over{false};     // stop reading: the log is being cycled
 };
 

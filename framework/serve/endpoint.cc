@@ -169,9 +169,11 @@ void ServeEvents(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib:
         // The first line tells the consumer its request is open; later
         // comments find consumers that left.
         if (offset == 0) return sink.write(": subscribed\n\n", 14);
-        const auto event = subscription->Next(std::chrono::milliseconds(1000));
-        const std::string text = event ? "data: " + *event + "\n\n" : ": keep-alive\n\n";
-        return sink.write(text.data(), text.size());
+        const auto frame = subscription->NextFrame(std::chrono::milliseconds(1000));
+        if (!frame) return sink.write(": keep-alive\n\n", 14);
+        if (!sink.write(frame->data(), frame->size())) return false;
+        subscription->Written();
+        return true;
       },
       [&impl](bool) { --impl.event_consumers; });
 }

@@ -1,6 +1,8 @@
 #include "framework/serve/event_stream.h"
 
+#include <algorithm>
 #include <atomic>
+#include <vector>
 
 #include "framework/serve/row_json.h"
 #include "framework/table_manager.h"
@@ -10,6 +12,17 @@ namespace {
 
 std::atomic<uint64_t> g_events_emitted{0};
 
+// The open subscriptions, for the producer's wait.
+struct OpenSubscriptions {
+  std::mutex lock;
+  std::vector<EventSubscription*> all;
+};
+
+OpenSubscriptions& Open() {
+  static auto* open = new OpenSubscriptions;  // never destroyed: streams may end at exit
+  return *open;
+}
+
 }  // namespace
 
 uint64_t EventsEmitted() { return g_events_emitted.load(); }
@@ -18,6 +31,12 @@ std::unique_ptr<EventSubscription> EventSubscription::Open(const std::string& ta
   TableManager* manager = TableManager::Find(table);
   if (manager == nullptr) return nullptr;
   std::unique_ptr<EventSubscription> subscription(new EventSubscription);
+  subscription->table_ = manager->Table();
+  {
+    OpenSubscriptions& open = framework::Open();
+    std::lock_guard<std::mutex> guard(open.lock);
+    open.all.push_back(subscription.get());
+  }
   RequestDetail detail;
   detail.table = manager->Table();
   detail.type = kSampleEvent;
@@ -31,6 +50,9 @@ std::unique_ptr<EventSubscription> EventSubscription::Open(const std::string& ta
 
 EventSubscription::~EventSubscription() {
   if (object_ != nullptr) manager_->CloseRequest(object_);
+  OpenSubscriptions& open = framework::Open();
+  std::lock_guard<std::mutex> guard(open.lock);
+  open.all.erase(std::remove(open.all.begin(), open.all.end(), this), open.all.end());
 }
 
 // Called by the producer while it holds the manager's lock: only copies.
@@ -43,8 +65,11 @@ int EventSubscription::Deliver(const tavra& table) {
       if (queue_.size() == kEventBacklog) {
         queue_.pop_front();
         ++dropped_;
+        ++gap_untold_;
+        ++written_;  // never to be written: nobody waits for it
       }
       queue_.push_back(WireText(RowJson(rows, i)));
+      ++delivered_;
     }
   }
   g_events_emitted += static_cast<uint64_t>(rows.count);
@@ -52,17 +77,51 @@ int EventSubscription::Deliver(const tavra& table) {
   return 0;
 }
 
-std::optional<std::string> EventSubscription::Next(std::chrono::milliseconds wait) {
+std::optional<std::string> EventSubscription::NextFrame(std::chrono::milliseconds wait) {
   std::unique_lock<std::mutex> guard(lock_);
-  if (!arrived_.wait_for(guard, wait, [this] { return !queue_.empty(); })) return std::nullopt;
-  std::string event = std::move(queue_.front());
+  if (!arrived_.wait_for(guard, wait, [this] { return !queue_.empty() || gap_untold_ > 0; })) return std::nullopt;
+  frame_is_event_ = gap_untold_ == 0;
+  if (!frame_is_event_) {
+    const std::string frame = "event: gap\ndata: {\"dropped\": " + std::to_string(gap_untold_) + "}\n\n";
+    gap_untold_ = 0;
+    return frame;
+  }
+  std::string frame = "data: " + queue_.front() + "\n\n";
   queue_.pop_front();
-  return event;
+  return frame;
+}
+
+void EventSubscription::Written() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (frame_is_event_) ++written_;
+  }
+  written_changed_.notify_all();
 }
 
 uint64_t EventSubscription::Dropped() const {
   std::lock_guard<std::mutex> guard(lock_);
   return dropped_;
+}
+
+bool WaitUntilEventsWritten(const std::string& table, std::chrono::milliseconds stall) {
+  OpenSubscriptions& open = Open();
+  std::lock_guard<std::mutex> open_guard(open.lock);  // none closes while waited for
+  bool all_kept_up = true;
+  for (EventSubscription* s : open.all) {
+    if (s->table_ != table) continue;
+    std::unique_lock<std::mutex> guard(s->lock_);
+    const uint64_t target = s->delivered_;
+    // Waits while the consumer makes progress, however long it takes.
+    for (uint64_t seen = s->written_; s->written_ < target;) {
+      if (!s->written_changed_.wait_for(guard, stall, [&] { return s->written_ != seen; })) {
+        all_kept_up = false;
+        break;
+      }
+      seen = s->written_;
+    }
+  }
+  return all_kept_up;
 }
 
 }  // namespace framework

@@ -55,7 +55,8 @@ class ChangesWatch final : public DirectoryWatch {
     return WatchResult::kChanged;
   }
 
- private:
+  // Public for the start: the first read is issued at once, so that the
+  // changes between the watch's making and its first wait are kept.
   bool Issue(int* error) {
     if (!ReadDirectoryChangesW(directory_, buffer_, sizeof buffer_, FALSE, kChangeFilter, nullptr, &overlapped_,
                                nullptr)) {
@@ -66,6 +67,7 @@ class ChangesWatch final : public DirectoryWatch {
     return true;
   }
 
+ private:
   const HANDLE directory_;
   const HANDLE event_;
   OVERLAPPED overlapped_{};
@@ -88,7 +90,9 @@ std::unique_ptr<DirectoryWatch> WatchDirectory(const std::string& directory, int
     CloseHandle(handle);
     return nullptr;
   }
-  return std::make_unique<ChangesWatch>(handle, event);
+  auto watch = std::make_unique<ChangesWatch>(handle, event);
+  if (!watch->Issue(error)) return nullptr;
+  return watch;
 }
 
 }  // namespace platform

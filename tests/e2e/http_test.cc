@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <regex>
@@ -326,6 +327,73 @@ TEST_F(Http, ErrorsWrittenWhileTheAgentWasKilledArriveAfterItsRestart) {
   EXPECT_EQ(consumer.Messages(), (std::vector<std::string>{"The transaction log for database 'hr' is full.",
                                                            "SQL Server detected a logical consistency-based I/O error.",
                                                            "BACKUP failed to complete the command BACKUP LOG hr."}));
+}
+
+// The error numbers a consumer received, each with how often.
+std::map<long, int> CountByNumber(const std::vector<Json>& events) {
+  std::map<long, int> counts;
+  for (const Json& e : events) ++counts[std::stol(e.value("ERRORID", "0"))];
+  return counts;
+}
+
+// Errors `first` to `first + count - 1`, each with its message line.
+std::string ErrorBlock(const kzq_test::LogClock& time, long first, int count) {
+  std::vector<std::string> texts;
+  for (long n = first; n < first + count; ++n) {
+    texts.push_back(kzq_demo::ErrorNumbersText(n, 17, 1));
+    texts.push_back("error number " + std::to_string(n));
+  }
+  return kzq_demo::LogLines(time, "spid51", texts);
+}
+
+// The agent killed (SIGKILL, TerminateProcess) while it delivers a large
+// write and while errors trickle in, then restarted: every error reaches
+// the consumer, and none twice but the one whose resume point was being
+// saved at the instant of the kill.
+TEST_F(Http, AKilledAgentLosesNoErrorAndRepeatsAtMostTheOneInFlight) {
+  constexpr int kBlock = 3000, kTrickle = 300;
+  std::vector<Json> received;
+  // A large write, killed once a tenth of it has arrived.
+  {
+    agent_ = StartAgent("block");
+    EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+    ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
+    log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 100000, kBlock));
+    ASSERT_TRUE(Eventually([&] { return consumer.Events().size() >= kBlock / 10; }));
+    agent_.process->Kill();
+    agent_.process->Wait();
+    consumer.Leave();
+    for (const Json& e : consumer.Events()) received.push_back(e);
+  }
+  // Restarted: the rest of the block, then a trickle killed half-way.
+  {
+    agent_ = StartAgent("trickle");
+    EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+    ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
+    for (int i = 0; i < kTrickle / 2; ++i) log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
+    ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Events().size() >= kBlock * 9 / 10; }))
+        << consumer.Events().size();
+    agent_.process->Kill();
+    agent_.process->Wait();
+    consumer.Leave();
+    for (const Json& e : consumer.Events()) received.push_back(e);
+  }
+  for (int i = kTrickle / 2; i < kTrickle; ++i) log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
+  agent_ = StartAgent("last");
+  EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+  ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
+  log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 300000, 1));
+  ASSERT_TRUE(ArrivesWithChanges([&] { return CountByNumber(consumer.Events()).count(300000) == 1; }))
+      << kzq_test::ReadFile(agent_.output);
+  for (const Json& e : consumer.Events()) received.push_back(e);
+  const std::map<long, int> counts = CountByNumber(received);
+  int missing = 0, repeated = 0;
+  for (long n = 100000; n < 100000 + kBlock; ++n) missing += counts.count(n) == 0 ? 1 : 0;
+  for (long n = 200000; n < 200000 + kTrickle; ++n) missing += counts.count(n) == 0 ? 1 : 0;
+  for (const auto& [number, times] : counts) repeated += times - 1;
+  EXPECT_EQ(missing, 0);
+  EXPECT_LE(repeated, 2) << "two kills";
+  EXPECT_EQ(counts.size(), static_cast<size_t>(kBlock + kTrickle + 1));
 }
 
 // The server cycles its log while a consumer follows the events: what it
