@@ -59,6 +59,7 @@ class EventSubscription final : public RowConsumer {
   uint64_t dropped_ = 0;
   uint64_t gap_untold_ = 0;     // dropped since the consumer was last told
   bool frame_is_event_ = false;  // the frame being written carries an event
+  bool behind_ = false;  // stalled once: not waited for until it has caught up
 };
 
 // Events handed to any subscription since the process started.
@@ -66,9 +67,9 @@ uint64_t EventsEmitted();
 
 // Waits until every open subscription of `table` has written out (or
 // dropped) every event delivered to it so far. A subscription that writes
-// nothing for `stall` is not waited for: one slow consumer must not hold up
-// the others, and it is told of what it loses. False when one was left
-// behind.
+// nothing for `stall` is left behind, and not waited for again until it has
+// caught up: one slow consumer must not hold up the others, and it is told
+// of what it loses. False when one is behind.
 bool WaitUntilEventsWritten(const std::string& table, std::chrono::milliseconds stall);
 
 }  // namespace framework

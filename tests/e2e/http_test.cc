@@ -80,6 +80,7 @@ class EventConsumer {
       });
     });
   }
+
   ~EventConsumer() { Leave(); }
   void Leave() {
     leaving_ = true;

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -8,6 +9,7 @@
 #include "framework/action_log.h"
 #include "framework/agent.h"
 #include "framework/bsv1.h"
+#include "framework/serve/event_stream.h"
 #include "framework/table_manager.h"
 #include "platform/process.h"
 
@@ -147,6 +149,59 @@ TEST(BaseServices, LockExcludesOtherThreadsAndNestsForItsOwner) {
   }).join();
   EXPECT_TRUE(other_got_it);
   EXPECT_EQ(BSV1_DestroyLock(&lock), 0);
+}
+
+// A pushed table whose one-byte rows are their own number (0-255).
+class ByteTable : public TinyTable {
+ public:
+  ByteTable(const framework::RequestDetail* d, const framework::ContextInfo* c, framework::TableManager* m)
+      : TinyTable(d, c, m) {
+    SetRowSize(1);
+  }
+  int AddRows(const void* rows, int32_t count) override {
+    for (int32_t i = 0; i < count; ++i) InsertRow(static_cast<const unsigned char*>(rows) + i);
+    return 0;
+  }
+};
+
+class ByteManager : public CountingManager {
+ public:
+  using CountingManager::CountingManager;
+  framework::tavra* CreateObject(const framework::RequestDetail* d, const framework::ContextInfo* c) override {
+    return new ByteTable(d, c, this);
+  }
+};
+
+// A consumer that stops writing is waited for only until it stalls, and
+// then not again until it has caught up; one that falls more than the
+// backlog behind hears how many it lost before the events it still gets.
+TEST(EventStreams, AConsumerThatFallsBehindHoldsUpNobodyAndHearsOfItsGap) {
+  auto* manager = new ByteManager("KZQTINYE");  // registered for the rest of the process
+  ASSERT_EQ(framework::TableManager::RegisterWithManager(manager), 0u);
+  auto subscription = framework::EventSubscription::Open("KZQTINYE");
+  ASSERT_NE(subscription, nullptr);
+  ByteTable row(nullptr, nullptr, manager);
+  const auto push = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const unsigned char byte = 7;
+      row.ClearRows();
+      row.AddRows(&byte, 1);
+      subscription->Deliver(row);
+    }
+  };
+  push(1);
+  EXPECT_FALSE(framework::WaitUntilEventsWritten("KZQTINYE", std::chrono::milliseconds(50)));
+  push(framework::kEventBacklog + 4);
+  EXPECT_FALSE(framework::WaitUntilEventsWritten("KZQTINYE", std::chrono::hours(1)));  // behind: not waited for
+  EXPECT_EQ(subscription->NextFrame(std::chrono::milliseconds(0)), "event: gap\ndata: {\"dropped\": 5}\n\n");
+  subscription->Written();
+  for (size_t i = 0; i < framework::kEventBacklog; ++i) {
+    const auto frame = subscription->NextFrame(std::chrono::milliseconds(0));
+    ASSERT_TRUE(frame.has_value() && frame->rfind("data: ", 0) == 0) << i;
+    subscription->Written();
+  }
+  EXPECT_EQ(subscription->Dropped(), 5u);
+  EXPECT_TRUE(framework::WaitUntilEventsWritten("KZQTINYE", std::chrono::hours(1)));  // caught up
 }
 
 // Last: the framework stays stopped for the rest of the process.
