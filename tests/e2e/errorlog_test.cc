@@ -162,6 +162,7 @@ TEST_F(Errorlog, LiveErrorsAtOrAboveTheMinimumSeverityBecomeRows) {
   writer.Error("Logon", 18456, 14, 8, "Login failed for user 'app'.")
       .Error("spid52", 823, 17, 2, "I/O error 1117 detected.")
       .SymptomDump("spid53", "Stack Signature for the dump is 0x1. create symptom dump", 3)
+      .Bytes(std::string(4096, '\0'))  // a file grown ahead of its text: the date still counts
       .Error("spid54", 9002, 24, 4, kzq_test::kGermanText);
   const auto rows = RowsWhen(3);
   ASSERT_EQ(rows.size(), 3u);
@@ -174,6 +175,7 @@ TEST_F(Errorlog, LiveErrorsAtOrAboveTheMinimumSeverityBecomeRows) {
   EXPECT_EQ(IntField(rows[1], "SEVERITY"), 17);  // the symptom dump
   EXPECT_EQ(Field(rows[1], "ERRORID"), "0");
   EXPECT_EQ(Field(rows[2], "UMSGTEXT"), kzq_test::kGermanText);
+  EXPECT_EQ(Field(rows[2], "MSGTIME"), Field(rows[0], "MSGTIME"));
   EXPECT_EQ(kzq::TheErrorEventQueue().Size(), 3);
 
   // The last listener leaving parks the monitor and empties the queue.
