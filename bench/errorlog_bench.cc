@@ -61,7 +61,7 @@ void Throughput(const std::string& dir, int megabytes) {
 std::mutex g_lock;
 std::vector<Clock::time_point> g_arrivals;
 
-void Arrived(const std::string&) {
+void Arrived(const std::string&, const std::string&) {
   std::lock_guard<std::mutex> guard(g_lock);
   g_arrivals.push_back(Clock::now());
 }

@@ -99,7 +99,12 @@ class tavra {
   void ClearRows() {
     _data.count = 0;
     failure_.clear();
+    event_id_.clear();
   }
+  // Pushed rows may carry the id of the event they make: a text that grows
+  // with every later event, so that a consumer can say where it stopped.
+  void SetEventId(std::string id) { event_id_ = std::move(id); }
+  const std::string& EventId() const { return event_id_; }
 
   // A table that could not get its data says why, so a consumer can tell a
   // failed sample from an empty table; the rows it added (a status row)
@@ -153,6 +158,7 @@ class tavra {
   std::vector<unsigned char> rows_;
   int row_size_ = 0;
   std::string failure_;
+  std::string event_id_;
   size_t filter_index_ = 0;
   unsigned samples_ = 0;
   unsigned inserts_ = 0;

@@ -14,10 +14,12 @@
 #include "kzq/errorlog_queue.h"
 #include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_state.h"
+#include "kzq/table_pattern.h"
 #include "kzq/tables.h"
 #include "platform/clock.h"
 #include "platform/dir_watch.h"
 #include "platform/file_system.h"
+#include "platform/text.h"
 
 namespace kzq {
 namespace {
@@ -69,6 +71,15 @@ std::string RowOf(const std::string& event, int64_t now) {
   char stamp[64];
   kvc::FormatTime(local, stamp, 4);
   return BuildErrorRow(event, OriginNode(), config.serverId, config.hostName, stamp);
+}
+
+// The point's date and time words sort as they come (the log writes them
+// as "2026-11-25 01:02:03.45"), and the offset is padded to sort as a
+// number.
+std::string EventId(const ResumePoint& point) {
+  char offset[24];
+  snprintf(offset, sizeof offset, "%012ld", point.offset);
+  return platform::Utf16ToUtf8(point.date_word) + " " + platform::Utf16ToUtf8(point.time_word) + " " + offset;
 }
 
 }  // namespace
@@ -136,7 +147,7 @@ void ErrorlogMonitor::Emit(const std::string& event) {
     std::lock_guard<std::mutex> guard(counts_lock_);
     ++errors_by_severity_[severity];
   }
-  emit_row_(row);
+  emit_row_(row, EventId(context_.resume));
   TheErrorEventQueue().AppendBounded(event, settings_.max_event_rows);
 }
 
@@ -313,7 +324,10 @@ std::vector<framework::CounterFamily> ErrorlogCounters() {
 ErrorlogMonitor& TheErrorlogMonitor() {
   // Never destroyed: its thread lives as long as the process.
   static auto* monitor = new ErrorlogMonitor(
-      [](const std::string& row) { kzqerror_push(row.data(), 1); }, platform::NowUnixSeconds,
+      [](const std::string& row, const std::string& event_id) {
+        if (kzqerror_manager() != nullptr) PushRowsToAll(*kzqerror_manager(), row.data(), 1, event_id);
+      },
+      platform::NowUnixSeconds,
       [] { framework::WaitUntilEventsWritten(kzqerror_spec.key, kConsumerStall); });
   return *monitor;
 }

@@ -25,10 +25,12 @@ namespace kzq {
 
 class ErrorlogMonitor {
  public:
-  // `emit_row` takes each new kzqerror row as it is found; `await_delivery`
-  // (may be null) waits until the rows emitted so far reached their
-  // consumers, before the resume point passes them.
-  using EmitRow = void (*)(const std::string& row);
+  // `emit_row` takes each new kzqerror row as it is found, with its event
+  // id: the resume point just after it, "<date> <time> <offset, 12
+  // digits>", which grows with every later error; `await_delivery` (may be
+  // null) waits until the rows emitted so far reached their consumers,
+  // before the resume point passes them.
+  using EmitRow = void (*)(const std::string& row, const std::string& event_id);
   using AwaitDelivery = void (*)();
   ErrorlogMonitor(EmitRow emit_row, Clock now, AwaitDelivery await_delivery = nullptr);
   ~ErrorlogMonitor();  // stops the thread

@@ -7,6 +7,7 @@
 #include <httplib.h>
 
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -83,10 +84,7 @@ class Agent {
         [&](const char* data, size_t length) {
           pending.append(data, length);
           for (size_t end; (end = pending.find("\n\n")) != std::string::npos; pending.erase(0, end + 2))
-            if (pending.rfind("data: ", 0) == 0) {
-              const Json event = Json::parse(pending.substr(6, end - 6), nullptr, false);
-              if (event.is_object()) each(event);
-            }
+            TakeFrame(pending.substr(0, end), each);
           return status == 200;
         });
     if (!result) return Unreachable(result.error());
@@ -95,6 +93,21 @@ class Agent {
   }
 
  private:
+  // One server-sent-events frame: "id:" and "data:" lines; "event: gap"
+  // says how many events this consumer lost by falling behind.
+  static void TakeFrame(const std::string& frame, const std::function<void(const Json&)>& each) {
+    bool gap = false;
+    std::istringstream lines(frame);
+    for (std::string line; std::getline(lines, line);) {
+      if (line == "event: gap") gap = true;
+      if (line.rfind("data: ", 0) != 0) continue;
+      const Json data = Json::parse(line.substr(6), nullptr, false);
+      if (!data.is_object()) continue;
+      if (!gap) each(data);
+      else fprintf(stderr, "kzqctl: %s events were dropped: this consumer fell behind\n", data.value("dropped", Json(0)).dump().c_str());
+    }
+  }
+
   bool Unreachable(httplib::Error error) {
     fprintf(stderr, "kzqctl: no agent answers at %s (%s): is kzqagent running, and is the URL right?\n", url_.c_str(),
             httplib::to_string(error).c_str());

@@ -83,13 +83,14 @@ int AddRowsTo(framework::tavra& object, const TableSpec& spec, const void* rows,
   return result;
 }
 
-int PushRowsToAll(framework::TableManager& manager, const void* rows, int32_t count) {
+int PushRowsToAll(framework::TableManager& manager, const void* rows, int32_t count, const std::string& event_id) {
   std::lock_guard<std::mutex> guard(manager.ObjectLock());
   int result = 0;
   framework::TavraListIter objects(manager);
   for (framework::tavra* object = objects.Next(); object != nullptr; object = objects.Next()) {
     object->Acquire();
     object->AddRows(rows, count);
+    object->SetEventId(event_id);
     const int dispatched = object->Dispatch();
     if (dispatched != 0) result = dispatched;
     object->ClearRows();

@@ -93,9 +93,11 @@ class TableAgent : public Base {
   }
 };
 
-// Hands rows to every open object of the manager, as pushed tables need.
-// Returns the last non-zero Dispatch result, else 0.
-int PushRowsToAll(framework::TableManager& manager, const void* rows, int32_t count);
+// Hands rows to every open object of the manager, as pushed tables need,
+// with the id of the event they make (empty: none). Returns the last
+// non-zero Dispatch result, else 0.
+int PushRowsToAll(framework::TableManager& manager, const void* rows, int32_t count,
+                  const std::string& event_id = {});
 
 template <typename Agent>
 class TableManagerOf : public framework::TableManager {

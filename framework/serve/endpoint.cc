@@ -156,7 +156,8 @@ void ServeEvents(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib:
     --impl.event_consumers;
     return Refuse(res, 503, "too many event consumers (at most " + std::to_string(kMaxEventConsumers) + ")");
   }
-  std::shared_ptr<EventSubscription> subscription = EventSubscription::Open(table);
+  std::shared_ptr<EventSubscription> subscription =
+      EventSubscription::Open(table, req.get_header_value("Last-Event-ID"));
   if (!subscription) {
     --impl.event_consumers;
     return Refuse(res, 500, "the table made no object for the event request");

@@ -27,11 +27,13 @@ OpenSubscriptions& Open() {
 
 uint64_t EventsEmitted() { return g_events_emitted.load(); }
 
-std::unique_ptr<EventSubscription> EventSubscription::Open(const std::string& table) {
+std::unique_ptr<EventSubscription> EventSubscription::Open(const std::string& table,
+                                                           const std::string& last_event_id) {
   TableManager* manager = TableManager::Find(table);
   if (manager == nullptr) return nullptr;
   std::unique_ptr<EventSubscription> subscription(new EventSubscription);
   subscription->table_ = manager->Table();
+  subscription->last_event_id_ = last_event_id;
   {
     OpenSubscriptions& open = framework::Open();
     std::lock_guard<std::mutex> guard(open.lock);
@@ -59,8 +61,13 @@ EventSubscription::~EventSubscription() {
 int EventSubscription::Deliver(const tavra& table) {
   CapturedSample rows;
   CaptureRows(table, &rows);
+  const std::string& id = table.EventId();
   {
     std::lock_guard<std::mutex> guard(lock_);
+    // A producer that starts over from its last saved point after a restart
+    // may repeat what this consumer already had.
+    if (!id.empty() && !last_event_id_.empty() && id <= last_event_id_) return 0;
+    const std::string id_line = id.empty() ? "" : "id: " + id + "\n";
     for (int i = 0; i < rows.count; ++i) {
       if (queue_.size() == kEventBacklog) {
         queue_.pop_front();
@@ -68,7 +75,7 @@ int EventSubscription::Deliver(const tavra& table) {
         ++gap_untold_;
         ++written_;  // never to be written: nobody waits for it
       }
-      queue_.push_back(WireText(RowJson(rows, i)));
+      queue_.push_back(id_line + "data: " + WireText(RowJson(rows, i)) + "\n\n");
       ++delivered_;
     }
   }
@@ -86,7 +93,7 @@ std::optional<std::string> EventSubscription::NextFrame(std::chrono::millisecond
     gap_untold_ = 0;
     return frame;
   }
-  std::string frame = "data: " + queue_.front() + "\n\n";
+  std::string frame = std::move(queue_.front());
   queue_.pop_front();
   return frame;
 }

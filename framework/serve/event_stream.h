@@ -29,14 +29,17 @@ inline constexpr size_t kEventBacklog = 10000;
 // Written) and WaitUntilEventsWritten, each on a thread of its own.
 class EventSubscription final : public RowConsumer {
  public:
-  // Null when the table is unknown or its manager makes no object.
-  static std::unique_ptr<EventSubscription> Open(const std::string& table);
+  // Null when the table is unknown or its manager makes no object. With
+  // `last_event_id` (a reconnecting consumer's Last-Event-ID), events whose
+  // ids are not after it are not sent again.
+  static std::unique_ptr<EventSubscription> Open(const std::string& table, const std::string& last_event_id = {});
   ~EventSubscription() override;
 
   int Deliver(const tavra& table) override;
-  // The next server-sent-events frame: "data: <row JSON>\n\n", or, when
-  // events were dropped since the last one, "event: gap\ndata:
-  // {"dropped": n}\n\n" first. std::nullopt when none came within `wait`.
+  // The next server-sent-events frame: "id: <event id>\ndata: <row
+  // JSON>\n\n" (no id line for an event without one), or, when events were
+  // dropped since the last one, "event: gap\ndata: {"dropped": n}\n\n"
+  // first. std::nullopt when none came within `wait`.
   std::optional<std::string> NextFrame(std::chrono::milliseconds wait);
   // The frame NextFrame gave has been written to the consumer's connection.
   void Written();
@@ -48,12 +51,13 @@ class EventSubscription final : public RowConsumer {
   EventSubscription() = default;
 
   std::string table_;
+  std::string last_event_id_;  // ids up to this one were received before
   TableManager* manager_ = nullptr;
   tavra* object_ = nullptr;
   mutable std::mutex lock_;
   std::condition_variable arrived_;
   std::condition_variable written_changed_;
-  std::deque<std::string> queue_;
+  std::deque<std::string> queue_;  // whole frames
   uint64_t delivered_ = 0;      // events put in the queue (dropped ones too)
   uint64_t written_ = 0;        // events written out or dropped
   uint64_t dropped_ = 0;

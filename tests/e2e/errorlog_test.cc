@@ -36,7 +36,7 @@ namespace {
 std::mutex g_rows_lock;
 std::vector<std::string> g_rows;
 
-void CollectRow(const std::string& row) {
+void CollectRow(const std::string& row, const std::string&) {
   std::lock_guard<std::mutex> guard(g_rows_lock);
   g_rows.push_back(row);
 }

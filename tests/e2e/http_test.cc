@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,17 +66,19 @@ struct RunningAgent {
 // Follows an event stream on a thread of its own and keeps every event.
 class EventConsumer {
  public:
-  EventConsumer(const std::string& url, const std::string& path) : client_(url) {
+  // With `last_event_id`, it reconnects as a consumer that had every event
+  // up to that one.
+  EventConsumer(const std::string& url, const std::string& path, const std::string& last_event_id = "")
+      : client_(url) {
     client_.set_read_timeout(120);
-    thread_ = std::thread([this, path] {
+    httplib::Headers headers;
+    if (!last_event_id.empty()) headers.emplace("Last-Event-ID", last_event_id);
+    thread_ = std::thread([this, path, headers] {
       std::string pending;
-      client_.Get(path, [&](const char* data, size_t length) {
+      client_.Get(path, headers, [&](const char* data, size_t length) {
         pending.append(data, length);
-        for (size_t end; (end = pending.find("\n\n")) != std::string::npos; pending.erase(0, end + 2)) {
-          std::lock_guard<std::mutex> guard(lock_);
-          if (pending.rfind(": subscribed", 0) == 0) subscribed_ = true;
-          if (pending.rfind("data: ", 0) == 0) events_.push_back(Json::parse(pending.substr(6, end - 6)));
-        }
+        for (size_t end; (end = pending.find("\n\n")) != std::string::npos; pending.erase(0, end + 2))
+          TakeFrame(pending.substr(0, end));
         return !leaving_;
       });
     });
@@ -94,6 +97,10 @@ class EventConsumer {
     std::lock_guard<std::mutex> guard(lock_);
     return events_;
   }
+  std::string LastEventId() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return last_event_id_;
+  }
   std::vector<std::string> Messages() {
     std::lock_guard<std::mutex> guard(lock_);
     std::vector<std::string> texts;
@@ -102,12 +109,23 @@ class EventConsumer {
   }
 
  private:
+  void TakeFrame(const std::string& frame) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (frame.rfind(": subscribed", 0) == 0) subscribed_ = true;
+    std::istringstream lines(frame);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.rfind("id: ", 0) == 0) last_event_id_ = line.substr(4);
+      if (line.rfind("data: ", 0) == 0) events_.push_back(Json::parse(line.substr(6)));
+    }
+  }
+
   httplib::Client client_;
   std::thread thread_;
   std::atomic<bool> leaving_{false};
   std::mutex lock_;
   bool subscribed_ = false;
   std::vector<Json> events_;
+  std::string last_event_id_;
 };
 
 class Http : public testing::Test {
@@ -330,6 +348,7 @@ TEST_F(Http, ErrorsWrittenWhileTheAgentWasKilledArriveAfterItsRestart) {
                                                            "BACKUP failed to complete the command BACKUP LOG hr."}));
 }
 
+#ifndef _WIN32
 // The error numbers a consumer received, each with how often.
 std::map<long, int> CountByNumber(const std::vector<Json>& events) {
   std::map<long, int> counts;
@@ -348,14 +367,23 @@ std::string ErrorBlock(const kzq_test::LogClock& time, long first, int count) {
 }
 
 // The agent killed (SIGKILL, TerminateProcess) while it delivers a large
-// write and while errors trickle in, then restarted: every error reaches
-// the consumer, and none twice but the one whose resume point was being
-// saved at the instant of the kill.
-TEST_F(Http, AKilledAgentLosesNoErrorAndRepeatsAtMostTheOneInFlight) {
-  constexpr int kBlock = 3000, kTrickle = 300;
+// write and while errors trickle in, then restarted, and at last restarted
+// with a state file that no longer means anything (the whole log is read
+// again). A consumer that reconnects with the last event id it had, as
+// server-sent-events consumers do, gets every error exactly once.
+// Not under Wine: a process it terminates keeps its connections open for
+// about a minute and may drop what it had written to them, which no real
+// system does, so the test could not tell the agent's faults from Wine's.
+TEST_F(Http, AKilledAgentLosesNoErrorAndRepeatsNone) {
+  constexpr int kBlock = 1500, kTrickle = 100;
   std::vector<Json> received;
-  // A large write, killed once a tenth of it has arrived.
-  {
+  std::string last_id;
+  const auto keep = [&](EventConsumer& consumer) {
+    consumer.Leave();
+    for (const Json& e : consumer.Events()) received.push_back(e);
+    if (!consumer.LastEventId().empty()) last_id = consumer.LastEventId();
+  };
+  {  // a large write, killed once a tenth of it has arrived
     agent_ = StartAgent("block");
     EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
     ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
@@ -363,39 +391,40 @@ TEST_F(Http, AKilledAgentLosesNoErrorAndRepeatsAtMostTheOneInFlight) {
     ASSERT_TRUE(Eventually([&] { return consumer.Events().size() >= kBlock / 10; }));
     agent_.process->Kill();
     agent_.process->Wait();
-    consumer.Leave();
-    for (const Json& e : consumer.Events()) received.push_back(e);
+    keep(consumer);
   }
-  // Restarted: the rest of the block, then a trickle killed half-way.
-  {
+  {  // restarted: the rest of the block, then a trickle killed half-way
     agent_ = StartAgent("trickle");
-    EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+    EventConsumer consumer(agent_.Url(), "/events/KZQERROR", last_id);
     ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
-    for (int i = 0; i < kTrickle / 2; ++i) log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
-    ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Events().size() >= kBlock * 9 / 10; }))
-        << consumer.Events().size();
+    for (int i = 0; i < kTrickle / 2; ++i)
+      log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
+    ASSERT_TRUE(ArrivesWithChanges([&] { return received.size() + consumer.Events().size() >= kBlock; }));
     agent_.process->Kill();
     agent_.process->Wait();
-    consumer.Leave();
-    for (const Json& e : consumer.Events()) received.push_back(e);
+    keep(consumer);
   }
-  for (int i = kTrickle / 2; i < kTrickle; ++i) log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
+  for (int i = kTrickle / 2; i < kTrickle; ++i)
+    log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
+  const std::string state = kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value());
+  ASSERT_TRUE(kzq::WriteResumePoint(state, {u"2026-01-01", u"00:00:00.00", 12345, 3}));
   agent_ = StartAgent("last");
-  EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+  EventConsumer consumer(agent_.Url(), "/events/KZQERROR", last_id);
   ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
   log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 300000, 1));
   ASSERT_TRUE(ArrivesWithChanges([&] { return CountByNumber(consumer.Events()).count(300000) == 1; }))
       << kzq_test::ReadFile(agent_.output);
-  for (const Json& e : consumer.Events()) received.push_back(e);
+  keep(consumer);
   const std::map<long, int> counts = CountByNumber(received);
   int missing = 0, repeated = 0;
   for (long n = 100000; n < 100000 + kBlock; ++n) missing += counts.count(n) == 0 ? 1 : 0;
   for (long n = 200000; n < 200000 + kTrickle; ++n) missing += counts.count(n) == 0 ? 1 : 0;
   for (const auto& [number, times] : counts) repeated += times - 1;
   EXPECT_EQ(missing, 0);
-  EXPECT_LE(repeated, 2) << "two kills";
+  EXPECT_EQ(repeated, 0);
   EXPECT_EQ(counts.size(), static_cast<size_t>(kBlock + kTrickle + 1));
 }
+#endif
 
 // The server cycles its log while a consumer follows the events: what it
 // wrote to the old log just before, and the new log from its start, arrive
