@@ -14,8 +14,14 @@ bool ReadWholeLine(Utf16LineReader& reader, std::u16string* line) {
   return false;
 }
 
+// Every dated line is marked: the words are copied into the strings the
+// mark already holds, which allocates nothing once they are long enough.
 void MarkLine(bool dated, const LogLine& words, long start, ResumePoint* mark) {
-  if (dated && mark != nullptr) *mark = {words.date_word, words.time_word, start, 3};
+  if (!dated || mark == nullptr) return;
+  mark->date_word = words.date_word;
+  mark->time_word = words.time_word;
+  mark->offset = start;
+  mark->values = 3;
 }
 
 bool ReadErrorEvent(Utf16LineReader& reader, const LogTime& time, const ErrorNumbers& numbers, int64_t now,
@@ -41,8 +47,8 @@ std::string ReadSymptomDumpEvent(Utf16LineReader& reader, const LogLine& dump_li
                                  int64_t now, ResumePoint* mark) {
   LogLine last = dump_line;
   std::u16string line;
+  LogLine split;
   for (long start = reader.Tell(); ReadWholeLine(reader, &line); start = reader.Tell()) {
-    LogLine split;
     const bool dated = SplitLogLine(line, &split);
     if (dated) last = split;
     MarkLine(dated, split, start, mark);

@@ -18,7 +18,9 @@ struct LogLine {
 };
 
 // Splits a line (a trailing CR LF is ignored) into its words and text.
-// False unless the date, time and source words are all there. The text
+// False unless the date, time and source words are all there; all four
+// are then left empty. One LogLine can take line after line: its strings
+// keep their room, and a long log is split without allocating. The text
 // starts at the first non-blank at least two characters past the source
 // word, counted as if the words were one blank apart: the server pads the
 // source word to a fixed column, and a text closer than that loses its

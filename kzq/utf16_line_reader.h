@@ -16,7 +16,8 @@ class Utf16LineReader {
   static constexpr size_t kDefaultBufferBytes = 64 * 1024;
 
   // Reads from the file's current position; the file stays the caller's.
-  // Buffers smaller than one unit are made one unit long.
+  // The buffer holds whole units: an odd size in bytes is rounded up to
+  // the next whole unit.
   explicit Utf16LineReader(FILE* file, size_t buffer_bytes = kDefaultBufferBytes);
 
   // Replaces `line` with the units up to and including the next line feed,
@@ -37,9 +38,13 @@ class Utf16LineReader {
   bool Refill();
   bool TakeUnits(std::u16string* line, size_t limit);
 
+  unsigned char* Bytes() { return reinterpret_cast<unsigned char*>(buffer_.data()); }
+
   FILE* file_;
-  std::vector<unsigned char> buffer_;
-  size_t begin_ = 0;        // the next unread byte in the buffer
+  // Held as units so that whole units are copied out of it as they are;
+  // read into and counted in bytes, as a unit may come in two reads.
+  std::vector<char16_t> buffer_;
+  size_t begin_ = 0;        // the next unread byte in the buffer (always a unit's first)
   size_t end_ = 0;          // one past the last byte read into the buffer
   long buffer_offset_ = 0;  // the file offset of buffer_[0]
 };

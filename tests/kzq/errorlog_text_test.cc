@@ -104,6 +104,19 @@ TEST(Utf16LineReader, FindsTextAppendedAfterTheEnd) {
   fclose(file);
 }
 
+// A line feed's byte found inside another unit, whether as its high or
+// its low byte, does not end the line, wherever the buffer splits it.
+TEST(Utf16LineReader, OnlyALineFeedUnitEndsALine) {
+  kzq_test::TempDir dir;
+  const std::string units("\x0A\x0A" "\x0A\x01" "\x41\x0A" "\x00\x4E" "\x0A\x00" "x\x00", 12);
+  kzq_test::WriteFile(dir.File("log"), units);
+  for (size_t size : {1, 3, 4, 64}) {
+    const ReadBack back = ReadAll(dir.File("log"), size, 2048);
+    EXPECT_EQ(back.lines, (std::vector<std::u16string>{u"\u0A0A\u010A\u0A41\u4E00\n", u"x"})) << size;
+    EXPECT_EQ(back.ends, (std::vector<long>{10, 12})) << size;
+  }
+}
+
 TEST(ErrorlogLine, SplitsServerLinesAtThePaddedTextColumn) {
   const LogClock at{2026, 11, 23, 10, 15, 2, 31};
   kzq::LogLine line;
@@ -147,6 +160,35 @@ TEST(ErrorlogLine, ReadsTheTimeOnlyWhenAllSixNumbersAreThere) {
   EXPECT_FALSE(kzq::IsLater(base, base));
   EXPECT_FALSE(kzq::IsLater({125, 12, 31, 23, 59, 59}, base));
   EXPECT_FALSE(kzq::IsLater({126, 11, 22, 23, 59, 59}, base));
+}
+
+// A word is found by whole units: a unit that only shares a byte with the
+// word's first character is not its start.
+TEST(ErrorlogLine, FindsWordsByWholeUnitsOnly) {
+  EXPECT_FALSE(kzq::IsErrorLine(u"x \u0145rror: 1, Severity: 2, State: 3."));
+  EXPECT_TRUE(kzq::IsErrorLine(u"\u4545\u0145Error: 1, Severity: 2, State: 3."));
+  EXPECT_TRUE(kzq::IsSymptomDumpLine(u"\u6300\u0063reate create symptom dump"));
+  EXPECT_FALSE(kzq::IsSymptomDumpLine(u"create symptom dum"));
+  EXPECT_TRUE(kzq::IsStackDumpSentLine(u"**Stack Dump being sent"));
+  EXPECT_FALSE(kzq::IsStackDumpSentLine(u"*"));
+}
+
+TEST(ErrorlogLine, DateAndTimeWordsOfAnyShapeReadAsScanned) {
+  kzq::LogTime t;
+  ASSERT_TRUE(kzq::ParseLineTime({u"2026-11-2x", u"10:15:023", u"s", u""}, &t));
+  EXPECT_EQ(t.day * 1000000 + t.hour * 10000 + t.minute * 100 + t.second, 2101523);
+  ASSERT_TRUE(kzq::ParseLineTime({u"2026-+1-23", u"1:2:3", u"s", u""}, &t));
+  EXPECT_EQ(t.month * 1000000 + t.hour * 10000 + t.minute * 100 + t.second, 1010203);
+  EXPECT_FALSE(kzq::ParseLineTime({u"2026-1a-23", u"10:15:02", u"s", u""}, &t));
+  EXPECT_FALSE(kzq::ParseLineTime({u"2026-11-23", u"10:15-02", u"s", u""}, &t));
+}
+
+// One LogLine taking line after line holds only what the last one gave.
+TEST(ErrorlogLine, AFailedSplitLeavesNoWordsBehind) {
+  kzq::LogLine line;
+  ASSERT_TRUE(kzq::SplitLogLine(u"2026-11-23 10:15:02.31 spid52      Error: 1", &line));
+  EXPECT_FALSE(kzq::SplitLogLine(u"2026-11-23 10:15:02.31", &line));
+  EXPECT_EQ(line.date_word + line.time_word + line.source_word + line.text, u"");
 }
 
 TEST(ErrorlogLine, ErrorNumbersNeedAllThreeValues) {
