@@ -259,6 +259,9 @@ void ErrorlogMonitor::WatchLoop(const std::string& directory, std::unique_ptr<pl
         watch.reset();
         break;
       case platform::WatchResult::kTimeout:
+        // A read that stopped at text still being written may have seen the
+        // write's change already: it is not left waiting for the next one.
+        if (context_.unfinished && !parser_running_) StartParser();
         break;
     }
   }

@@ -113,18 +113,24 @@ void ReadToEnd(ErrorlogContext& context, Utf16LineReader& reader, const EmitEven
   std::u16string line;
   LogLine split;
   ResumePointWriter writer(context.state_file);
+  context.unfinished = false;
   for (;;) {
     context.offset = reader.Tell();
     if (context.roll_over) break;
     if (!ReadWholeLine(reader, &line)) {
       ERRORLOG_FAILURE("\t\tError in fgetws\n");
+      std::u16string rest;
+      context.unfinished = reader.ReadLine(&rest, 2);
       break;
     }
     // Zeros the server left before a line (a log file grown ahead of its
     // text) would hide the line's date.
     line.erase(0, line.find_first_not_of(u'\0'));
     const int before = *count;
-    if (!HandleLine(context, reader, line, split, emit, now, count)) break;
+    if (!HandleLine(context, reader, line, split, emit, now, count)) {
+      context.unfinished = true;
+      break;
+    }
     if (*count != before) {
       if (context.await_delivery) context.await_delivery();
       SaveResumePoint(writer, context);

@@ -25,6 +25,10 @@ struct ErrorlogContext {
   std::string log_path;         // the ERRORLOG file itself
   bool state_unwritable = false;  // the last save of the resume point failed
   std::atomic<bool> more_changes{false};  // a change came while a run was reading
+  // The last read stopped before text it could not take yet: a line still
+  // being written, an error without its message, or half of a write seen
+  // while it was made. Its change is spent, so the monitor reads again soon.
+  std::atomic<bool> unfinished{false};
   // Waits until the events emitted so far have reached their consumers;
   // the resume point is saved only after it, so that it never runs ahead
   // of what was delivered. Empty: nothing to wait for.

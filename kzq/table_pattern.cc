@@ -88,6 +88,9 @@ int PushRowsToAll(framework::TableManager& manager, const void* rows, int32_t co
   int result = 0;
   framework::TavraListIter objects(manager);
   for (framework::tavra* object = objects.Next(); object != nullptr; object = objects.Next()) {
+    // Only event requests take pushed rows; a report sample of the table,
+    // open at the same moment, is filled by its own thread.
+    if (object->GetSampleType() != framework::kSampleEvent) continue;
     object->Acquire();
     object->AddRows(rows, count);
     object->SetEventId(event_id);

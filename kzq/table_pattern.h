@@ -93,7 +93,7 @@ class TableAgent : public Base {
   }
 };
 
-// Hands rows to every open object of the manager, as pushed tables need,
+// Hands rows to every open event request of the manager, as pushed tables need,
 // with the id of the event they make (empty: none). Returns the last
 // non-zero Dispatch result, else 0.
 int PushRowsToAll(framework::TableManager& manager, const void* rows, int32_t count,

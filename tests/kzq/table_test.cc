@@ -271,7 +271,9 @@ TEST_F(Tables, ReportSampleThroughTheFrameworkAppliesTheFilter) {
   EXPECT_EQ(framework::RunReportSample(detail, nullptr, nullptr), framework::kRequestUnknownTable);
 }
 
-TEST_F(Tables, PushReachesEveryOpenObjectThroughItsOwnFilter) {
+// Pushed rows go to the event requests only: a report sample of the table
+// open at that moment is its own thread's to fill.
+TEST_F(Tables, PushReachesEveryOpenEventRequestThroughItsOwnFilter) {
   const auto severe = FilterFor(kzq::kzqerror_spec, "SEVERITY GE 17");
   CollectingConsumer all, only_severe;
   framework::RequestDetail everything;
@@ -285,6 +287,11 @@ TEST_F(Tables, PushReachesEveryOpenObjectThroughItsOwnFilter) {
   ASSERT_NE(manager, nullptr);
   framework::tavra* a = manager->OpenRequest(&everything, nullptr);
   framework::tavra* b = manager->OpenRequest(&filtered, nullptr);
+  CollectingConsumer sampled;
+  framework::RequestDetail report;
+  report.table = "KZQERROR";
+  report.consumer = &sampled;
+  framework::tavra* c = manager->OpenRequest(&report, nullptr);
 
   std::vector<char> rows;
   for (int32_t severity : {16, 20}) {
@@ -297,6 +304,8 @@ TEST_F(Tables, PushReachesEveryOpenObjectThroughItsOwnFilter) {
   ASSERT_EQ(only_severe.rows.size(), 1u);
   EXPECT_EQ(a->NumDataItems(), 0);  // cleared after each push
   EXPECT_EQ(b->NumDataItems(), 0);
+  EXPECT_TRUE(sampled.rows.empty());
+  manager->CloseRequest(c);
 
   manager->CloseRequest(a);
   only_severe.result = 0;
