@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -320,6 +321,24 @@ TEST_F(Http, TwoEventConsumersEachReceiveEveryErrorAtOnce) {
   EXPECT_EQ(event["MSGISSUER"], "spid51");
   EXPECT_EQ(event["MSGTIME"], "1261123090001000");
   EXPECT_GE(event["MSGAGE"].get<int>(), 0);
+}
+
+// Errors already in the log when the agent starts are not news: the
+// scheduler's report samples read them, and the first consumer to subscribe
+// after that gets only what is written from then on.
+TEST_F(Http, TheFirstConsumerAfterAStartGetsNoOldErrors) {
+  log_writer_->Advance(1).Error("spid51", 9002, 17, 2, "old: the log for 'sales' is full.");
+  log_writer_->Advance(1).Error("spid52", 823, 24, 2, "old: I/O error 1117.").InfoLines(40);
+  // A first start: no resume point, so nothing before it counts as missed.
+  std::filesystem::remove(kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value()));
+  agent_ = StartAgent();
+  ASSERT_TRUE(Eventually([&] { return Sampled(agent_.Url()); }));
+  EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
+  ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
+  log_writer_->Advance(1).Error("spid53", 3041, 17, 1, "new: BACKUP failed.");
+  ASSERT_TRUE(ArrivesWithChanges([&] { return !consumer.Messages().empty(); }));
+  platform::SleepMillis(300);  // nothing more may come
+  EXPECT_EQ(consumer.Messages(), std::vector<std::string>{"new: BACKUP failed."});
 }
 
 // The resume point outlives the agent: errors written while it was killed
