@@ -200,6 +200,10 @@ int ShareCommObject::SendRequest(const char* name, const std::vector<std::string
   for (size_t i = 0; i < attributes.size() && i < area::kAttributeSlots; ++i)
     WriteField(view_, area::kReqAttributes + i * area::kAttributeSlotWidth, area::kAttributeSlotWidth,
                area::kAttributeSlotWidth - 1, attributes[i]);
+  // The limit goes with every request: the area outlives both processes,
+  // and a value damaged once would otherwise have every later request
+  // refused as late.
+  WriteInt(view_, area::kReqTimeout, area::kRequestTimeoutSeconds);
   WriteInt(view_, area::kReqFinishWrite, AreaNow());
   if (ReleaseFill(kRequestArea, "nsh0002", "Failed to release Filled semaphore\n") != kCommOk) return kCommFailed;
   if (Verbose())

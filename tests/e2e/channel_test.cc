@@ -152,6 +152,18 @@ TEST_F(Channel, RequestReadTooLateIsDiscarded) {
   EXPECT_EQ(peer->Wait(), 3);
 }
 
+// The area outlives both processes: a time limit damaged once (a stray
+// write, an older program) must not have every later request refused.
+TEST_F(Channel, ADamagedTimeLimitIsWrittenAfreshWithTheNextRequest) {
+  unsigned char* view = static_cast<kvc::ShareCommObject*>(kvc::RequestEndpoint())->View();
+  const int32_t damaged = -1771428811;
+  memcpy(view + kvc::area::kReqTimeout, &damaged, sizeof damaged);
+  std::string unique;
+  ASSERT_EQ(kvc::RequestEndpoint()->SendRequest("KZQSRVR", {}, &unique, nullptr, 20), 0);
+  auto peer = StartPeer({"answer", "1", "10"});
+  EXPECT_EQ(peer->Wait(), 0);
+}
+
 TEST_F(Channel, ARequestWithoutAStatementClearsTheOneBefore) {
   std::string unique;
   ASSERT_EQ(kvc::RequestEndpoint()->SendRequest("KZQSQL", {}, &unique, "SPID=7", 0), kvc::kCommOk);
