@@ -38,21 +38,25 @@ size_t CutAtCharacter(const std::string& utf8, size_t limit) {
 
 }  // namespace
 
+// Every sample asks; the setting is parsed, and the system asked whether it
+// knows the code page, only when the value changes.
 int CollectorCodePage() {
   const std::string value = platform::GetEnv("COLL_CODEPAGE").value_or("");
-  if (value.empty()) return kDefaultCodePage;
+  static std::mutex lock;
+  static std::string last_value;
+  static int last_code_page = kDefaultCodePage;
+  std::lock_guard<std::mutex> guard(lock);
+  if (value == last_value) return last_code_page;
+  last_value = value;
+  last_code_page = kDefaultCodePage;
+  if (value.empty()) return last_code_page;
   char* end = nullptr;
   const long number = strtol(value.c_str(), &end, 10);
-  if (*end == '\0' && number > 0 && number < 100000 && Known(static_cast<int>(number))) return static_cast<int>(number);
-  static std::mutex lock;
-  static std::string reported;
-  std::lock_guard<std::mutex> guard(lock);
-  if (reported != value) {
-    kvc::Log('e', "kzq2320", "COLL_CODEPAGE '%s' is not a code page this system knows; texts are read as %d\n",
-             value.c_str(), kDefaultCodePage);
-    reported = value;
-  }
-  return kDefaultCodePage;
+  if (*end == '\0' && number > 0 && number < 100000 && Known(static_cast<int>(number)))
+    return last_code_page = static_cast<int>(number);
+  kvc::Log('e', "kzq2320", "COLL_CODEPAGE '%s' is not a code page this system knows; texts are read as %d\n",
+           value.c_str(), kDefaultCodePage);
+  return last_code_page;
 }
 
 CollectorText::CollectorText(int code_page) : code_page_(code_page) {}

@@ -141,8 +141,9 @@ bool ErrorlogMonitor::WaitWhileParked() {
 
 void ErrorlogMonitor::Emit(const std::string& event) {
   const std::string row = RowOf(event, now_());
+  static const size_t severity_at = static_cast<size_t>(kzqerror_spec.offsets[kzqerror_spec.IndexOf("SEVERITY")]);
   int32_t severity = 0;
-  memcpy(&severity, row.data() + kzqerror_spec.offsets[kzqerror_spec.IndexOf("SEVERITY")], sizeof severity);
+  memcpy(&severity, row.data() + severity_at, sizeof severity);
   {
     std::lock_guard<std::mutex> guard(counts_lock_);
     ++errors_by_severity_[severity];
