@@ -1,10 +1,11 @@
 #include "kvc/kvccomm.h"
 
-#include <atomic>
+#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
 #include <string>
 
+#include "kvc/collector_channel.h"
 #include "kvc/kvccomm2.h"
 #include "kvc/kvccomob.h"
 #include "kvc/kvcenv.h"
@@ -16,15 +17,15 @@ namespace kvc {
 namespace {
 
 constexpr int kBusyTries = 30;
-constexpr uint32_t kBusySleepMs = 1000;
-constexpr uint32_t kPatientPollMs = 20;
+constexpr std::chrono::milliseconds kBusyTry{1000};
 constexpr int kExitNoChannel = 8;
 
-// The code that is running, 0 when idle: the channel's lock, taken and
-// given back whole by one atomic step each.
-std::atomic<int> g_busy{0};
-thread_local int t_patience_ms = 0;  // 0: the full bounded wait
-thread_local bool t_found_busy = false;
+// Holds the code that is running. A caller waiting for it is woken the
+// moment it is given back.
+TimedLock& BusyLock() {
+  static auto* lock = new TimedLock;
+  return *lock;
+}
 
 // IPC mode: shared memory unless COLL_USESHM says otherwise.
 bool SharedMemoryMode() {
@@ -33,36 +34,28 @@ bool SharedMemoryMode() {
   return config.useShm == nullptr || config.useShm[0] == '1';
 }
 
-// Takes the busy word for `code`, waiting a bounded time for a running call.
-// The word is taken in one step, and a caller that waited in vain makes no
-// call at all: the channel holds one exchange at a time, and two threads in
-// it at once take each other's answers and lose its semaphore counts, which
-// stalls every later exchange.
-bool TakeBusyWordWithin(int code, int millis) {
-  const uint64_t deadline = platform::MonotonicMillis() + static_cast<uint64_t>(millis);
-  int running = 0;
-  while (platform::MonotonicMillis() < deadline) {
-    platform::SleepMillis(kPatientPollMs);
-    running = 0;
-    if (g_busy.compare_exchange_strong(running, code)) return true;
-  }
-  Log('w', "com0015", "kvccomm busy with call %d for more than %d ms; call %d not made\n", running, millis, code);
-  return false;
-}
-
+// Takes the busy lock for `code`, waiting a bounded time for a running
+// call. A caller that waited in vain makes no call at all: the channel
+// holds one exchange at a time, and two threads in it at once take each
+// other's answers and lose its semaphore counts, which stalls every later
+// exchange.
 bool TakeBusyWord(int code) {
-  int running = 0;
-  if (g_busy.compare_exchange_strong(running, code)) return true;
-  if (t_patience_ms > 0) return TakeBusyWordWithin(code, t_patience_ms);
-  Log('i', "com0010", "kvccomm locked... entering wait (%d,%d)\n", running, code);
+  TimedLock& busy = BusyLock();
+  if (busy.TakeWithin(code, std::chrono::milliseconds(0))) return true;
+  const int patience = ChannelPatience::Current();
+  if (patience > 0) {
+    if (busy.TakeWithin(code, std::chrono::milliseconds(patience))) return true;
+    Log('w', "com0015", "kvccomm busy with call %d for more than %d ms; call %d not made\n", busy.Holder(), patience,
+        code);
+    return false;
+  }
+  Log('i', "com0010", "kvccomm locked... entering wait (%d,%d)\n", busy.Holder(), code);
   for (int tries = 1; tries <= kBusyTries; ++tries) {
-    platform::SleepMillis(kBusySleepMs);
-    running = 0;
-    if (g_busy.compare_exchange_strong(running, code)) return true;
+    if (busy.TakeWithin(code, kBusyTry)) return true;
     Log('i', "com0012", "kvccomm locked... still waiting (%d)\n", tries);
   }
-  Log('e', "com0014", "kvccomm still locked by call %d after %d seconds; call %d not made\n", running, kBusyTries,
-      code);
+  Log('e', "com0014", "kvccomm still locked by call %d after %d seconds; call %d not made\n", busy.Holder(),
+      kBusyTries, code);
   return false;
 }
 
@@ -113,11 +106,6 @@ void* Dispatch(int code, const char* word, va_list args) {
 
 }  // namespace
 
-ChannelPatience::ChannelPatience(int millis) : previous_(t_patience_ms) { t_patience_ms = millis; }
-ChannelPatience::~ChannelPatience() { t_patience_ms = previous_; }
-
-bool LastCallFoundChannelBusy() { return t_found_busy; }
-
 }  // namespace kvc
 
 void* KVCCOMM(const char* code_word, ...) {
@@ -130,14 +118,12 @@ void* KVCCOMM(const char* code_word, ...) {
   va_list args;
   va_start(args, code_word);
   void* result = nullptr;
-  t_found_busy = false;
   if (code == kCodeShut) {
     // Shutting down never waits for a running call.
     result = Dispatch(code, code_word, args);
-    g_busy.store(0);
+    if (BusyLock().Holder() != 0) BusyLock().Give();
   } else {
-    t_found_busy = !TakeBusyWord(code);
-    if (t_found_busy) {
+    if (!TakeBusyWord(code)) {
       va_end(args);
       return nullptr;
     }
@@ -145,7 +131,7 @@ void* KVCCOMM(const char* code_word, ...) {
     // set on purpose: later calls go through the full bounded wait.
     if (SharedMemoryMode()) {
       result = Dispatch(code, code_word, args);
-      g_busy.store(0);
+      BusyLock().Give();
     }
   }
   va_end(args);

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <new>
 
+#include "kvc/collector_channel.h"
 #include "kvc/kvccomob.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcopts.h"
@@ -26,7 +27,6 @@ constexpr int kDefaultCollectorWait = 5;
 struct ChannelClock {
   std::once_flag once;
   int wait_seconds = 0;
-  time_t last_success = 0;
 };
 
 ChannelClock& Clock() {
@@ -58,8 +58,6 @@ void SetEndpointError(IpcAnchor* anchor, int result, const char* operation, int 
   anchor->detail_code[1] = index;
   anchor->detail_text[1] = word;
 }
-
-time_t Now() { return static_cast<time_t>(platform::NowUnixSeconds()); }
 
 std::vector<std::string> SplitWords(const char* text) {
   std::vector<std::string> words;
@@ -115,52 +113,14 @@ bool BuildPipes(IpcAnchor* anchor, const char* request_text) {
   return true;
 }
 
-bool SendAll(IpcAnchor* anchor) {
-  ChannelClock& clock = Clock();
-  int index = 0;
-  for (PipeList* entry = anchor->pipes; entry != nullptr; entry = entry->next, ++index) {
-    ChannelWatchdog(clock.last_success);
-    std::string unique;
-    // The session identifier travels as the request's statement text.
-    const std::string statement = anchor->session_id.empty() ? "" : "SPID=" + anchor->session_id;
-    const int rc = RequestEndpoint()->SendRequest(entry->word.c_str(), AttributeList(anchor), &unique,
-                                                  statement.empty() ? nullptr : statement.c_str(),
-                                                  clock.wait_seconds);
-    if (rc != kCommOk) {
-      SetEndpointError(anchor, rc, "SendRequest", index, entry->word);
-      return false;
-    }
-    clock.last_success = Now();
-    anchor->last_unique = unique;
-  }
-  return true;
-}
-
-bool ReceiveAll(IpcAnchor* anchor, time_t started) {
-  const int wait = Clock().wait_seconds;
-  int index = 0;
-  for (PipeList* entry = anchor->pipes; entry != nullptr; entry = entry->next, ++index) {
-    int32_t numrow = 0, lenrow = 0;
-    std::string unique, bytes;
-    for (int tries = 0; tries < kDataTries; ++tries) {
-      const time_t spent = Now() - started;
-      const int remaining = spent >= wait ? 0 : wait - static_cast<int>(spent);
-      const int rc = DataEndpoint()->GetData(anchor->last_unique.c_str(), &unique, &numrow, &lenrow, &bytes, remaining);
-      if (rc < 0) {
-        SetEndpointError(anchor, rc, "GetData", index, entry->word);
-        return false;
-      }
-      if (unique == anchor->last_unique) break;
-      Log('i', "tsh0010", "Continue waiting...\n");
-    }
-    AcceptAnswer(entry, numrow, lenrow, bytes);
-  }
-  return true;
-}
-
 }  // namespace
 
 int ChannelWaitSeconds() { return Clock().wait_seconds; }
+
+int AgentWaitSeconds() {
+  ReadChannelWait('P');
+  return Clock().wait_seconds;
+}
 
 void ChannelPrefixNames(std::string* first, std::string* second) {
   AgentConfig& config = TheAgentConfig();
@@ -203,13 +163,16 @@ std::vector<char> BuildRequestItem(const std::string& word, const char* sender, 
   return block;
 }
 
-IpcAnchor* NewAnchor(char kind) {
+void ReadChannelWait(char kind) {
   ChannelClock& clock = Clock();
   std::call_once(clock.once, [&] {
     clock.wait_seconds = kind == 'C' ? ReadWait("COLL_WAIT_TIMEOUT", kDefaultCollectorWait)
                                      : ReadWait("WAIT_TIMEOUT", kDefaultAgentWait);
-    clock.last_success = Now();
   });
+}
+
+IpcAnchor* NewAnchor(char kind) {
+  ReadChannelWait(kind);
   auto* anchor = new (std::nothrow) IpcAnchor;
   if (anchor == nullptr) return nullptr;
   anchor->kind = kind;
@@ -253,21 +216,6 @@ void SetPipeRows(PipeList* entry, int32_t numrow, int32_t lenrow, const char* ro
   memcpy(entry->rows, rows, static_cast<size_t>(size));
 }
 
-// A collector's header is not trusted beyond the bytes it sent: rows it
-// counts but did not send, a negative length or a product that overflows
-// are refused, and the word is answered with no rows.
-void AcceptAnswer(PipeList* entry, int32_t numrow, int32_t lenrow, const std::string& bytes) {
-  if (numrow != 0) {
-    const int64_t needed = static_cast<int64_t>(numrow) * lenrow;
-    if (numrow < 0 || lenrow <= 0 || static_cast<uint64_t>(needed) > bytes.size()) {
-      Log('e', "com2300", "Answer to %s refused: %d rows of %d bytes claimed, %lld bytes received\n",
-          entry->word.c_str(), numrow, lenrow, static_cast<long long>(bytes.size()));
-      numrow = 0;
-    }
-  }
-  SetPipeRows(entry, numrow, lenrow, bytes.data());
-}
-
 PipeList* GetRequestOn(IpcAnchor* anchor, const char* request_text) {
   SetError(anchor, kAnchorOk, "");
   if (Debug().full_debug) Log('t', "com2010", "get_request() %8s %s\n", anchor->current_request.c_str(), "AGT");
@@ -294,9 +242,16 @@ PipeList* GetRequestOn(IpcAnchor* anchor, const char* request_text) {
     SetError(anchor, kAnchorNoMemory, "No memory available");
     return nullptr;
   }
-  const time_t started = Now();
-  if (!SendAll(anchor)) return nullptr;
-  if (!ReceiveAll(anchor, started)) return nullptr;
+  int index = 0;
+  for (PipeList* entry = anchor->pipes; entry != nullptr; entry = entry->next, ++index) {
+    const ChannelAnswer answer = SharedChannel().Exchange(entry->word, anchor->session_id, AttributeList(anchor));
+    if (answer.busy || answer.unavailable) return nullptr;
+    if (!answer.Succeeded()) {
+      SetEndpointError(anchor, answer.result, answer.failed_step.c_str(), index, entry->word);
+      return nullptr;
+    }
+    SetPipeRows(entry, answer.numrow, answer.lenrow, answer.rows.data());
+  }
   return anchor->pipes;
 }
 

@@ -78,17 +78,17 @@ PipeList* PutRequestOn(IpcAnchor* anchor);
 // Gives a collector-side entry its answer (copied).
 void SetPipeRows(PipeList* entry, int32_t numrow, int32_t lenrow, const char* rows);
 void FreePipeList(PipeList* list);
-// Gives an agent-side entry the answer a collector sent: `numrow` rows of
-// `lenrow` bytes from `bytes`, or no rows when the bytes do not cover what
-// the header claims.
-void AcceptAnswer(PipeList* entry, int32_t numrow, int32_t lenrow, const std::string& bytes);
 
 // The request item block for a word, sender and attributes.
 std::vector<char> BuildRequestItem(const std::string& word, const char* sender,
                                    const char* const* attributes);
 
-// The channel wait value in seconds, read once by the first anchor.
+// The channel wait value in seconds, read once by the first anchor: for
+// kind 'P' from WAIT_TIMEOUT, for 'C' from COLL_WAIT_TIMEOUT.
+void ReadChannelWait(char kind);
 int ChannelWaitSeconds();
+// The wait value as an agent-side exchange reads it.
+int AgentWaitSeconds();
 
 // The two parts of this server's shared-object prefix, "<first>_<second>":
 // the configured version (COLL_VERSION, "kvc" when unset) and server id.

@@ -18,8 +18,14 @@
 namespace kvc {
 namespace {
 
-constexpr int kReaderPolls = 20;
-constexpr uint32_t kReaderPollMs = 3000;
+// How long a writer waits for the reader to finish the previous answer,
+// looking often: a reader that gives up an answer marks it finished, and
+// the next answer should follow at once, not at the next of 3-second looks.
+constexpr uint64_t kReaderWaitMs = 60000;
+constexpr uint32_t kReaderPollMs = 5;
+// A data-pending time this far ahead of now is damage; it would keep a
+// stuck answer from ever going stale.
+constexpr int32_t kFutureSlackSeconds = 60;
 constexpr int32_t kWatchdogSeconds = 180;
 constexpr int32_t kDefaultStaleSeconds = 90;
 constexpr int64_t kLargestReservation = 256LL << 20;
@@ -202,8 +208,12 @@ int ShareCommObject::SendRequest(const char* name, const std::vector<std::string
                area::kAttributeSlotWidth - 1, attributes[i]);
   // The limit goes with every request: the area outlives both processes,
   // and a value damaged once would otherwise have every later request
-  // refused as late.
-  WriteInt(view_, area::kReqTimeout, area::kRequestTimeoutSeconds);
+  // refused as late. It is how long this requester waits, so the
+  // collector drops a request, or an answer, nobody waits for any more.
+  WriteInt(view_, area::kReqTimeout,
+           timeout > 0 && timeout <= area::kLongestRequestTimeout ? timeout : area::kRequestTimeoutSeconds);
+  RepairField(view_, area::kReqReadIndex, "request read index", 0, 0, 0);
+  RepairField(view_, area::kReqWriteIndex, "request write index", 0, 0, 0);
   WriteInt(view_, area::kReqFinishWrite, AreaNow());
   if (ReleaseFill(kRequestArea, "nsh0002", "Failed to release Filled semaphore\n") != kCommOk) return kCommFailed;
   if (Verbose())
@@ -228,15 +238,13 @@ int ShareCommObject::GetRequest(std::string* name, std::string* unique, std::vec
   }
   statement->clear();
   if (view_[area::kReqStatement] != 0) *statement = ReadField(view_, area::kReqStatement, area::kReqStatementWidth);
-  const int rc = avail_->Release();
-  if (rc != platform::kOk) {
-    if (rc != platform::kErrTooManyPosts) Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
-    Log('e', "nsh0004", "Failed to release Available semaphore\n");
-  }
+  const int32_t finished = ReadInt(view_, area::kReqFinishWrite);
+  const int32_t limit = RepairField(view_, area::kReqTimeout, "request time-out", 1, area::kLongestRequestTimeout,
+                                    area::kRequestTimeoutSeconds);
+  // The slot is freed only after the drain: freed first, a request the agent
+  // wrote in between would be drained with the one just read, and lost.
   Reset(kRequestArea);
   const int32_t now = AreaNow();
-  const int32_t finished = ReadInt(view_, area::kReqFinishWrite);
-  const int32_t limit = ReadInt(view_, area::kReqTimeout);
   if (SecondsSince(finished, now) > limit) {
     Log('e', "nsh0012", "It's %s. Request '%s' received too late to process(now:%d, finish write:%d, timeout:%d)\n",
         FormatNow(nullptr, 1), unique->c_str(), now, finished, limit);
@@ -248,7 +256,23 @@ int ShareCommObject::GetRequest(std::string* name, std::string* unique, std::vec
   return kCommOk;
 }
 
+int32_t ShareCommObject::RepairField(unsigned char* view, size_t offset, const char* name, int32_t low,
+                                     int32_t high, int32_t repaired) {
+  const int32_t value = ReadInt(view, offset);
+  if (value >= low && value <= high) return value;
+  Log('w', "nsh0045", "Channel header field '%s' held %d, outside %d..%d; repaired to %d\n", name, value, low, high,
+      repaired);
+  WriteInt(view, offset, repaired);
+  ++repairs_;
+  return repaired;
+}
+
+bool ShareCommObject::ReaderGaveUp() const { return ReadInt(view_, area::kDataReaderFinished) == 1; }
+
 bool ShareCommObject::CleanStaleData() {
+  const int32_t now = AreaNow();
+  if (ReadInt(request_view_, area::kReqDataPending) != -1)
+    RepairField(request_view_, area::kReqDataPending, "data-pending time", INT32_MIN, now + kFutureSlackSeconds, now);
   const int32_t pending = ReadInt(request_view_, area::kReqDataPending);
   if (pending == -1 || SecondsSince(pending, AreaNow()) <= StaleLimit()) return false;
   if (Verbose()) {
@@ -260,13 +284,16 @@ bool ShareCommObject::CleanStaleData() {
   return true;
 }
 
+// The flag and the pending time are set before Reset frees the area: a
+// writer that takes the area next sees the answer it was writing marked
+// finished, and stops.
 void ShareCommObject::ClearDataArea() {
   WriteInt(view_, area::kDataReadIndex, 0);
   WriteInt(view_, area::kDataWriteIndex, 0);
   WriteInt(view_, area::kDataChunkBytes, 0);
-  Reset(kDataArea);
   WriteInt(view_, area::kDataReaderFinished, 1);
   WriteInt(request_view_, area::kReqDataPending, -1);
+  Reset(kDataArea);
 }
 
 int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, const char* bytes, int timeout) {
@@ -288,7 +315,9 @@ int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, 
   const int64_t total = static_cast<int64_t>(rows) * length;
   const char* source = total > 0 ? bytes : area::kEmptyAnswer;
   int64_t remaining = total > 0 ? total : static_cast<int64_t>(strlen(area::kEmptyAnswer));
-  for (int polls = 0; ReadInt(view_, area::kDataReaderFinished) == 0 && polls < kReaderPolls; ++polls)
+  RepairField(view_, area::kDataReaderFinished, "reader-finished flag", 0, 1, 1);
+  const uint64_t give_up = platform::MonotonicMillis() + kReaderWaitMs;
+  while (ReadInt(view_, area::kDataReaderFinished) == 0 && platform::MonotonicMillis() < give_up)
     platform::SleepMillis(kReaderPollMs);
   if (ReadInt(view_, area::kDataReaderFinished) == 0 && Verbose())
     Log('t', "ush0350", "Reader should already finish read now!\n");
@@ -298,7 +327,19 @@ int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, 
     if (WaitOn(avail_.get(), timeout) != kCommOk) {
       Log('e', "nsh0003", "Failed to acquire Available semaphore\n");
       if (!CleanStaleData()) return kCommTimeout;
+      WriteInt(view_, area::kDataReaderFinished, 0);  // the area is this writer's again
       continue;
+    }
+    if (ReaderGaveUp()) {
+      // The reader stopped waiting for this answer and cleared the area:
+      // the rest would only be taken for the start of the next answer.
+      Log('w', "nsh0044", "Answer %s given up by its reader; %lld bytes not sent\n", unique ? unique : "",
+          static_cast<long long>(remaining));
+      ++abandoned_;
+      const int rc = avail_->Release();
+      if (rc != platform::kOk && rc != platform::kErrTooManyPosts)
+        Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
+      return kCommTimeout;
     }
     if (first) {
       WriteField(view_, area::kDataUnique, area::kDataUniqueWidth, area::kDataUniqueChars, unique ? unique : "");
@@ -326,14 +367,27 @@ int ShareCommObject::GetData(const char* expected_unique, std::string* unique, i
                              std::string* bytes, int timeout) {
   if (Verbose()) Log('t', "ush0370", "GetData(%s): Entering, timeout=%d\n", FormatNow(nullptr, 1), timeout);
   bytes->clear();
+  RepairField(view_, area::kDataReaderFinished, "reader-finished flag", 0, 1, 1);
   int64_t remaining = 1;
   bool first = true;
+  bool other_request = false;
   while (remaining >= 1) {
-    if (WaitOn(fill_.get(), timeout) != kCommOk) return kCommTimeout;
+    if (WaitOn(fill_.get(), timeout) != kCommOk) {
+      // Given up: the area is marked finished, so the collector stops
+      // writing this answer and the next one goes through at once.
+      if (!first) {
+        Log('w', "nsh0043", "Answer %s given up after %lld bytes\n", unique->c_str(),
+            static_cast<long long>(bytes->size()));
+        ++abandoned_;
+      }
+      ClearDataArea();
+      return kCommTimeout;
+    }
     if (first) {
       *unique = ReadField(view_, area::kDataUnique, area::kDataUniqueWidth);
       const std::string expected = expected_unique != nullptr ? expected_unique : "";
-      if (*unique != expected) Log('w', "nsh0014", "Get Data for %s, not for %s\n", unique->c_str(), expected.c_str());
+      other_request = *unique != expected;
+      if (other_request) Log('w', "nsh0014", "Get Data for %s, not for %s\n", unique->c_str(), expected.c_str());
       *rows = ReadInt(view_, area::kDataRows);
       *length = ReadInt(view_, area::kDataRowLength);
       const int64_t total = static_cast<int64_t>(*rows) * *length;
@@ -358,6 +412,9 @@ int ShareCommObject::GetData(const char* expected_unique, std::string* unique, i
     bytes->append(reinterpret_cast<const char*>(view_ + area::kDataPayload), taken);
     remaining -= static_cast<int64_t>(chunk);
     WriteInt(view_, area::kDataReadIndex, 0);
+    // An answer to another request is not waited for past its first chunk:
+    // its writer may have stopped, and the answer that is wanted follows.
+    if (remaining < 1 || other_request) break;
     const int rc = avail_->Release();
     if (rc != platform::kOk) {
       if (rc != platform::kErrTooManyPosts) Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
@@ -372,21 +429,32 @@ int ShareCommObject::GetData(const char* expected_unique, std::string* unique, i
   return kCommOk;
 }
 
+// Drains a Fill left posted, then frees the area. In this order a writer
+// cannot post between the two and have its post drained: while the area
+// is not free no writer posts. The drain only tries: a 100 ms wait here
+// would add itself to every round trip.
 void ShareCommObject::Reset(int) {
   if (DebugOn()) Log('i', "nsh0036", "Resetting Semaphore...\n");
-  const int rc = avail_->Release();
-  if (rc != platform::kOk && rc != platform::kErrTooManyPosts)
-    Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
-  // Drains a Fill left posted. Nothing can be mid-post at the points where
-  // the exchange resets (the peer is waiting on the other area), so the
-  // drain does not wait: a 100 ms wait here would add itself to every
-  // round trip.
   const int drained = fill_->Wait(0);
   if (drained == platform::kErrTimeout) {
     if (DebugOn()) Log('i', "nlk0004", "Timeout when acquiring semaphore\n");
   } else if (drained != platform::kOk) {
     Log('e', "nlk0003", "Acquire semaphore failed, error# %d\n", drained);
   }
+  const int rc = avail_->Release();
+  if (rc != platform::kOk && rc != platform::kErrTooManyPosts)
+    Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
+}
+
+// Taking Fill makes this side the area's reader for a moment: only then
+// is it freed. When the collector took Fill first, it is reading the
+// request and frees the area itself.
+bool ShareCommObject::WithdrawRequest() {
+  if (fill_->Wait(0) != platform::kOk) return false;
+  const int rc = avail_->Release();
+  if (rc != platform::kOk && rc != platform::kErrTooManyPosts)
+    Log('e', "nlk0002", "Release semaphore failed, error# %d\n", rc);
+  return true;
 }
 
 int KVCThreadCommObject::SendRequest(const char* name, const std::vector<std::string>& attributes,

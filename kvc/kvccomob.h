@@ -5,6 +5,7 @@
 // must not change.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -67,6 +68,8 @@ inline constexpr size_t kDataChunkBytes = kDataPayload + kChunk;
 static_assert(kDataChunkBytes + 4 <= kDataSize);
 
 inline constexpr int32_t kRequestTimeoutSeconds = 45;
+// A request time-out beyond a day is damage, not a setting.
+inline constexpr int32_t kLongestRequestTimeout = 86400;
 inline constexpr const char* kEmptyAnswer = "NONE";
 }  // namespace area
 
@@ -135,6 +138,10 @@ class KVCThreadLockObject final : public KVCLockObject {
 class KVCCommObject {
  public:
   virtual ~KVCCommObject() = default;
+  // Answers this endpoint gave up part-way, and header fields it found out
+  // of range and repaired. Any thread.
+  uint64_t Abandoned() const { return abandoned_; }
+  uint64_t Repairs() const { return repairs_; }
   virtual bool IsValid() const = 0;
   // Writes a request; its unique name comes back in *unique. 0, -1, -10.
   virtual int SendRequest(const char* name, const std::vector<std::string>& attributes,
@@ -150,6 +157,13 @@ class KVCCommObject {
                       int32_t* length, std::string* bytes, int timeout) = 0;
   // Puts the area's pair back to Avail = 1, Fill = 0.
   virtual void Reset(int kind) = 0;
+  // Takes back a request the reader has not taken yet, freeing the area
+  // for the next one; true when there was one.
+  virtual bool WithdrawRequest() { return false; }
+
+ protected:
+  std::atomic<uint64_t> abandoned_{0};
+  std::atomic<uint64_t> repairs_{0};
 };
 
 // The shared-memory endpoint of one area.
@@ -172,6 +186,7 @@ class ShareCommObject final : public KVCCommObject {
   int GetData(const char* expected_unique, std::string* unique, int32_t* rows, int32_t* length,
               std::string* bytes, int timeout) override;
   void Reset(int kind) override;
+  bool WithdrawRequest() override;
 
   unsigned char* View() const { return view_; }
   bool Existed() const { return memory_.Existed(); }
@@ -183,6 +198,12 @@ class ShareCommObject final : public KVCCommObject {
   int ReleaseFill(int kind, const char* failure_id, const char* failure_text);
   int WaitOn(platform::Semaphore* semaphore, int timeout);
   bool CleanStaleData();
+  // A header field outside [low, high] is set to `repaired`, with a log line.
+  // Returns the field's value afterwards.
+  int32_t RepairField(unsigned char* view, size_t offset, const char* name, int32_t low, int32_t high,
+                      int32_t repaired);
+  // The reader marked the answer being written finished: it gave up on it.
+  bool ReaderGaveUp() const;
   // Drops whatever answer the data area holds and hands it to the next writer.
   void ClearDataArea();
 

@@ -12,6 +12,7 @@
 #include "kvc/kvcstr.h"
 #include "kvc/kvcutil.h"
 #include "kzq/catalogue_json.h"
+#include "kzq/channel_metrics.h"
 #include "kzq/errorlog_monitor.h"
 #include "kzq/instance_names.h"
 #include "kzq/service_status.h"
@@ -52,7 +53,8 @@ static_assert(sizeof kRegistrationOrder / sizeof kRegistrationOrder[0] == kTable
 // answers from the errorlog and runs its monitor while events are wanted.
 void InstallAgentSampling() {
   SetSampleFunction([](framework::tavra& object, const TableSpec& spec) {
-    return spec.form == SampleForm::kPushed ? ErrorlogReportSample(object) : TakeCollectorSample(object, spec);
+    return spec.form == SampleForm::kPushed ? ErrorlogReportSample(object)
+                                              : TakeCollectorSample(kvc::SharedChannel(), object, spec);
   });
   PushedTableHooks hooks;
   hooks.started = [] { TheErrorlogMonitor().RequestStarted(); };
@@ -114,7 +116,12 @@ int AgentLoader() {
   AVR_SetNodeType("MSS");
   AnnounceStart(config);
   InstallAgentSampling();
-  framework::SetApplicationCounters(ErrorlogCounters);
+  framework::SetApplicationCounters([] {
+    std::vector<framework::CounterFamily> families = ErrorlogCounters();
+    for (framework::CounterFamily& family : ChannelCounters(kvc::SharedChannel().Counts()))
+      families.push_back(std::move(family));
+    return families;
+  });
   RegisterAllTables();
   PublishToConsumers();
   return 0;

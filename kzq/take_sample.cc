@@ -1,5 +1,6 @@
 #include "kzq/take_sample.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
@@ -9,8 +10,9 @@
 
 #include "framework/agent.h"
 #include "framework/trace.h"
-#include "kvc/kvccomm.h"
+#include "kvc/collector_channel.h"
 #include "kvc/kvccomm2.h"
+#include "kvc/kvccomob.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcstr.h"
 #include "kvc/kvcutil.h"
@@ -105,13 +107,37 @@ StatusInputs InputsFor(const Services& services) {
 
 void AddRow(tavra& object, const RowBuilder& row) { object.AddRows(row.Data(), 1); }
 
-void ReportExchangeFailure(const kvc::IpcAnchor& anchor) {
-  if (anchor.error_code == 0) return;
+// What a failed exchange says, in the channel's status codes: 20 when the
+// request or its answer timed out, 21 when an area operation failed, 0
+// when nothing was said (the exchange was not made).
+struct ExchangeStatus {
+  uint32_t code = 0;
+  std::string text;
+  int step_result = 0;
+  std::string step;
+};
+
+ExchangeStatus StatusOf(const kvc::ChannelAnswer& answer) {
+  ExchangeStatus status;
+  if (answer.failed_step.empty()) return status;
+  status.step_result = answer.result;
+  status.step = answer.failed_step;
+  if (answer.result == kvc::kCommTimeout) {
+    status.code = kvc::kAnchorTimeout;
+    status.text = "Share memory time out";
+  } else if (answer.result == kvc::kCommFailed) {
+    status.code = kvc::kAnchorGenericError;
+    status.text = "Share memory generic error";
+  }
+  return status;
+}
+
+void ReportExchangeFailure(const ExchangeStatus& status, const char* table) {
+  if (status.code == 0) return;
   if (g_failure_reported.exchange(0) != 0) return;
-  kvc::Log('w', "AIC0003", "%s %d\n", anchor.error_text, static_cast<int>(anchor.error_code));
-  if (anchor.error_code < 20)
-    kvc::Log('i', "AIC0004", "(%d) %s (%d) %s\n", anchor.detail_code[0], anchor.detail_text[0].c_str(),
-             anchor.detail_code[1], anchor.detail_text[1].c_str());
+  kvc::Log('w', "AIC0003", "%s %d\n", status.text.c_str(), static_cast<int>(status.code));
+  if (status.code < 20)
+    kvc::Log('i', "AIC0004", "(%d) %s (%d) %s\n", status.step_result, status.step.c_str(), 0, table);
   g_failure_reported = 1;
 }
 
@@ -131,32 +157,35 @@ void TraceRow(const TableSpec& spec, const RowBuilder& row, int number) {
   }
 }
 
-// Why a sample got no data: the channel busy with another exchange for
-// longer than the caller would wait, or what the exchange said.
-std::string ChannelFailure(const std::string& otherwise) {
-  return kvc::LastCallFoundChannelBusy() ? "the collector channel is busy with another exchange; try again"
-                                         : otherwise;
+// Why a sample got no data: the channel not open, busy with another
+// exchange for longer than the caller would wait, or what the exchange said.
+std::string ChannelFailure(const kvc::ChannelAnswer& answer, const ExchangeStatus& status) {
+  if (answer.unavailable) return "the collector channel is not available";
+  if (answer.busy) return "the collector channel is busy with another exchange; try again";
+  return "no answer from the collector (" + CollectorServiceName() + "): " + status.text + " (" +
+         std::to_string(status.code) + ")";
 }
 
 // A collector's rows are trusted only in the table's own row length, and
 // the channel has checked that the bytes cover the count.
-bool RowsFit(const TableSpec& spec, const kvc::PipeList& cursor) {
-  if (cursor.numrow <= 0) return true;
-  if (cursor.lenrow == CollectorRowLength(spec) && cursor.rows != nullptr) return true;
+bool RowsFit(kvc::CollectorChannel& channel, const TableSpec& spec, const kvc::ChannelAnswer& answer) {
+  if (answer.numrow <= 0 || answer.lenrow == CollectorRowLength(spec)) return true;
   kvc::Log('e', "kzq2310", "Rows of %s refused: %d rows of %d bytes sent, rows of %d bytes expected\n", spec.key,
-           cursor.numrow, cursor.lenrow, CollectorRowLength(spec));
+           answer.numrow, answer.lenrow, CollectorRowLength(spec));
+  channel.CountRefused();
   return false;
 }
 
-void AddCollectorRows(tavra& object, const TableSpec& spec, const kvc::PipeList& cursor) {
-  SAMPLE_TRACE(object, "Collector ROWS=%d,  (kvcsampl)\n", cursor.numrow);
-  if (!RowsFit(spec, cursor)) return;
+void AddCollectorRows(kvc::CollectorChannel& channel, tavra& object, const TableSpec& spec,
+                      const kvc::ChannelAnswer& answer) {
+  SAMPLE_TRACE(object, "Collector ROWS=%d,  (kvcsampl)\n", answer.numrow);
+  if (!RowsFit(channel, spec, answer)) return;
   const std::string origin = OriginNode();
   RowBuilder row(spec);
   CollectorText text(CollectorCodePage());
-  for (int i = 0; i < cursor.numrow; ++i) {
+  for (int i = 0; i < answer.numrow; ++i) {
     row.SetLeading(origin, i + 1, FreshTimeStamp());
-    row.CopyCollectorPart(cursor.rows + static_cast<size_t>(i) * static_cast<size_t>(cursor.lenrow), text);
+    row.CopyCollectorPart(answer.rows.data() + static_cast<size_t>(i) * static_cast<size_t>(answer.lenrow), text);
     if (Flowing(object)) TraceRow(spec, row, i + 1);
     if (object.CheckForException(row.Data()) != 0) {
       SAMPLE_TRACE(object, "Add collected row into agent object. (kvcsampl)\n");
@@ -167,11 +196,11 @@ void AddCollectorRows(tavra& object, const TableSpec& spec, const kvc::PipeList&
   }
 }
 
-void AddInactiveRow(tavra& object, const TableSpec& spec, const kvc::IpcAnchor& anchor, const Services& services) {
+void AddInactiveRow(tavra& object, const TableSpec& spec, const ExchangeStatus& status, const Services& services) {
   RowBuilder row(spec);
   BuildInactiveRow(row, InputsFor(services));
   const double since_start = static_cast<double>(platform::NowUnixSeconds() - AgentStartTime());
-  SAMPLE_TRACE(object, "Collector Inactive, %s\n", InactiveReason(since_start, anchor.error_code));
+  SAMPLE_TRACE(object, "Collector Inactive, %s\n", InactiveReason(since_start, status.code));
   if (Flowing(object)) {
     TRC1_Printf("Collector Inactive, passing back 1 row (kvcsampl)\n");
     object.Dump();
@@ -203,33 +232,31 @@ bool HeartbeatHealthy(const char* text) {
 
 // The server summary table asks for the collector's heartbeat when its own
 // answer had no rows, and reports what it finds in one status row.
-void AddHeartbeatRow(tavra& object, const TableSpec& spec, kvc::IpcAnchor*& anchor, const Services& services) {
-  KVCCOMM("term", anchor);
-  anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
+void AddHeartbeatRow(kvc::CollectorChannel& channel, tavra& object, const TableSpec& spec,
+                     const Services& services) {
   const StatusInputs in = InputsFor(services);
   RowBuilder row(spec);
-  if (anchor == nullptr) {
+  const kvc::ChannelAnswer heart = channel.Exchange("HART4", "");
+  if (heart.unavailable) {
     BuildNoDataRow(row, in, true);
     SAMPLE_TRACE(object, "SQL server down, passing back 1 row (kvcsampl)\n");
     AddRow(object, row);
     kvc::Log('e', "AIC0001", "Error Initting IPC anchor\n");
     return;
   }
-  auto* heart = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, "HART4"));
-  if (heart == nullptr) {
+  if (!heart.Succeeded()) {
     SAMPLE_TRACE(object, "could not get heart cursor. (kvcsampl)\n");
-    SAMPLE_TRACE(object, "kvccomm error message = %s. (kvcsampl)\n", anchor->error_text);
+    SAMPLE_TRACE(object, "kvccomm error message = %s. (kvcsampl)\n", StatusOf(heart).text.c_str());
     BuildNoDataRow(row, in, false);
     SAMPLE_TRACE(object, "SQL server down, passing back 1 row (kvcsampl)\n");
     AddRow(object, row);
     return;
   }
-  if (heart->numrow < 1) return;
-  SAMPLE_TRACE(object, "cur_hart_ptr->rows=%d. (kvcsampl)\n", heart->numrow);
+  if (heart.numrow < 1) return;
+  SAMPLE_TRACE(object, "cur_hart_ptr->rows=%d. (kvcsampl)\n", heart.numrow);
   char text[200] = {};
-  const int length = heart->rows == nullptr ? 0 : (heart->lenrow < 0 ? 0 : (heart->lenrow > 199 ? 199 : heart->lenrow));
-  if (length > 0) memcpy(text, heart->rows, static_cast<size_t>(length));
-  SAMPLE_TRACE(object, "cur_hart_ptr->len=%d, stat=%s, len=%d. (kvcsampl)\n", heart->lenrow, text,
+  memcpy(text, heart.rows.data(), std::min<size_t>(heart.rows.size(), 199));
+  SAMPLE_TRACE(object, "cur_hart_ptr->len=%d, stat=%s, len=%d. (kvcsampl)\n", heart.lenrow, text,
                static_cast<int>(strlen(text)));
   const bool healthy = HeartbeatHealthy(text);
   SAMPLE_TRACE(object, "Collector heartbeat %s. (kvcsampl)\n", healthy ? "Active" : "Unknown");
@@ -248,48 +275,45 @@ bool IsSqlTextTable(const TableSpec& spec) { return strcmp(spec.name, "kzqsql") 
 
 }  // namespace
 
-int TakeCollectorSample(tavra& object, const TableSpec& spec) {
+int TakeCollectorSample(kvc::CollectorChannel& channel, tavra& object, const TableSpec& spec) {
   const bool full = spec.form == SampleForm::kFull;
   const Services services = full ? ProbeServices(object) : Services{};
   SAMPLE_TRACE(object, "Entered %s TakeSample. (kvcsampl)\n", object.TableName());
   if (IsSqlTextTable(spec) && Flowing(object)) TraceFilterElements(object);
-  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
-  if (anchor == nullptr) {
+  std::string session;
+  if (IsSqlTextTable(spec)) {
+    session = SessionIdFromFilter(object);
+    if (!session.empty()) SAMPLE_TRACE(object, "Session ID is: <%s>.  (kvcsampl)\n", session.c_str());
+  }
+  const kvc::ChannelAnswer answer = channel.Exchange(spec.key, session);
+  const ExchangeStatus status = StatusOf(answer);
+  if (answer.unavailable) {
     if (full) AddNoDataRow(object, spec, services, false);
     kvc::Log('e', "aic0001", "Error Initting IPC anchor \n");
-    object.ReportSampleFailure(ChannelFailure("the collector channel is not available"));
+    object.ReportSampleFailure(ChannelFailure(answer, status));
     return 0;
   }
-  if (IsSqlTextTable(spec)) {
-    anchor->session_id = SessionIdFromFilter(object);
-    if (!anchor->session_id.empty())
-      SAMPLE_TRACE(object, "Session ID is: <%s>.  (kvcsampl)\n", anchor->session_id.c_str());
+  ReportExchangeFailure(status, spec.key);
+  if (answer.Succeeded()) {
+    AddCollectorRows(channel, object, spec, answer);
+    if (IsSummaryTable(spec) && answer.numrow == 0) AddHeartbeatRow(channel, object, spec, services);
+    return 0;
   }
-  auto* cursor = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, spec.key));
-  ReportExchangeFailure(*anchor);
-  if (cursor == nullptr)
-    object.ReportSampleFailure(ChannelFailure(
-        "no answer from the collector (" + CollectorServiceName() + "): " +
-        std::string(anchor->error_text, strnlen(anchor->error_text, sizeof anchor->error_text)) + " (" +
-        std::to_string(anchor->error_code) + ")"));
-  if (cursor != nullptr) {
-    AddCollectorRows(object, spec, *cursor);
-    if (IsSummaryTable(spec) && cursor->numrow == 0) AddHeartbeatRow(object, spec, anchor, services);
-  } else if (!full) {
-    SAMPLE_TRACE(object, "%s.  (kvcsampl)\n", anchor->error_text);
-  } else if (anchor->error_code != 0) {
-    AddInactiveRow(object, spec, *anchor, services);
+  object.ReportSampleFailure(ChannelFailure(answer, status));
+  if (!full) {
+    SAMPLE_TRACE(object, "%s.  (kvcsampl)\n", status.text.c_str());
+  } else if (status.code != 0) {
+    AddInactiveRow(object, spec, status, services);
   } else {
-    SAMPLE_TRACE(object, "%s.  (kvcsampl)\n", anchor->error_text);
+    SAMPLE_TRACE(object, "%s.  (kvcsampl)\n", status.text.c_str());
     AddNoDataRow(object, spec, services, true);
   }
-  if (anchor != nullptr) KVCCOMM("term", anchor);
   return 0;
 }
 
 void InstallCollectorSampling() {
   SetSampleFunction([](tavra& object, const TableSpec& spec) {
-    return spec.form == SampleForm::kPushed ? 0 : TakeCollectorSample(object, spec);
+    return spec.form == SampleForm::kPushed ? 0 : TakeCollectorSample(kvc::SharedChannel(), object, spec);
   });
 }
 

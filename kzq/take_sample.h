@@ -4,13 +4,14 @@
 #pragma once
 
 #include "framework/tavra.h"
+#include "kvc/collector_channel.h"
 #include "kzq/catalogue.h"
 
 namespace kzq {
 
 // Fills the object's rows for one sample of `spec`. Always 0: a failed
 // exchange is reported in the log and, for a server table, in its row.
-int TakeCollectorSample(framework::tavra& object, const TableSpec& spec);
+int TakeCollectorSample(kvc::CollectorChannel& channel, framework::tavra& object, const TableSpec& spec);
 
 // Makes every table's TakeSample use the collector.
 void InstallCollectorSampling();

@@ -25,7 +25,10 @@ class PosixSemaphore final : public Semaphore {
     return SlicedWait(timeout_ms, [this](uint32_t slice_ms) { return WaitAtMost(slice_ms); });
   }
 
+  // A zero wait only tries: a timed wait whose deadline has passed still
+  // sleeps for the thread's timer slack, which doubled every round trip.
   int WaitAtMost(uint32_t timeout_ms) {
+    if (timeout_ms == 0) return TryWait();
     timespec deadline{};
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += timeout_ms / 1000;
@@ -36,6 +39,14 @@ class PosixSemaphore final : public Semaphore {
     }
     while (sem_timedwait(sem_, &deadline) != 0) {
       if (errno == ETIMEDOUT) return kErrTimeout;
+      if (errno != EINTR) return posix::FromErrno(errno);
+    }
+    return kOk;
+  }
+
+  int TryWait() {
+    while (sem_trywait(sem_) != 0) {
+      if (errno == EAGAIN) return kErrTimeout;
       if (errno != EINTR) return posix::FromErrno(errno);
     }
     return kOk;

@@ -10,6 +10,9 @@
 //       second once the agent has read the first, and dies holding it
 //   kvc_channel_peer <first> <second> short <rows> <length> <sent>
 //       answers with a header of rows x length and `sent` bytes of rows
+//   kvc_channel_peer <first> <second> behind <rows> <length> <seconds>
+//       writes the first chunk of its answer, falls `seconds` behind, and
+//       then answers the next request with one row of `length` bytes
 //   kvc_channel_peer <first> <second> mute
 //       takes every request and answers none, until it is killed
 //   kvc_channel_peer <first> <second> serve <rows> <length> <count>
@@ -26,6 +29,7 @@
 #include "kvc/kvccomm.h"
 #include "kvc/kvccomm2.h"
 #include "kvc/kvccomob.h"
+#include "platform/clock.h"
 #include "platform/semaphore.h"
 #include "tests/e2e/channel_pattern.h"
 
@@ -37,8 +41,9 @@ constexpr int kWaitSeconds = 20;
 // the named objects of the contract, with `payload` bytes in it whatever the
 // header claims. A dying peer then takes the area for the second chunk and
 // dies holding it: the worst moment, as nobody else may write the area then.
-[[noreturn]] void WriteFirstChunk(const std::string& prefix, const std::string& unique, int32_t rows, int32_t length,
-                                  int32_t payload, bool die) {
+enum class Then { kExit, kDie, kGoOn };
+void WriteFirstChunk(const std::string& prefix, const std::string& unique, int32_t rows, int32_t length,
+                     int32_t payload, Then then) {
   int error = 0;
   auto avail = platform::OpenNamedSemaphore(prefix + "KVCDataSemAvail", 1, platform::ObjectAccess{}, &error);
   auto fill = platform::OpenNamedSemaphore(prefix + "KVCDataSemFill", 0, platform::ObjectAccess{}, &error);
@@ -54,7 +59,8 @@ constexpr int kWaitSeconds = 20;
   memcpy(view + kvc::area::kDataPayload, first.data(), first.size());
   memcpy(view + kvc::area::kDataChunkBytes, &payload, 4);
   fill->Release();
-  if (!die) std::_Exit(0);
+  if (then == Then::kGoOn) return;
+  if (then == Then::kExit) std::_Exit(0);
   avail->Wait(kWaitSeconds * 1000);
   std::_Exit(9);
 }
@@ -96,7 +102,7 @@ int main(int argc, char** argv) {
   int32_t rows = 1;
   int32_t length = 16;
   std::string bytes;
-  if (mode == "answer" || mode == "die" || mode == "short") {
+  if (mode == "answer" || mode == "die" || mode == "short" || mode == "behind") {
     rows = atoi(argv[4]);
     length = atoi(argv[5]);
     // A dying peer's header may claim any numbers: only its first chunk is real.
@@ -110,8 +116,16 @@ int main(int argc, char** argv) {
     bytes = kzq_test::PatternBytes(16);
   }
   const std::string prefix = std::string(argv[1]) + "_" + argv[2];
-  if (mode == "die") WriteFirstChunk(prefix, unique, rows, length, kvc::area::kChunk, true);
-  if (mode == "short" && argc == 7) WriteFirstChunk(prefix, unique, rows, length, atoi(argv[6]), false);
+  if (mode == "die") WriteFirstChunk(prefix, unique, rows, length, kvc::area::kChunk, Then::kDie);
+  if (mode == "short" && argc == 7) WriteFirstChunk(prefix, unique, rows, length, atoi(argv[6]), Then::kExit);
+  if (mode == "behind" && argc == 7) {
+    WriteFirstChunk(prefix, unique, rows, length, kvc::area::kChunk, Then::kGoOn);
+    platform::SleepMillis(static_cast<uint32_t>(atoi(argv[6])) * 1000);
+    if (kvc::RequestEndpoint()->GetRequest(&name, &unique, &attributes, &statement, kWaitSeconds) != kvc::kCommOk)
+      return 4;
+    rows = 1;
+    bytes = kzq_test::PatternBytes(static_cast<size_t>(length));
+  }
   const int sent = kvc::DataEndpoint()->SendData(unique.c_str(), rows, length, bytes.data(), kWaitSeconds);
   return sent == kvc::kCommOk ? 0 : 5;
 }

@@ -4,18 +4,26 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
+
+#ifndef _WIN32
+#include <signal.h>
+#endif
 
 #include "kvc/kvccomm.h"
 #include "kvc/kvccomm2.h"
 #include "kvc/kvccomob.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
+#include "platform/file_system.h"
 #include "platform/process.h"
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
 #include "tests/e2e/channel_pattern.h"
 #include "tests/support/binaries.h"
+#include "tests/support/eventually.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -52,6 +60,31 @@ class Channel : public testing::Test {
     return peer;
   }
 
+  // A peer that has opened the channel: an exchange waits only seconds
+  // for its answer, and a process starts slowly under Wine.
+  std::unique_ptr<platform::ChildProcess> StartReadyPeer(std::vector<std::string> args) {
+    kzq_test::TempDir scratch;
+    const std::string ready = scratch.File("ready");
+    platform::SetEnv("KVC_PEER_READY_FILE", ready);
+    auto peer = StartPeer(std::move(args));
+    platform::SetEnv("KVC_PEER_READY_FILE", "");
+    platform::FileStatus st;
+    EXPECT_TRUE(kzq_test::Eventually([&] { return platform::StatPath(ready, &st) == 0; }));
+    return peer;
+  }
+
+  // The real collector, replaying two databases and one job.
+  std::unique_ptr<platform::ChildProcess> StartCollector() {
+    kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"), "{\"DBNAME\": \"master\"}\n{\"DBNAME\": \"tempdb\"}\n");
+    kzq_test::WriteFile(replay_.File("kzqjobs.jsonl"), "{\"ACTJOBS\": 3}\n");
+    int error = 0;
+    auto collector =
+        platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()}, &error);
+    EXPECT_NE(collector, nullptr) << error;
+    EXPECT_TRUE(kzq_test::Eventually([] { return kvc::SharedChannel().Exchange("KZQJOBS", "").numrow == 1; }));
+    return collector;
+  }
+
   // Sends a request and reads its answer.
   int RoundTrip(std::string* bytes, int32_t* rows, int32_t* length, std::string* unique_back,
                 const std::vector<std::string>& attributes = {}, int timeout = 20) {
@@ -64,6 +97,7 @@ class Channel : public testing::Test {
 
   static std::string first_;
   std::string sent_unique_;
+  kzq_test::TempDir replay_;
 };
 
 std::string Channel::first_;
@@ -215,16 +249,15 @@ TEST_F(Channel, GetWithoutACollectorReportsTheTimeOut) {
   EXPECT_EQ(anchor->error_code, 20u);
   EXPECT_STREQ(anchor->error_text, "Share memory time out");
   EXPECT_EQ(anchor->detail_code[0], kvc::kCommTimeout);
-  EXPECT_EQ(anchor->detail_text[0], "SendRequest");  // the second word found the area still full
-  EXPECT_EQ(anchor->detail_text[1], "KZQDBS");
+  EXPECT_EQ(anchor->detail_text[0], "GetData");  // the first word's answer never came
+  EXPECT_EQ(anchor->detail_text[1], "KZQSRVR");
   // One entry per word, leading blanks and commas skipped.
   ASSERT_NE(anchor->pipes, nullptr);
   EXPECT_EQ(anchor->pipes->word, "KZQSRVR");
   ASSERT_NE(anchor->pipes->next, nullptr);
   EXPECT_EQ(anchor->pipes->next->word, "KZQDBS");
   KVCCOMM("term", anchor);
-  // The second word's wait found the first request unserved and cleared
-  // the area: the next request goes straight through.
+  // The unserved request was withdrawn: the next one goes straight through.
   std::string unique;
   EXPECT_EQ(kvc::RequestEndpoint()->SendRequest("KZQSRVR", {}, &unique, nullptr, 0), kvc::kCommOk);
   kvc::RequestEndpoint()->Reset(kvc::kRequestArea);
@@ -253,6 +286,69 @@ TEST_F(Channel, PutOnAnAgentAnchorIsRefused) {
   EXPECT_EQ(anchor->error_code, 4u);
   EXPECT_STREQ(anchor->error_text, "Invalid request type f");  // texts are cut to 22 characters
   KVCCOMM("term", anchor);
+}
+
+// A collector that falls behind in the middle of an answer costs the
+// exchange that gave up on it, and no more: the answer is marked finished,
+// so the collector's next answer goes out at once.
+TEST_F(Channel, AnAnswerGivenUpMidWayCostsOnlyItsOwnExchange) {
+  kvc::CollectorChannel& channel = kvc::SharedChannel();
+  const uint64_t abandoned = channel.Counts().abandoned;
+  auto behind = StartReadyPeer({"behind", "3", "99000", "4"});
+  EXPECT_FALSE(channel.Exchange("KZQSRVRE", "").Succeeded());
+  const kvc::ChannelAnswer next = channel.Exchange("KZQSRVRE", "");
+  EXPECT_TRUE(next.Succeeded());
+  EXPECT_EQ(next.numrow, 1);
+  EXPECT_EQ(next.rows, kzq_test::PatternBytes(99000));
+  EXPECT_EQ(behind->Wait(), 0);
+  EXPECT_EQ(channel.Counts().abandoned, abandoned + 1);
+}
+
+// Callers wait for each other on the channel's lock and each gets the
+// answer to its own request.
+TEST_F(Channel, SimultaneousExchangesEachGetTheirOwnAnswer) {
+  auto collector = StartCollector();
+  kvc::ChannelAnswer answers[4];
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 4; ++i)
+    callers.emplace_back([&answers, i] { answers[i] = kvc::SharedChannel().Exchange(i % 2 ? "KZQDBD" : "KZQJOBS", ""); });
+  for (std::thread& caller : callers) caller.join();
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_TRUE(answers[i].Succeeded()) << i;
+    EXPECT_EQ(answers[i].numrow, i % 2 ? 2 : 1) << i;
+  }
+  collector->Kill();
+  collector->Wait();
+}
+
+// A paused collector (a debugger, a frozen VM) that resumes while the agent
+// waits answers that request: the slot was never left holding a request
+// nobody waits for, and freeing it no longer drains the next one.
+TEST_F(Channel, APausedCollectorAnswersTheFirstRequestAfterItResumes) {
+#ifdef _WIN32
+  GTEST_SKIP() << "pausing a process needs POSIX job control";
+#else
+  auto collector = StartCollector();
+  const auto pid = static_cast<pid_t>(collector->Id());
+  ASSERT_EQ(kill(pid, SIGSTOP), 0);
+  kvc::CollectorChannel& channel = kvc::SharedChannel();
+  EXPECT_FALSE(channel.Exchange("KZQDBD", "").Succeeded());
+  kvc::ChannelAnswer resumed;
+  std::thread waiting([&resumed] { resumed = kvc::SharedChannel().Exchange("KZQDBD", ""); });
+  // Resumed once the request is in the area, or after a second if the slot
+  // is not free to take it.
+  const unsigned char* view = static_cast<kvc::ShareCommObject*>(kvc::RequestEndpoint())->View();
+  const std::string before(reinterpret_cast<const char*>(view + kvc::area::kReqUnique));
+  kzq_test::Eventually([&] { return std::string(reinterpret_cast<const char*>(view + kvc::area::kReqUnique)) != before; },
+                       1000);
+  ASSERT_EQ(kill(pid, SIGCONT), 0);
+  waiting.join();
+  EXPECT_TRUE(resumed.Succeeded());
+  EXPECT_EQ(resumed.numrow, 2);
+  EXPECT_TRUE(channel.Exchange("KZQDBD", "").Succeeded());
+  collector->Kill();
+  collector->Wait();
+#endif
 }
 
 }  // namespace
