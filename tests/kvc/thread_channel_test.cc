@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "kvc/kvccomob.h"
-#include "kvc/kvcopts.h"
 
 namespace {
 
@@ -37,14 +36,6 @@ TEST(ThreadChannel, RequestsAndAnswersPassInOrder) {
   EXPECT_EQ(unique, second);
   EXPECT_EQ(bytes, "NONE");
   EXPECT_EQ(channel.GetData(second.c_str(), &unique, &rows, &length, &bytes, 5), kvc::kCommTimeout);
-}
-
-TEST(ThreadChannel, NamelessAnswerIsRefusedWhenDebugging) {
-  kvc::KVCThreadCommObject channel;
-  EXPECT_EQ(channel.SendData("", 1, 1, "x", 5), 0);
-  kvc::Debug().debug = true;
-  EXPECT_EQ(channel.SendData("", 1, 1, "x", 5), kvc::kCommFailed);
-  kvc::Debug() = kvc::DebugSwitches();
 }
 
 }  // namespace
