@@ -312,13 +312,19 @@ TEST_F(Channel, APausedCollectorAnswersTheFirstRequestAfterItResumes) {
   kvc::CollectorChannel& channel = kvc::SharedChannel();
   EXPECT_FALSE(channel.Exchange("KZQDBD", "").Succeeded());
   kvc::ChannelAnswer resumed;
+  // The request area seen through a mapping of the test's own, as the
+  // collector sees it.
+  int error = 0;
+  auto area = platform::OpenSharedArea(first_ + "_1KVCReqShm", kvc::area::kRequestSize, {}, &error);
+  ASSERT_NE(area, nullptr) << error;
+  const auto request_in_area = [&area] {
+    return std::string(reinterpret_cast<const char*>(area->Address() + kvc::area::kReqUnique));
+  };
+  const std::string before = request_in_area();
   std::thread waiting([&resumed] { resumed = kvc::SharedChannel().Exchange("KZQDBD", ""); });
   // Resumed once the request is in the area, or after a second if the slot
   // is not free to take it.
-  const unsigned char* view = static_cast<kvc::ShareCommObject*>(kvc::RequestEndpoint())->View();
-  const std::string before(reinterpret_cast<const char*>(view + kvc::area::kReqUnique));
-  kzq_test::Eventually([&] { return std::string(reinterpret_cast<const char*>(view + kvc::area::kReqUnique)) != before; },
-                       1000);
+  kzq_test::Eventually([&] { return request_in_area() != before; }, 1000);
   ASSERT_EQ(kill(pid, SIGCONT), 0);
   waiting.join();
   EXPECT_TRUE(resumed.Succeeded());
