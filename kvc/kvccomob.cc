@@ -348,8 +348,10 @@ int ShareCommObject::SendData(const char* unique, int32_t rows, int32_t length, 
       first = false;
     }
     const size_t chunk = static_cast<size_t>(remaining < static_cast<int64_t>(area::kChunk) ? remaining : area::kChunk);
-    memset(view_ + area::kDataPayload, 0, area::kChunk);
+    // The chunk, zero-filled to the payload's end: only the tail is cleared,
+    // as clearing all of it first would write every full chunk twice.
     memcpy(view_ + area::kDataPayload, source, chunk);
+    memset(view_ + area::kDataPayload + chunk, 0, area::kChunk - chunk);
     WriteInt(view_, area::kDataChunkBytes, static_cast<int32_t>(chunk));
     source += chunk;
     remaining -= static_cast<int64_t>(chunk);
