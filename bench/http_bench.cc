@@ -1,14 +1,16 @@
 // HTTP endpoint benchmark: a real kzqcoll replaying the demo's rows and a
 // real kzqagent -console, read over HTTP. Measures the latency of
 // /metrics (served from the scheduler's cache) and of a fresh sample of
-// KZQDBD through the collector, then the agent's memory and its idle CPU
-// time with the default sample interval and with a 1-second one.
-//   http_bench [metrics-requests] [table-requests] [idle-seconds]
+// KZQDBD through the collector, alone and four at once, then the agent's
+// memory and its idle CPU time with the default sample interval and with a
+// 1-second one.
+//   http_bench [metrics-requests] [table-requests] [idle-seconds] [simultaneous-rounds]
 #include <httplib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -192,6 +194,57 @@ void Latency(const Agent& agent, const std::string& path, int count, const char*
          millis[millis.size() / 2], millis[millis.size() * 99 / 100], count);
 }
 
+double MedianOf(std::vector<double> millis) {
+  std::sort(millis.begin(), millis.end());
+  return millis[millis.size() / 2];
+}
+
+// Fresh samples asked for by four consumers at once against one asked for
+// alone: in each round one lone GET, then one GET from each of four
+// threads, released together. Every thread keeps its own keep-alive
+// connection, as separate consumers do.
+void SimultaneousSamples(const Agent& agent, const std::string& path, int rounds) {
+  constexpr int kAtOnce = 4;
+  std::vector<std::unique_ptr<httplib::Client>> clients;
+  for (int i = 0; i <= kAtOnce; ++i) {
+    clients.push_back(std::make_unique<httplib::Client>(agent.Url()));
+    clients.back()->set_keep_alive(true);
+    size_t bytes = 0;
+    TimeGets(*clients.back(), path, 0, &bytes);  // connects and warms up
+  }
+  std::vector<std::vector<double>> millis(kAtOnce + 1);
+  std::barrier<> together(kAtOnce + 1);
+  std::atomic<bool> failed{false};
+  auto time_one = [&](int who) {
+    const auto start = std::chrono::steady_clock::now();
+    auto result = clients[who]->Get(path);
+    const auto end = std::chrono::steady_clock::now();
+    if (!result || result->status != 200) failed = true;
+    millis[who].push_back(std::chrono::duration<double, std::milli>(end - start).count());
+  };
+  std::vector<std::thread> threads;
+  for (int who = 1; who <= kAtOnce; ++who)
+    threads.emplace_back([&, who] {
+      for (int round = 0; round < rounds; ++round) {
+        together.arrive_and_wait();  // the lone request is done
+        time_one(who);
+        together.arrive_and_wait();
+      }
+    });
+  for (int round = 0; round < rounds; ++round) {
+    time_one(0);
+    together.arrive_and_wait();
+    together.arrive_and_wait();  // all four answered
+  }
+  for (std::thread& thread : threads) thread.join();
+  if (failed) Fail("GET " + path + " failed with four at once");
+  const double lone = MedianOf(millis[0]);
+  printf("GET %s alone: median %.2f ms over %d requests\n", path.c_str(), lone, rounds);
+  for (int who = 1; who <= kAtOnce; ++who)
+    printf("GET %s, %d at once, consumer %d: median %.2f ms, %.2f x alone\n", path.c_str(), kAtOnce, who,
+           MedianOf(millis[who]), MedianOf(millis[who]) / lone);
+}
+
 long StatusKilobytes(const Agent& agent, const std::string& key) {
   std::ifstream in(agent.Proc("status"));
   for (std::string line; std::getline(in, line);)
@@ -253,7 +306,7 @@ void IdleCpu(const Agent& agent, int seconds, const char* interval) {
          used * 100 / seconds);
 }
 
-void Run(int metrics_requests, int table_requests, int idle_seconds) {
+void Run(int metrics_requests, int table_requests, int simultaneous_rounds, int idle_seconds) {
   Stage stage;
   Child collector({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", KZQ_SOURCE_DIR "/demo/replay"},
                   stage.File("collector.out"));
@@ -261,6 +314,7 @@ void Run(int metrics_requests, int table_requests, int idle_seconds) {
     Agent agent(stage, "agent");
     Latency(agent, "/metrics", metrics_requests, "33 cached tables");
     Latency(agent, "/tables/KZQDBD", table_requests, "fresh sample through the collector");
+    SimultaneousSamples(agent, "/tables/KZQDBD", simultaneous_rounds);
     Memory(agent, "idle after the requests");
     {
       EventConsumer consumer(agent.Url());
@@ -279,8 +333,9 @@ int main(int argc, char** argv) {
   const int metrics_requests = argc > 1 ? atoi(argv[1]) : 1000;
   const int table_requests = argc > 2 ? atoi(argv[2]) : 200;
   const int idle_seconds = argc > 3 ? atoi(argv[3]) : 30;
+  const int simultaneous_rounds = std::max(1, argc > 4 ? atoi(argv[4]) : 50);
   try {
-    Run(metrics_requests, table_requests, idle_seconds);
+    Run(metrics_requests, table_requests, simultaneous_rounds, idle_seconds);
   } catch (const std::exception& e) {
     fprintf(stderr, "http_bench: %s\n", e.what());
     return 1;
