@@ -18,7 +18,6 @@
 #include <utility>
 #include <vector>
 
-#include "bench/cpu_pinning.h"
 #include "kvc/kvccomob.h"
 #include "platform/process.h"
 #include "platform/semaphore.h"
@@ -35,9 +34,11 @@ constexpr int kWarmUp = 10;
 // of the shared machine falls on both alike.
 constexpr int kRounds = 10;
 
-// A request as the channel lays it out and writes it every time: name,
-// unique name, attribute slots and statement, each at its full width.
-constexpr size_t kRequestBytes = kvc::area::kReqStatement + kvc::area::kReqStatementWidth - kvc::area::kReqName;
+// What a request must carry from one process to the other: name, unique
+// name, the attribute slots and an empty statement's terminator. (The
+// statement field's 30000 bytes are cleared by the writer, but a reader
+// reads them only up to the terminator: they never cross to its CPU.)
+constexpr size_t kRequestBytes = kvc::area::kReqStatement + 1 - kvc::area::kReqName;
 
 [[noreturn]] void Fail(const char* what) {
   fprintf(stderr, "channel_bench: %s\n", what);
@@ -161,14 +162,15 @@ struct Timings {
 };
 
 // The collector and the floor's answerer, started with this executable;
-// they inherit the process's CPU placement at their start.
+// they inherit the process's CPU placement at their start, or move to the
+// `peer_cpu`-th allowed CPU (-1: stay).
 class Peers {
  public:
-  Peers(const std::string& prefix, int exchanges) {
+  Peers(const std::string& prefix, int exchanges, int peer_cpu) {
     int error = 0;
-    const std::string count = std::to_string(exchanges);
-    collector_ = platform::StartProcess({platform::ExecutablePath(), "collector", prefix, count}, &error);
-    floor_ = platform::StartProcess({platform::ExecutablePath(), "floor", prefix, count}, &error);
+    const std::string count = std::to_string(exchanges), cpu = std::to_string(peer_cpu);
+    collector_ = platform::StartProcess({platform::ExecutablePath(), "collector", prefix, count, cpu}, &error);
+    floor_ = platform::StartProcess({platform::ExecutablePath(), "floor", prefix, count, cpu}, &error);
     if (collector_ == nullptr || floor_ == nullptr) Fail("cannot start the peer processes");
   }
   // Waits for both to have served every exchange.
@@ -182,8 +184,13 @@ class Peers {
 
 // `trips` one-row exchanges of each, then `answers` large answers of each,
 // with fresh peers.
-std::pair<Timings, Timings> Measure(const std::string& prefix, Floor& floor, int trips, int answers) {
-  Peers peers(prefix, kWarmUp + trips + answers);
+// With `peer_cpu` >= 0 the peers move to that allowed CPU and this process
+// to the first one, once the peers have started.
+std::pair<Timings, Timings> Measure(const std::string& prefix, Floor& floor, int trips, int answers,
+                                    int peer_cpu = -1) {
+  Peers peers(prefix, kWarmUp + trips + answers, peer_cpu);
+  int error = 0;
+  if (peer_cpu >= 0 && platform::PinToCpu(0, &error) < 0) Fail("cannot pin to a CPU");
   const std::string request(kRequestBytes, 'q');
   for (int i = 0; i < kWarmUp; ++i) {
     floor.TimeOneRow(request);
@@ -222,10 +229,10 @@ void PrintOneRow(const char* placement, const Timings& t) {
   printf("  ratio channel / floor (medians): %.2f\n", Median(t.channel) / Median(t.floor));
 }
 
-void PrintLarge(const Timings& t) {
+void PrintLarge(const char* placement, const Timings& t) {
   const double megabytes = kLargeBytes / 1e6;
   const double floor = Median(t.floor), channel = Median(t.channel);
-  printf("10,000-row answer (%.2f MB), unpinned, %zu of each in turns:\n", megabytes, t.channel.size());
+  printf("10,000-row answer (%.2f MB), %s, %zu of each in turns:\n", megabytes, placement, t.channel.size());
   printf("  floor (copied into and out of a shared area): median %6.2f ms, %5.2f GB/s\n", floor * 1e3,
          megabytes / 1e3 / floor);
   printf("  channel:                                      median %6.2f ms, %5.2f GB/s\n", channel * 1e3,
@@ -236,8 +243,12 @@ void PrintLarge(const Timings& t) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 4 && std::string(argv[1]) == "collector") return ServeRequests(argv[2], atoi(argv[3]));
-  if (argc == 4 && std::string(argv[1]) == "floor") return Floor(argv[2]).Serve(atoi(argv[3]));
+  if (argc == 5) {
+    int error = 0;
+    if (atoi(argv[4]) >= 0 && platform::PinToCpu(atoi(argv[4]), &error) < 0) return 6;
+    if (std::string(argv[1]) == "collector") return ServeRequests(argv[2], atoi(argv[3]));
+    if (std::string(argv[1]) == "floor") return Floor(argv[2]).Serve(atoi(argv[3]));
+  }
   const int trips = std::max(1, argc > 1 ? atoi(argv[1]) : 5000);
   const int answers = std::max(1, argc > 2 ? atoi(argv[2]) : 30);
   const std::string prefix = "kzqbench" + std::to_string(platform::CurrentProcessId());
@@ -246,15 +257,13 @@ int main(int argc, char** argv) {
 
   const auto [one_row, large] = Measure(prefix, floor, trips, answers);
   PrintOneRow("unpinned", one_row);
-  PrintLarge(large);
-  int error = 0;
-  const int cpu = bench::PinToOneCpu(&error);
-  if (cpu < 0) {
-    printf("one-row round trip, pinned: cannot pin to one CPU (error %d)\n", error);
-  } else {
-    const std::string placement = "both processes pinned to CPU " + std::to_string(cpu);
-    PrintOneRow(placement.c_str(), Measure(prefix, floor, trips, 0).first);
-  }
+  PrintLarge("unpinned", large);
+  // Unpinned, the scheduler may put both ends on one CPU or on two: the
+  // two placements are also measured as such.
+  const auto [split_row, split_large] = Measure(prefix, floor, trips, answers, 1);
+  PrintOneRow("agent and collector on two CPUs", split_row);
+  PrintLarge("agent and collector on two CPUs", split_large);
+  PrintOneRow("both on one CPU", Measure(prefix, floor, trips, 0).first);
 
   kvc::DestroyShareMemory();
   floor.Remove();

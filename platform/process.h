@@ -8,6 +8,11 @@
 
 namespace platform {
 
+// Pins the calling process to the `nth` (from 0) of the CPUs it may run on;
+// children started afterwards inherit the placement (benchmarks place both
+// ends of an exchange with it). Call it while the process has one thread.
+// Returns that CPU's number, or -1 with the OS error in *error.
+int PinToCpu(int nth, int* error);
 uint32_t CurrentProcessId();
 uint32_t CurrentThreadId();
 

@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <sched.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -113,5 +114,28 @@ std::unique_ptr<ChildProcess> StartProcess(const std::vector<std::string>& argv,
   *error = kOk;
   return std::make_unique<PosixChild>(pid);
 }
+
+int PinToCpu(int nth, int* error) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) {
+    *error = errno;
+    return -1;
+  }
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (!CPU_ISSET(cpu, &allowed) || nth-- > 0) continue;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(cpu, &one);
+    if (sched_setaffinity(0, sizeof one, &one) != 0) {
+      *error = errno;
+      return -1;
+    }
+    return cpu;
+  }
+  *error = EINVAL;
+  return -1;
+}
+
 
 }  // namespace platform
