@@ -13,32 +13,17 @@ namespace {
 
 using testing::HasSubstr;
 
-platform::LocalTime November13() {
-  platform::LocalTime t;
-  t.year = 2026;
-  t.month = 11;
-  t.day = 13;
-  t.hour = 7;
-  t.minute = 10;
-  t.second = 5;
-  t.millisecond = 999;
-  return t;
-}
+platform::LocalTime November13() { return {2026, 11, 13, 7, 10, 5, 999}; }
 
-TEST(FormatTime, EveryFormOfOneMoment) {
+TEST(FormatTime, EveryFormOfOneMomentAndYearsBelow1900AreOffsets) {
   char buffer[64];
-  const platform::LocalTime t = November13();
+  platform::LocalTime t = November13();
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 1), "2026/11/13 07:10:05");
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 3), "1261113071005");
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 4), "1261113071005000");
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 0), "20261113071005");
   EXPECT_GT(strlen(kvc::FormatTime(t, buffer, 2)), 0u);
   EXPECT_LE(strlen(buffer), 48u);
-}
-
-TEST(FormatTime, YearsBelow1900AreOffsets) {
-  char buffer[64];
-  platform::LocalTime t = November13();
   t.year = 26;
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 4), "1261113071005000");
   t.year = 95;
@@ -116,7 +101,8 @@ TEST(ToTimeStamp, TracesEachFieldAndItsSeparator) {
   EXPECT_THAT(text, HasSubstr("UDT8081T"));
 }
 
-TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendar) {
+TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendarAndRejectsTextWithoutATime) {
+  kzq_test::LogCapture log;
   platform::LocalTime t;
   const int64_t seconds = kvc::StringToTime("2026/11/13 07:10:05", &t);
   platform::LocalTime expected = November13();
@@ -124,11 +110,6 @@ TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendar) {
   EXPECT_EQ(t.weekday, 5);
   EXPECT_EQ(kvc::StringToTime("2026-11-13 07.10.05.50", &t), seconds);
   EXPECT_EQ(t.millisecond, 500);
-}
-
-TEST(StringToTime, RejectsTextWithoutATime) {
-  kzq_test::LogCapture log;
-  platform::LocalTime t;
   EXPECT_EQ(kvc::StringToTime("2026/11/13", &t), -1);
   EXPECT_EQ(kvc::StringToTime("garbage", &t), -1);
   EXPECT_THAT(log.Text(), HasSubstr("Invalid str2timet: garbage"));

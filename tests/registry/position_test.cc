@@ -13,7 +13,7 @@ namespace {
 using kzq_test::RegistryTest;
 using platform::kCurrentUser;
 
-class OpenTest : public RegistryTest {};
+using OpenTest = RegistryTest;
 
 TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
   CRegistry r(nullptr, kCurrentUser, base_.c_str());
@@ -25,14 +25,11 @@ TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
   EXPECT_EQ(base_, CurrentPath(r)) << "a refused Open leaves the position alone";
 }
 
-TEST_F(OpenTest, NullHiveMeansLocalMachine) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, r.Open(nullptr, {}, nullptr, false));
-  EXPECT_EQ("", CurrentPath(r));
-  EXPECT_EQ("RegOpenKeyEx", LastApi(r));
-}
-
-TEST_F(OpenTest, MissingPathLeavesTheObjectOpenAtTheRoot) {
+TEST_F(OpenTest, NullHiveMeansLocalMachineAndAMissingPathLeavesTheObjectOpenAtTheRoot) {
+  CRegistry local;
+  ASSERT_EQ(CRegistry::kOk, local.Open(nullptr, {}, nullptr, false));
+  EXPECT_EQ("", CurrentPath(local));
+  EXPECT_EQ("RegOpenKeyEx", LastApi(local));
   CRegistry r;
   EXPECT_EQ(CRegistry::kApiFailed, OpenReadOnly(r, "absent"));
   EXPECT_EQ(platform::kErrFileNotFound, r.QueryError(nullptr));
@@ -120,18 +117,13 @@ TEST_F(PositionTest, DotDotOneLevelBelowTheRootYieldsTheRoot) {
   EXPECT_EQ(base_, CurrentPath(r));
 }
 
-TEST_F(PositionTest, FailureKeepsThePositionAndReportsTheCall) {
+TEST_F(PositionTest, FailureKeepsThePositionAndReportsTheCallAndAnEmptyPathIsRefused) {
   CRegistry r;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one"));
   EXPECT_EQ(CRegistry::kApiFailed, r.Position("missing", false));
   EXPECT_EQ(Path("one"), CurrentPath(r));
   EXPECT_EQ(platform::kErrFileNotFound, r.QueryError(nullptr));
   EXPECT_EQ(CRegistry::kOk, r.Position("two", false)) << "the current key is still open";
-}
-
-TEST_F(PositionTest, EmptyPathIsRefused) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
   EXPECT_EQ(CRegistry::kNotAllowed, r.Position("", false));
   EXPECT_EQ(CRegistry::kNotAllowed, r.Position(nullptr, false));
 }
@@ -197,7 +189,7 @@ TEST(UpKeyAbsolute, DropsTheLastComponentAndLeadsWithABackslash) {
   }
 }
 
-class CloseTest : public RegistryTest {};
+using CloseTest = RegistryTest;
 
 TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
   CRegistry r;
@@ -211,7 +203,7 @@ TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
   EXPECT_EQ(CRegistry::kOk, OpenReadOnly(r, "")) << "a closed object opens again";
 }
 
-TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
+TEST_F(CloseTest, CopyAndAssignmentShareTheHandlesAndNeverCloseThem) {
   MakeKeys({"elsewhere"});
   CRegistry original;
   ASSERT_EQ(CRegistry::kOk, OpenWritable(original, ""));
@@ -224,19 +216,14 @@ TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
     EXPECT_EQ(CRegistry::kOk, copy.Close());
   }  // the copy's destructor closes nothing either
   EXPECT_EQ("1", Text(original, "fromCopy"));
-}
-
-TEST_F(CloseTest, AssignmentClosesTheTargetsOwnKeysAndSharesTheSources) {
-  MakeKeys({"source"});
-  CRegistry source;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(source, "source"));
+  // Assignment closes the target's own keys and shares the source's.
   CRegistry target;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(target, ""));
-  target = source;
-  EXPECT_EQ(Path("source"), CurrentPath(target));
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(target, "elsewhere"));
+  target = original;
+  EXPECT_EQ(base_, CurrentPath(target));
   EXPECT_EQ(CRegistry::kOk, target.PutValue("viaCopy", "1")) << "the source's access came too";
   EXPECT_EQ(CRegistry::kOk, target.Close());
-  EXPECT_EQ("1", Text(source, "viaCopy"));
+  EXPECT_EQ("1", Text(original, "viaCopy"));
 }
 
 TEST_F(CloseTest, OpenOnAClosedCopyGives15) {
