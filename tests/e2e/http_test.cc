@@ -46,15 +46,9 @@ namespace {
 using Json = nlohmann::json;
 using testing::HasSubstr;
 
-constexpr uint64_t kPatience = 60000;  // ms; process starts under Wine are slow
+using kzq_test::Eventually;  // its minute of patience covers process starts under Wine
 
 const kzq_test::LogClock kLogStart{2026, 11, 23, 9, 0, 0, 0};
-
-// Waits until `done` holds or the patience runs out.
-template <typename F>
-bool Eventually(F done, uint64_t patience = kPatience) {
-  return kzq_test::Eventually(done, patience);
-}
 
 // One running agent and the port its endpoint took.
 struct RunningAgent {
@@ -151,16 +145,17 @@ class Http : public testing::Test {
     log_writer_ = std::make_unique<kzq_test::ErrorlogWriter>(
         kzq_test::ErrorlogWriter::Create(log_.File("ERRORLOG"), kLogStart));
     // Events start from here, whenever the monitor starts watching.
-    const std::string state = kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value());
-    ASSERT_TRUE(kzq::WriteResumePoint(state, {u"2026-11-23", u"09:00:00.00", LogSize(), 3}));
+    const long size = static_cast<long>(kzq_test::ReadFile(log_.File("ERRORLOG")).size());
+    ASSERT_TRUE(kzq::WriteResumePoint(StateFile(), {u"2026-11-23", u"09:00:00.00", size, 3}));
     StartCollector();
   }
   void TearDown() override {
     TearDownCollector();
-    if (agent_.process) {
-      agent_.process->Kill();
-      agent_.process->Wait();
-    }
+    if (agent_.process) KillAgent();
+  }
+  void KillAgent() {
+    agent_.process->Kill();
+    agent_.process->Wait();
   }
   void TearDownCollector() {
     if (!collector_) return;
@@ -182,7 +177,9 @@ class Http : public testing::Test {
     });
   }
 
-  long LogSize() { return static_cast<long>(kzq_test::ReadFile(log_.File("ERRORLOG")).size()); }
+  std::string StateFile() const {
+    return kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value());
+  }
 
   void StartCollector() {
     int error = 0;
@@ -253,7 +250,23 @@ class Http : public testing::Test {
   RunningAgent agent_;
 };
 
-TEST_F(Http, TablesSamplesAndFiltersAsJson) {
+// Runs kzqctl with the arguments; its exit code, output in *text.
+int Kzqctl(const std::string& arguments, const std::string& output, std::string* text) {
+  std::vector<std::string> argv = {kzq_test::BuiltProgram("kzq", "kzqctl")};
+  for (size_t start = 0, end; start < arguments.size(); start = end + 1) {
+    end = arguments.find('|', start);
+    if (end == std::string::npos) end = arguments.size();
+    argv.push_back(arguments.substr(start, end - start));
+  }
+  int error = 0;
+  auto ctl = platform::StartProcess(argv, &error, {output});
+  if (ctl == nullptr) return -1;
+  const int code = ctl->Wait();
+  *text = kzq_test::ReadFile(output);
+  return code;
+}
+
+TEST_F(Http, TablesSamplesAndFiltersAsJsonAndThroughKzqctl) {
   agent_ = StartAgent();
   const Json tables = GetJson(agent_.Url(), "/tables");
   ASSERT_EQ(tables.size(), 33u);
@@ -276,6 +289,23 @@ TEST_F(Http, TablesSamplesAndFiltersAsJson) {
   EXPECT_THAT(GetJson(agent_.Url(), "/tables/KZQNOPE", 404)["error"].get<std::string>(), HasSubstr("KZQNOPE"));
   EXPECT_THAT(GetJson(agent_.Url(), "/events/KZQDBD", 404)["error"].get<std::string>(), HasSubstr("no events"));
   EXPECT_EQ(GetJson(agent_.Url(), "/nothing/here", 404)["error"], "no such resource: GET /nothing/here");
+
+  // kzqctl reads the same agent, and says when there is none.
+  std::string text;
+  const std::string url = agent_.Url();
+  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl1"), &text), 0);
+  EXPECT_THAT(text, HasSubstr("KZQERROR   pushed"));
+  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--filter|DBNAME EQ 'sales'", home_.File("ctl2"), &text), 0);
+  EXPECT_THAT(text, testing::ContainsRegex("DBNAME +DBSIZE"));
+  EXPECT_THAT(text, testing::ContainsRegex("sales +20480"));
+  EXPECT_THAT(text, testing::Not(HasSubstr("master")));
+  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--json", home_.File("ctl3"), &text), 0);
+  EXPECT_EQ(Json::parse(text)["rows"].size(), 2u);
+  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQNOPE", home_.File("ctl4"), &text), 1);
+  EXPECT_THAT(text, HasSubstr("the agent answered 404: unknown table 'KZQNOPE'"));
+  KillAgent();
+  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl5"), &text), 1);
+  EXPECT_THAT(text, HasSubstr("no agent answers at " + url));
 }
 
 TEST_F(Http, MetricsCarryTheCachedSamplesAndTheAgentsHealth) {
@@ -330,7 +360,7 @@ TEST_F(Http, TheFirstConsumerAfterAStartGetsNoOldErrors) {
   log_writer_->Advance(1).Error("spid51", 9002, 17, 2, "old: the log for 'sales' is full.");
   log_writer_->Advance(1).Error("spid52", 823, 24, 2, "old: I/O error 1117.").InfoLines(40);
   // A first start: no resume point, so nothing before it counts as missed.
-  std::filesystem::remove(kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value()));
+  std::filesystem::remove(StateFile());
   agent_ = StartAgent();
   ASSERT_TRUE(Eventually([&] { return Sampled(agent_.Url()); }));
   EventConsumer consumer(agent_.Url(), "/events/KZQERROR");
@@ -351,8 +381,7 @@ TEST_F(Http, ErrorsWrittenWhileTheAgentWasKilledArriveAfterItsRestart) {
     ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
     log_writer_->Advance(1).Error("spid51", 1105, 17, 2, "Could not allocate space in 'sales'.");
     ASSERT_TRUE(ArrivesWithChanges([&] { return consumer.Messages().size() == 1; }));
-    agent_.process->Kill();
-    agent_.process->Wait();
+    KillAgent();
   }
   log_writer_->Advance(1).Error("spid52", 9002, 17, 2, "The transaction log for database 'hr' is full.");
   log_writer_->Advance(1).Error("spid53", 824, 24, 2, "SQL Server detected a logical consistency-based I/O error.");
@@ -408,8 +437,7 @@ TEST_F(Http, AKilledAgentLosesNoErrorAndRepeatsNone) {
     ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
     log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 100000, kBlock));
     ASSERT_TRUE(Eventually([&] { return consumer.Events().size() >= kBlock / 10; }));
-    agent_.process->Kill();
-    agent_.process->Wait();
+    KillAgent();
     keep(consumer);
   }
   {  // restarted: the rest of the block, then a trickle killed half-way
@@ -419,14 +447,12 @@ TEST_F(Http, AKilledAgentLosesNoErrorAndRepeatsNone) {
     for (int i = 0; i < kTrickle / 2; ++i)
       log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
     ASSERT_TRUE(ArrivesWithChanges([&] { return received.size() + consumer.Events().size() >= kBlock; }));
-    agent_.process->Kill();
-    agent_.process->Wait();
+    KillAgent();
     keep(consumer);
   }
   for (int i = kTrickle / 2; i < kTrickle; ++i)
     log_writer_->Advance(1).Bytes(ErrorBlock(log_writer_->Clock(), 200000 + i, 1));
-  const std::string state = kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value());
-  ASSERT_TRUE(kzq::WriteResumePoint(state, {u"2026-01-01", u"00:00:00.00", 12345, 3}));
+  ASSERT_TRUE(kzq::WriteResumePoint(StateFile(), {u"2026-01-01", u"00:00:00.00", 12345, 3}));
   agent_ = StartAgent("last");
   EventConsumer consumer(agent_.Url(), "/events/KZQERROR", last_id);
   ASSERT_TRUE(Eventually([&] { return consumer.Subscribed(); }));
@@ -474,8 +500,7 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->status, 403);
   EXPECT_THAT(refused->body, HasSubstr("KZQ_HTTP_TOKEN"));
-  agent_.process->Kill();
-  agent_.process->Wait();
+  KillAgent();
 
   platform::SetEnv("KZQ_HTTP_TOKEN", "t0ken");
   agent_ = StartAgent("guarded");
@@ -547,42 +572,6 @@ TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
   EXPECT_EQ(collector->Wait(), 3);
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("COL0003E"));
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("kzqdbs.jsonl:1"));
-}
-
-// Runs kzqctl with the arguments; its exit code, output in *text.
-int Kzqctl(const std::string& arguments, const std::string& output, std::string* text) {
-  std::vector<std::string> argv = {kzq_test::BuiltProgram("kzq", "kzqctl")};
-  for (size_t start = 0, end; start < arguments.size(); start = end + 1) {
-    end = arguments.find('|', start);
-    if (end == std::string::npos) end = arguments.size();
-    argv.push_back(arguments.substr(start, end - start));
-  }
-  int error = 0;
-  auto ctl = platform::StartProcess(argv, &error, {output});
-  if (ctl == nullptr) return -1;
-  const int code = ctl->Wait();
-  *text = kzq_test::ReadFile(output);
-  return code;
-}
-
-TEST_F(Http, KzqctlReadsARunningAgentAndSaysWhenThereIsNone) {
-  agent_ = StartAgent();
-  std::string text;
-  const std::string url = agent_.Url();
-  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl1"), &text), 0);
-  EXPECT_THAT(text, HasSubstr("KZQERROR   pushed"));
-  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--filter|DBNAME EQ 'sales'", home_.File("ctl2"), &text), 0);
-  EXPECT_THAT(text, testing::ContainsRegex("DBNAME +DBSIZE"));
-  EXPECT_THAT(text, testing::ContainsRegex("sales +20480"));
-  EXPECT_THAT(text, testing::Not(HasSubstr("master")));
-  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--json", home_.File("ctl3"), &text), 0);
-  EXPECT_EQ(Json::parse(text)["rows"].size(), 2u);
-  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQNOPE", home_.File("ctl4"), &text), 1);
-  EXPECT_THAT(text, HasSubstr("the agent answered 404: unknown table 'KZQNOPE'"));
-  agent_.process->Kill();
-  agent_.process->Wait();
-  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl5"), &text), 1);
-  EXPECT_THAT(text, HasSubstr("no agent answers at " + url));
 }
 
 // With its collector gone, a consumer must see that the data cannot be had:
