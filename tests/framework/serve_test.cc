@@ -117,7 +117,7 @@ class Metrics : public testing::Test {
   }
 };
 
-TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTexts) {
+TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTextsOrThePosition) {
   framework::CapturedSample s = MakeSample("KZQT");
   AddRow(&s, "master", "sa", 512, 9);
   AddRow(&s, "sales", "bob", 20480, 10);
@@ -131,6 +131,12 @@ TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTexts) {
   EXPECT_THAT(text, Not(HasSubstr("kzq_kzqt_owner")));         // texts are no gauges
   EXPECT_THAT(text, Not(HasSubstr("kzq_kzqt_rowno")));         // bookkeeping
   EXPECT_THAT(text, Not(HasSubstr("row=")));
+  // Rows their labels cannot tell apart get their position.
+  framework::CapturedSample same = MakeSample("KZQT");
+  AddRow(&same, "same", "a", 1, 1);
+  AddRow(&same, "same", "b", 2, 2);
+  EXPECT_THAT(Render(same), HasSubstr("dbname=\"same\",row=\"1\"} 1\n"));
+  EXPECT_THAT(Render(same), HasSubstr("dbname=\"same\",row=\"2\"} 2\n"));
 }
 
 // Several tables are keyed by numbers (a session id, a lock resource type):
@@ -145,15 +151,6 @@ TEST_F(Metrics, IntegerKeysAreLabelledInDecimal) {
   const std::string text = Render(s);
   EXPECT_THAT(text, HasSubstr("kzq_kzqk_dbsize{server_id=\"SQL\\\"1\",host=\"db01\",dbname=\"master\",pages=\"12\"} 512\n"));
   EXPECT_THAT(text, HasSubstr("dbname=\"sales\",pages=\"\"} 64\n"));
-}
-
-TEST_F(Metrics, RowsTheirLabelsCannotTellApartGetTheirPosition) {
-  framework::CapturedSample s = MakeSample("KZQT");
-  AddRow(&s, "same", "a", 1, 1);
-  AddRow(&s, "same", "b", 2, 2);
-  const std::string text = Render(s);
-  EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"1\"} 1\n"));
-  EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"2\"} 2\n"));
 }
 
 // A table whose data could not be had for two intervals loses its series

@@ -122,10 +122,10 @@ TEST(ValuesText, ChangesTouchOnlyTheirOwnLine) {
 
 // Any name a caller can pass and any bytes of any type come back exactly:
 // blanks around names, leading '#' and '"', inner and missing NULs, short
-// dwords, empty lists.
+// dwords, empty lists, control characters.
 TEST(ValuesText, RandomValuesSurviveTheFile) {
   const std::string name_chars = std::string("a =\"\\#@\n\t\x7f", 10);
-  const std::string data_chars = std::string("\0a \"\\\n\r\x7f\xff,", 10);
+  const std::string data_chars = std::string("\0a \"\\\n\r\x7f\xff,\x01\t", 12);
   const uint32_t types[] = {0, 1, 2, 3, 4, 7, 9, 11};
   std::mt19937 random(7);
   for (int round = 0; round < 2000; ++round) {
@@ -133,7 +133,7 @@ TEST(ValuesText, RandomValuesSurviveTheFile) {
     for (int n = 0; n < 3; ++n) {
       StoredValue v;
       for (int i = static_cast<int>(random() % 5); i > 0; --i) v.name += name_chars[random() % 10];
-      for (int i = static_cast<int>(random() % 9); i > 0; --i) v.data += data_chars[random() % 10];
+      for (int i = static_cast<int>(random() % 9); i > 0; --i) v.data += data_chars[random() % data_chars.size()];
       v.type = types[random() % std::size(types)];
       d.Set(v);
     }
