@@ -15,7 +15,7 @@ using platform::kCurrentUser;
 
 using OpenTest = RegistryTest;
 
-TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
+TEST_F(OpenTest, OpensOrCreatesAtThePathAndRefusesASecondOpen) {
   CRegistry r(nullptr, kCurrentUser, base_.c_str());
   uint32_t open = 0;
   r.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr, 0);
@@ -23,6 +23,13 @@ TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
   EXPECT_EQ(base_, CurrentPath(r));
   EXPECT_EQ(CRegistry::kAlreadyOpen, r.Open(nullptr, kCurrentUser, nullptr, false));
   EXPECT_EQ(base_, CurrentPath(r)) << "a refused Open leaves the position alone";
+  CRegistry created;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(created, "a\\b\\c", true));
+  EXPECT_EQ(platform::kCreatedNewKey, created.Disposition()) << "create makes the whole path";
+  EXPECT_EQ("RegCreateKeyEx", LastApi(created));
+  CRegistry again;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(again, "A\\B\\C", true));
+  EXPECT_EQ(platform::kOpenedExistingKey, again.Disposition()) << "names ignore case";
 }
 
 TEST_F(OpenTest, NullHiveMeansLocalMachineAndAMissingPathLeavesTheObjectOpenAtTheRoot) {
@@ -36,16 +43,6 @@ TEST_F(OpenTest, NullHiveMeansLocalMachineAndAMissingPathLeavesTheObjectOpenAtTh
   EXPECT_EQ("RegOpenKeyEx", LastApi(r));
   EXPECT_EQ("", CurrentPath(r));
   EXPECT_EQ(CRegistry::kOk, r.Position(base_.c_str(), false)) << "still usable";
-}
-
-TEST_F(OpenTest, CreateMakesTheWholePathAndRecordsTheDisposition) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(r, "a\\b\\c", true));
-  EXPECT_EQ(platform::kCreatedNewKey, r.Disposition());
-  EXPECT_EQ("RegCreateKeyEx", LastApi(r));
-  CRegistry again;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(again, "A\\B\\C", true));
-  EXPECT_EQ(platform::kOpenedExistingKey, again.Disposition()) << "names ignore case";
 }
 
 TEST_F(OpenTest, RemoteMachineThatCannotBeReachedGives8AndForgetsTheName) {
@@ -191,7 +188,7 @@ TEST(UpKeyAbsolute, DropsTheLastComponentAndLeadsWithABackslash) {
 
 using CloseTest = RegistryTest;
 
-TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
+TEST_F(CloseTest, ClosesOnceAndGives2AfterwardsAndACopyOfAClosedOneCannotOpenWith15) {
   CRegistry r;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
   EXPECT_EQ(CRegistry::kOk, r.Close());
@@ -201,6 +198,12 @@ TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
   r.Init(true);
   EXPECT_EQ("", LastApi(r)) << "Init(true) forgets the last call";
   EXPECT_EQ(CRegistry::kOk, OpenReadOnly(r, "")) << "a closed object opens again";
+  CRegistry closed;
+  CRegistry copy(closed);
+  EXPECT_EQ(CRegistry::kOpenOnCopy, copy.Open(nullptr, kCurrentUser, nullptr, false));
+  CRegistry assigned;
+  assigned = closed;
+  EXPECT_EQ(CRegistry::kOpenOnCopy, assigned.Open(nullptr, kCurrentUser, nullptr, false));
 }
 
 TEST_F(CloseTest, CopyAndAssignmentShareTheHandlesAndNeverCloseThem) {
@@ -224,15 +227,6 @@ TEST_F(CloseTest, CopyAndAssignmentShareTheHandlesAndNeverCloseThem) {
   EXPECT_EQ(CRegistry::kOk, target.PutValue("viaCopy", "1")) << "the source's access came too";
   EXPECT_EQ(CRegistry::kOk, target.Close());
   EXPECT_EQ("1", Text(original, "viaCopy"));
-}
-
-TEST_F(CloseTest, OpenOnAClosedCopyGives15) {
-  CRegistry closed;
-  CRegistry copy(closed);
-  EXPECT_EQ(CRegistry::kOpenOnCopy, copy.Open(nullptr, kCurrentUser, nullptr, false));
-  CRegistry assigned;
-  assigned = closed;
-  EXPECT_EQ(CRegistry::kOpenOnCopy, assigned.Open(nullptr, kCurrentUser, nullptr, false));
 }
 
 TEST_F(CloseTest, CopyStartsWithoutTheOriginalsEnumeration) {
