@@ -43,13 +43,11 @@ std::vector<std::string> Exec(const std::string& command, const std::string& par
 // Inline parameters that still fit on the interpreter's line.
 size_t InlineRoom() { return 225 - (kzq_test::TheActionSandbox().bin.size() + 1); }
 
-TEST(Exec, OutputComesBackLineByLineWithTrailingBlanksRemoved) {
+// Output comes back line by line, trailing blanks removed; nothing printed
+// is no chain; a command that cannot start reports what the system said.
+TEST(Exec, OutputComesBackLineByLineAndAFailedStartSaysWhy) {
   EXPECT_THAT(Exec("printlines", " "), ElementsAre("first line", "", "", "last line"));
-}
-
-TEST(Exec, NothingPrintedIsNoChain) { EXPECT_TRUE(Exec("silent", " ").empty()); }
-
-TEST(Exec, ACommandThatCannotStartReportsWhatTheInterpreterSaid) {
+  EXPECT_TRUE(Exec("silent", " ").empty());
   const std::vector<std::string> lines = Exec("nosuchcommand", " ");
   ASSERT_FALSE(lines.empty());
   EXPECT_THAT(lines.front(), HasSubstr("nosuchcommand"));

@@ -60,14 +60,11 @@ class ActionHandler : public testing::Test {
   int last_result_ = -1;  // the exit code of the last command Execute ran
 };
 
-TEST_F(ActionHandler, EveryLineIsAnEntryInOrderAndTheLastOneIsTitled) {
+TEST_F(ActionHandler, EveryLineIsAnEntryInOrderTheLastOneTitledAndNoneIsNoResponse) {
   EXPECT_THAT(Execute("KZQSRVR", "printlines"),
               ElementsAre(Entry{"KVCACT002", "first line", " "}, Entry{"KVCACT002", "", " "},
                           Entry{"KVCACT002", "", " "}, Entry{"KVCACT002", "last line", "Database Action"}));
   EXPECT_EQ(last_result_, 0);
-}
-
-TEST_F(ActionHandler, NoOutputIsOneNoResponseEntry) {
   EXPECT_THAT(Execute("KZQDBD", "silent"), ElementsAre(Entry{"KVCACT002", "no response", "Database Action"}));
 }
 

@@ -14,6 +14,7 @@
 #include "platform/service_probe.h"
 #include "tests/e2e/service_manager.h"
 #include "tests/support/binaries.h"
+#include "tests/support/eventually.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -21,16 +22,6 @@ namespace {
 using testing::HasSubstr;
 
 std::string Agent() { return kzq_test::BuiltProgram("kzq", "kzqagent"); }
-
-bool WaitForFile(const std::string& path, uint32_t timeout_ms) {
-  const uint64_t deadline = platform::MonotonicMillis() + timeout_ms;
-  platform::FileStatus st;
-  while (platform::StatPath(path, &st) != 0) {
-    if (platform::MonotonicMillis() > deadline) return false;
-    platform::SleepMillis(20);
-  }
-  return true;
-}
 
 // Every trace file of the directory, joined.
 std::string TraceText(const std::string& directory) {
@@ -100,10 +91,7 @@ TEST_F(AgentProcess, ConsoleAgentRegistersEveryTableAndStopsThroughItsExitRoutin
   ASSERT_NE(collector, nullptr) << error;
   auto agent = Start({"-console", "-serverid", "SQLX"});
   ASSERT_NE(agent, nullptr);
-  ASSERT_TRUE(WaitForFile(logs_.File("agt.out"), 30000));
-  const uint64_t deadline = platform::MonotonicMillis() + 30000;
-  while (TraceText(logs_.Path()).find("Agent started") == std::string::npos && platform::MonotonicMillis() < deadline)
-    platform::SleepMillis(50);
+  kzq_test::Eventually([&] { return TraceText(logs_.Path()).find("Agent started") != std::string::npos; });
   ASSERT_TRUE(agent->RequestStop());
   EXPECT_EQ(agent->Wait(), 0);
   EXPECT_THAT(kzq_test::ReadFile(logs_.File("agt.out")), HasSubstr("kzqagent started: server 'SQLX'"));
@@ -176,12 +164,11 @@ TEST_F(AgentProcess, ConsoleCollectorStopsOnRequestAndRemovesItsPidFile) {
   platform::SetEnv("COLL_SERVICENUMBER", "");
   ASSERT_NE(collector, nullptr) << error;
   const std::string pid_file = platform::PidFilePath("KZQCOLL77");
-  ASSERT_TRUE(WaitForFile(pid_file, 30000));
+  ASSERT_TRUE(kzq_test::Eventually([&] { return std::filesystem::exists(pid_file); }));
   SKIP_WITHOUT_CONSOLE_SIGNALS();
   ASSERT_TRUE(collector->RequestStop());
   EXPECT_EQ(collector->Wait(), 0);
-  platform::FileStatus st;
-  EXPECT_NE(platform::StatPath(pid_file, &st), 0);
+  EXPECT_FALSE(std::filesystem::exists(pid_file));
 }
 
 }  // namespace

@@ -21,11 +21,6 @@ namespace {
 
 using testing::HasSubstr;
 
-template <typename F>
-bool Within(uint64_t ms, F done) {
-  return kzq_test::Eventually(done, ms, 100);
-}
-
 std::string BuildTree() {
   const std::string program = kzq_test::BuiltProgram("kzq", "kzqagent");
   return program.substr(0, program.rfind("/kzq/"));
@@ -54,11 +49,11 @@ TEST(Demo, ServesTheReplayedServerUntilItIsStopped) {
   const auto output = [&] { return kzq_test::ReadFile(dir.File("demo.out")); };
 
   // The demo says its agent started once the endpoint listens.
-  ASSERT_TRUE(Within(60000, [&] { return output().find("Agent started with 33 tables") != std::string::npos; }))
+  ASSERT_TRUE(kzq_test::Eventually([&] { return output().find("Agent started with 33 tables") != std::string::npos; }))
       << output();
   httplib::Client client("127.0.0.1", port);
   std::string metrics;
-  ASSERT_TRUE(Within(60000, [&] {
+  ASSERT_TRUE(kzq_test::Eventually([&] {
     const auto answer = client.Get("/metrics");
     if (answer && answer->status == 200) metrics = answer->body;
     return metrics.find("service=\"KZQCOLL0\"} 1") != std::string::npos &&

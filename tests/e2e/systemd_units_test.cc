@@ -10,9 +10,6 @@
 // whoever runs the test.
 #include <httplib.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,6 +34,7 @@
 #include "tests/e2e/service_manager.h"
 #include "tests/support/eventually.h"
 #include "tests/support/free_port.h"
+#include "tests/support/held_port.h"
 #include "tests/support/systemd_unit.h"
 #include "tests/support/temp_dir.h"
 
@@ -95,28 +93,6 @@ class ServiceExecution {
   }
   std::vector<std::string> saved_;
   fs::path directory_;
-};
-
-// A loopback TCP socket bound to a port of the system's choosing, held
-// until the end of the test.
-class LoopbackSocket {
- public:
-  LoopbackSocket() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-      port_ = ntohs(address.sin_port);
-  }
-  ~LoopbackSocket() { close(fd_); }
-  bool Listen() { return listen(fd_, 1) == 0; }
-  int Port() const { return port_; }
-
- private:
-  int fd_;
-  int port_ = 0;
 };
 
 class InstalledUnits : public testing::Test {
@@ -288,9 +264,8 @@ TEST_F(InstalledUnits, AgentServesTheCollectorsRowsAndStopsOnSigterm) {
 // An agent whose endpoint cannot listen ends with a non-zero exit code, so
 // that systemd counts the start as failed (and Restart=on-failure retries).
 TEST_F(InstalledUnits, AgentStartFailsWhenItsPortIsTaken) {
-  LoopbackSocket taken;
-  ASSERT_TRUE(taken.Listen());
-  WriteEnvironmentFileSetting("KZQ_HTTP_LISTEN", "127.0.0.1:" + std::to_string(taken.Port()));
+  kzq_test::HeldPort taken;
+  WriteEnvironmentFileSetting("KZQ_HTTP_LISTEN", taken.Address());
 
   auto agent = StartUnit("kzqagent");
   ASSERT_NE(agent, nullptr);

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/clock.h"
@@ -20,41 +19,20 @@
 #include "platform/process.h"
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
+#include "tests/support/held_port.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
+using kzq_test::HeldPort;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr uint64_t kPatience = 60000;  // ms; service starts under Wine are slow
-
+// A minute of patience: service starts under Wine are slow.
 template <typename F>
 bool Eventually(F done) {
-  return kzq_test::Eventually(done, kPatience, 200);
+  return kzq_test::Eventually(done, 60000, 200);
 }
-
-// A loopback port held by a listener of this test until Release().
-class HeldPort {
- public:
-  HeldPort() {
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    listener_ = std::thread([this] { server_.listen_after_bind(); });
-    Eventually([this] { return server_.is_running(); });
-  }
-  ~HeldPort() { Release(); }
-  void Release() {
-    if (!listener_.joinable()) return;
-    server_.stop();
-    listener_.join();
-  }
-  std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
-
- private:
-  httplib::Server server_;
-  std::thread listener_;
-  int port_ = 0;
-};
 
 class WindowsInstall : public testing::Test {
  protected:

@@ -117,7 +117,7 @@ class Metrics : public testing::Test {
   }
 };
 
-TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTexts) {
+TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTextsOrThePosition) {
   framework::CapturedSample s = MakeSample("KZQT");
   AddRow(&s, "master", "sa", 512, 9);
   AddRow(&s, "sales", "bob", 20480, 10);
@@ -131,6 +131,12 @@ TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTexts) {
   EXPECT_THAT(text, Not(HasSubstr("kzq_kzqt_owner")));         // texts are no gauges
   EXPECT_THAT(text, Not(HasSubstr("kzq_kzqt_rowno")));         // bookkeeping
   EXPECT_THAT(text, Not(HasSubstr("row=")));
+  // Rows their labels cannot tell apart get their position.
+  framework::CapturedSample same = MakeSample("KZQT");
+  AddRow(&same, "same", "a", 1, 1);
+  AddRow(&same, "same", "b", 2, 2);
+  EXPECT_THAT(Render(same), HasSubstr("dbname=\"same\",row=\"1\"} 1\n"));
+  EXPECT_THAT(Render(same), HasSubstr("dbname=\"same\",row=\"2\"} 2\n"));
 }
 
 // Several tables are keyed by numbers (a session id, a lock resource type):
@@ -147,32 +153,17 @@ TEST_F(Metrics, IntegerKeysAreLabelledInDecimal) {
   EXPECT_THAT(text, HasSubstr("dbname=\"sales\",pages=\"\"} 64\n"));
 }
 
-TEST_F(Metrics, RowsTheirLabelsCannotTellApartGetTheirPosition) {
-  framework::CapturedSample s = MakeSample("KZQT");
-  AddRow(&s, "same", "a", 1, 1);
-  AddRow(&s, "same", "b", 2, 2);
-  const std::string text = Render(s);
-  EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"1\"} 1\n"));
-  EXPECT_THAT(text, HasSubstr("dbname=\"same\",row=\"2\"} 2\n"));
-}
-
 // A table whose data could not be had for two intervals loses its series
 // (they would show old values as current); its health series stay.
-TEST_F(Metrics, AStaleTableLosesItsSeriesButNotItsHealth) {
+TEST_F(Metrics, TheAgentsOwnHealthIsAlwaysThereAndAStaleTableLosesItsSeries) {
   framework::CapturedSample s = MakeSample("KZQT");
   AddRow(&s, "master", "sa", 512, 9);
   EXPECT_THAT(Render(s, 1060), HasSubstr("kzq_kzqt_dbsize{"));
-  const std::string stale = Render(s, 1061);
-  EXPECT_THAT(stale, Not(HasSubstr("kzq_kzqt_dbsize")));
-  EXPECT_THAT(stale, HasSubstr("kzq_sample_age_seconds{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 61\n"));
-  EXPECT_THAT(stale, HasSubstr("kzq_sample_errors_total{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 2\n"));
-}
-
-TEST_F(Metrics, TheAgentsOwnHealthIsAlwaysThere) {
-  const std::string text = Render(MakeSample("KZQT"));
+  const std::string text = Render(s, 1061);
+  EXPECT_THAT(text, Not(HasSubstr("kzq_kzqt_dbsize")));
   EXPECT_THAT(text, HasSubstr("kzq_collector_up{server_id=\"SQL\\\"1\",host=\"db01\",service=\"KZQCOLL1\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("kzq_sqlserver_up{server_id=\"SQL\\\"1\",host=\"db01\",service=\"MSSQLSERVER\"} 0\n"));
-  EXPECT_THAT(text, HasSubstr("kzq_sample_age_seconds{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 12\n"));
+  EXPECT_THAT(text, HasSubstr("kzq_sample_age_seconds{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 61\n"));
   EXPECT_THAT(text, HasSubstr("kzq_samples_total{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 7\n"));
   EXPECT_THAT(text, HasSubstr("kzq_sample_errors_total{server_id=\"SQL\\\"1\",host=\"db01\",table=\"KZQT\"} 2\n"));
   EXPECT_THAT(text, HasSubstr("kzq_error_events_total{server_id=\"SQL\\\"1\",host=\"db01\"} 5\n"));

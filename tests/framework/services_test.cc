@@ -122,32 +122,28 @@ TEST(ActionLog, KeepsOrderAndForgetsTheOldest) {
   EXPECT_EQ(entries.back().sequence, framework::ActionLogLast());
 }
 
-TEST(BaseServices, EnvironmentPairsAndUpperCase) {
+TEST(BaseServices, EnvironmentPairsUpperCaseAndALockThatNestsForItsOwnerOnly) {
   EXPECT_EQ(BSV1_PutEnv("KZQ_BSV_TEST=one=two"), 0);
   EXPECT_STREQ(BSV1_GetEnv("KZQ_BSV_TEST"), "one=two");
   EXPECT_EQ(BSV1_PutEnv("=nameless"), 1);
   EXPECT_EQ(BSV1_PutEnv("no equals"), 1);
   char text[] = "limit=5 Count";
   EXPECT_STREQ(BSV1_ToUpper(text), "LIMIT=5 COUNT");
-}
-
-TEST(BaseServices, LockExcludesOtherThreadsAndNestsForItsOwner) {
   BSV1_Lock lock;
   ASSERT_EQ(BSV1_GetLock(&lock), 0);
   ASSERT_EQ(BSV1_GetLock(&lock), 0);
-  bool other_got_it = true;
-  std::thread([&] {
-    other_got_it = lock.mutex.try_lock();
-    if (other_got_it) lock.mutex.unlock();
-  }).join();
-  EXPECT_FALSE(other_got_it);
+  const auto other_gets_it = [&lock] {
+    bool got = false;
+    std::thread([&] {
+      got = lock.mutex.try_lock();
+      if (got) lock.mutex.unlock();
+    }).join();
+    return got;
+  };
+  EXPECT_FALSE(other_gets_it());
   BSV1_ReleaseLock(&lock);
   BSV1_ReleaseLock(&lock);
-  std::thread([&] {
-    other_got_it = lock.mutex.try_lock();
-    if (other_got_it) lock.mutex.unlock();
-  }).join();
-  EXPECT_TRUE(other_got_it);
+  EXPECT_TRUE(other_gets_it());
   EXPECT_EQ(BSV1_DestroyLock(&lock), 0);
 }
 

@@ -137,7 +137,7 @@ TEST(TextCompare, ReadsNoFurtherThanTheWidthAndNullReadsAsEmpty) {
   EXPECT_EQ(IsException(kOpEQ, "abc", "", 0), 1);
 }
 
-TEST(IntegerCompare, HoldsAtThe32BitEdges) {
+TEST(IntegerCompare, EveryOperatorAgainstLessEqualAndGreaterAndAtThe32BitEdges) {
   EXPECT_EQ(IsException(kOpEQ, INT32_MIN, "-2147483648"), 1);
   EXPECT_EQ(IsException(kOpLT, INT32_MIN, "-2147483647"), 1);
   EXPECT_EQ(IsException(kOpEQ, INT32_MAX, "2147483647"), 1);
@@ -146,9 +146,6 @@ TEST(IntegerCompare, HoldsAtThe32BitEdges) {
   EXPECT_EQ(IsException(kOpLE, INT32_MIN, "-00002147483648"), 1);
   EXPECT_EQ(IsException(kOpGT, 0, "-1"), 1);
   EXPECT_EQ(IsException(kOpLT, -1, "0"), 1);
-}
-
-TEST(IntegerCompare, EveryOperatorAgainstLessEqualAndGreater) {
   const int ops[] = {kOpEQ, kOpNE, kOpGE, kOpLE, kOpLT, kOpGT};
   const int when_less[] = {0, 1, 0, 1, 1, 0};
   const int when_equal[] = {1, 0, 1, 1, 0, 0};
@@ -212,15 +209,12 @@ TEST(FilterEvaluation, StopsAskingOnceSettled) {
   EXPECT_EQ(asked, 1);
 }
 
-TEST(FilterValues, TextAndNumbersAreReadAsWritten) {
+TEST(FilterElements, TextAndNumbersAreReadAsWrittenInTheOrderOfTheText) {
   EXPECT_THAT(Described(ParseOrDie("DBNAME EQ 'it''s' AND STATUS EQ '' AND DBNAME EQ 007")),
               ElementsAre("DBNAME EQ it's", "STATUS EQ ", "DBNAME EQ 007"));
   EXPECT_THAT(Described(ParseOrDie("CPU EQ '+150' OR CPU EQ -0 OR CPU EQ -2147483648 OR CPU = 2147483647")),
               ElementsAre("CPU EQ 150", "CPU EQ 0", "CPU EQ -2147483648", "CPU EQ 2147483647"));
   EXPECT_THAT(Described(ParseOrDie("DBNAME EQ 'a  b\t(c)'")), ElementsAre("DBNAME EQ a  b\t(c)"));
-}
-
-TEST(FilterElements, KeepTheOrderOfTheText) {
   EXPECT_THAT(
       Described(ParseOrDie("CPU GT 1 OR (dbname EQ 'a' AND NOT STATUS LIKE 's%') AND PCTDBFREE <= -3")),
       ElementsAre("CPU GT 1", "DBNAME EQ a", "STATUS LIKE s%", "PCTDBFREE LE -3"));
@@ -277,13 +271,8 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"CPU EQ 'x\ny'", "'x\\x0Ay' is not a number for integer attribute CPU at column 8"},
         ErrorCase{"", "empty filter"}, ErrorCase{" \t\r\n ", "empty filter"}));
 
-TEST(FilterErrors, LongNamesAreCutInTheMessage) {
-  const std::string name(500, 'Q');
-  const std::string error = ParseError(name + " EQ 1");
-  EXPECT_EQ(error, "unknown attribute '" + std::string(40, 'Q') + "...' at column 1");
-}
-
-TEST(FilterErrors, NoErrorTextOrLookupIsNoCrash) {
+TEST(FilterErrors, LongNamesAreCutInTheMessageAndNoErrorTextOrLookupIsNoCrash) {
+  EXPECT_EQ(ParseError(std::string(500, 'Q') + " EQ 1"), "unknown attribute '" + std::string(40, 'Q') + "...' at column 1");
   EXPECT_FALSE(SituationFilter::Parse("CPU EQ", RowAttributes, nullptr).has_value());
   std::string error;
   EXPECT_FALSE(SituationFilter::Parse("CPU EQ 1", framework::AttributeKindLookup(), &error).has_value());
@@ -298,7 +287,7 @@ std::string Repeated(std::string_view piece, size_t count) {
   return out;
 }
 
-TEST(FilterLimits, TextUpToTheLimitParses) {
+TEST(FilterLimits, TextAndNestingUpToTheLimitParse) {
   const std::string clause = "CPU GT 1 OR ";
   std::string text = Repeated(clause, (framework::kMaxFilterLength - 9) / clause.size()) + "CPU LT 1";
   text.resize(framework::kMaxFilterLength, ' ');
@@ -307,9 +296,6 @@ TEST(FilterLimits, TextUpToTheLimitParses) {
   EXPECT_TRUE(filter.Evaluate([](const FilterElement& e) { return TestRow(kMaster, e); }));
   EXPECT_EQ(ParseError(text + " "), "filter longer than 4096 characters");
   EXPECT_EQ(ParseError(std::string(100000, '(')), "filter longer than 4096 characters");
-}
-
-TEST(FilterLimits, NestingUpToTheLimitParses) {
   const size_t limit = framework::kMaxFilterNesting;
   EXPECT_TRUE(Holds(Repeated("(", limit) + "CPU GT 1" + Repeated(")", limit), kMaster));
   EXPECT_TRUE(Holds(Repeated("NOT ", limit) + "CPU GT 1", kMaster));  // an even count

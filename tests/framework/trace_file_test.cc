@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "framework/trace.h"
@@ -15,12 +16,9 @@ namespace {
 using kzq_test::FullyMatches;
 using testing::ElementsAre;
 
-bool Exists(const std::string& path) {
-  platform::FileStatus st;
-  return platform::StatPath(path, &st) == 0;
-}
+using std::filesystem::exists;
 
-TEST(TraceLogSpec, ReadsTheNamesAndLimitsOfTheSetting) {
+TEST(TraceLogSpec, ReadsTheNamesAndLimitsOfTheSettingAndTheLevelsBeforeTheArrow) {
   const auto spec = framework::ParseTraceLogSpec(
       "\"C:\\Program Files\\logs\\a_$(systask)_$(sysutcstart)-.log\" INVENTORY=\"C:\\Program Files\\logs\\a.inv\" "
       "COUNT=03 PRESERVE=0 LIMIT=2 MAXFILES=4");
@@ -35,9 +33,6 @@ TEST(TraceLogSpec, ReadsTheNamesAndLimitsOfTheSetting) {
   EXPECT_FALSE(framework::ParseTraceLogSpec("INVENTORY=only.inv").has_value());
   EXPECT_EQ(framework::ExpandTraceVariables("k_$(systask)_$(sysutcstart)-.log", "$", "kzqagent", "20261123080000"),
             "k_kzqagent_20261123080000-.log");
-}
-
-TEST(TraceLogSpec, LevelsComeFromTheWordsBeforeTheArrow) {
   EXPECT_EQ(framework::TraceLevelFromSpec(""), framework::kTraceError);
   EXPECT_EQ(framework::TraceLevelFromSpec("error (unit:kzq flow)"), framework::kTraceError | framework::kTraceFlow);
   EXPECT_EQ(framework::TraceLevelFromSpec("ERROR (UNIT:kzq ALL) > c:\\flow.log") & framework::kTraceDetail,
@@ -72,9 +67,9 @@ TEST(RollingTraceFile, InventoryKeepsAtMostMaxFiles) {
     framework::RollingTraceFile rolling(spec);
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(rolling.Write("full", 4));
   }
-  EXPECT_FALSE(Exists(dir.File("run-1.log")));  // the oldest fell off
-  EXPECT_TRUE(Exists(dir.File("run-2.log")));
-  EXPECT_TRUE(Exists(dir.File("run-3.log")));
+  EXPECT_FALSE(exists(dir.File("run-1.log")));  // the oldest fell off
+  EXPECT_TRUE(exists(dir.File("run-2.log")));
+  EXPECT_TRUE(exists(dir.File("run-3.log")));
   std::string inventory = kzq_test::ReadFile(dir.File("run.inv"));
   EXPECT_EQ(inventory, dir.File("run-2.log") + "\n" + dir.File("run-3.log") + "\n");
 }

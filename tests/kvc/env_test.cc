@@ -110,7 +110,7 @@ TEST_F(AgentEnvironment, UnsetFieldsAreTriedAgainSetOnesAreKept) {
   EXPECT_STREQ(config.version, "vh");
 }
 
-TEST_F(AgentEnvironment, DefaultsAreReportedExportedOrCopiedByMode) {
+TEST_F(AgentEnvironment, DefaultsAreReportedExportedOrCopiedByModeAndPairsExported) {
   kzq_test::LogCapture log;
   platform::SetEnv("KZQ_ENV_A", "");
   char* value = Kept(kvc::GetEnvDefault("KZQ_ENV_A", kvc::kEnvReport, "dflt"));
@@ -126,15 +126,12 @@ TEST_F(AgentEnvironment, DefaultsAreReportedExportedOrCopiedByMode) {
   platform::SetEnv("KZQ_ENV_B", "");
   EXPECT_EQ(kvc::GetEnvDefault("KZQ_ENV_B", kvc::kEnvReport, ""), nullptr);
   EXPECT_THAT(log.Text(), HasSubstr("UEN0015W"));
-}
-
-TEST_F(AgentEnvironment, PutEnvPairReturnsTheValueInsideTheExportedText) {
-  kzq_test::LogCapture log;
+  // PutEnvPair returns the value inside the exported text.
   kvc::Debug().levels[0] = 1;
-  char* value = kvc::PutEnvPair("KZQ_ENV_C", "42");
+  char* pair_value = kvc::PutEnvPair("KZQ_ENV_C", "42");
   kvc::Debug() = kvc::DebugSwitches();
-  EXPECT_STREQ(value, "42");
-  EXPECT_STREQ(value - strlen("KZQ_ENV_C="), "KZQ_ENV_C=42");
+  EXPECT_STREQ(pair_value, "42");
+  EXPECT_STREQ(pair_value - strlen("KZQ_ENV_C="), "KZQ_ENV_C=42");
   EXPECT_EQ(platform::GetEnv("KZQ_ENV_C").value_or(""), "42");
   EXPECT_THAT(log.Text(), HasSubstr("Set environment variable \"KZQ_ENV_C\"."));
 }

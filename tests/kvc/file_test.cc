@@ -24,17 +24,12 @@ class FileCheckTest : public testing::Test {
   kzq_test::TempDir dir_;
 };
 
-TEST_F(FileCheckTest, ClassifiesEveryKindOfPath) {
+TEST_F(FileCheckTest, ClassifiesEveryKindOfPathAndTheVerboseFlagReportsOddOnes) {
+  kzq_test::LogCapture log;
   EXPECT_EQ(kvc::CheckFile(dir_.File("full").c_str(), 0), kvc::kFileOk);
   EXPECT_EQ(kvc::CheckFile(dir_.File("empty").c_str(), 0), kvc::kFileEmpty);
   EXPECT_EQ(kvc::CheckFile(dir_.File("missing").c_str(), 0), kvc::kFileMissing);
   EXPECT_EQ(kvc::CheckFile(dir_.Path().c_str(), 0), kvc::kFileNotAFile);
-}
-
-TEST_F(FileCheckTest, VerboseFlagReportsOddPathsButNotMissingOnes) {
-  kzq_test::LogCapture log;
-  kvc::CheckFile(dir_.File("empty").c_str(), 0);
-  kvc::CheckFile(dir_.Path().c_str(), 0);
   EXPECT_EQ(log.Text(), "");
   kvc::CheckFile(dir_.File("empty").c_str(), kvc::kCheckVerbose);
   kvc::CheckFile(dir_.Path().c_str(), kvc::kCheckVerbose);
@@ -59,13 +54,8 @@ TEST_F(FileCheckTest, DebugReportsEmptyFilesAndFullDebugMissingOnes) {
   EXPECT_THAT(log.Text(), HasSubstr("UST4000I"));
 }
 
+// A plain word such as "ddddd" is checked where the agent reads COLL_DEBUG.
 TEST(DebugWord, FirstCharacterOnlySelectsTheDebugFlag) {
-  kvc::DebugSwitches d;
-  kvc::ParseDebugWord("ddddd", &d);
-  EXPECT_TRUE(d.debug);
-  EXPECT_EQ(d.levels[0], 1);
-  EXPECT_EQ(d.levels[3], 1);
-  EXPECT_EQ(d.levels[4], 0);
   kvc::DebugSwitches e;
   kvc::ParseDebugWord("-xEaf", &e);
   EXPECT_FALSE(e.debug);
@@ -116,13 +106,15 @@ TEST_F(ExecutableSearchTest, ExtensionsInOrderWithinEachDirectoryInTurn) {
   EXPECT_EQ(kvc::FindExecutable("toolx", &found, nullptr, list_.c_str()), kvc::kSearchNotFound);
 }
 
-TEST_F(ExecutableSearchTest, NameWithADotIsTriedOnlyAsItStands) {
+TEST_F(ExecutableSearchTest, NameWithADotIsTriedOnlyAsItStandsAndNoNameIsImpossible) {
   UseExtensions(".CMD");
   kzq_test::WriteFile(In("two", "run.sh"), "x");
   kzq_test::WriteFile(In("two", "run.sh.CMD"), "x");
   std::string found;
   ASSERT_EQ(kvc::FindExecutable("run.sh", &found, nullptr, list_.c_str()), kvc::kSearchFound);
   EXPECT_EQ(found, In("two", "run.sh"));
+  EXPECT_EQ(kvc::FindExecutable("", &found, nullptr, list_.c_str()), kvc::kSearchImpossible);
+  EXPECT_EQ(kvc::FindExecutable(nullptr, nullptr, nullptr, nullptr), kvc::kSearchImpossible);
 }
 
 TEST_F(ExecutableSearchTest, CurrentDirectoryComesBeforePath) {
@@ -139,12 +131,6 @@ TEST_F(ExecutableSearchTest, CurrentDirectoryComesBeforePath) {
   std::remove("kzq_search_probe.CMD");
   EXPECT_EQ(rc, kvc::kSearchFound);
   EXPECT_EQ(found, std::string(".") + platform::PathSeparator() + "kzq_search_probe.CMD");
-}
-
-TEST_F(ExecutableSearchTest, NothingToSearchForGivesTwo) {
-  std::string found;
-  EXPECT_EQ(kvc::FindExecutable("", &found, nullptr, list_.c_str()), kvc::kSearchImpossible);
-  EXPECT_EQ(kvc::FindExecutable(nullptr, nullptr, nullptr, nullptr), kvc::kSearchImpossible);
 }
 
 }  // namespace

@@ -15,7 +15,6 @@ namespace {
 using kzq_test::LogCapture;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using kzq_test::FullyMatches;
 
 std::string Tid() { return "(" + std::to_string(platform::CurrentThreadId()) + ")"; }
@@ -63,27 +62,28 @@ TEST(DiagnosticLog, OpeningAppendsToWhatTheOtherProgramWrote) {
   EXPECT_THAT(log.Lines(), ElementsAre(HasSubstr("collector started"), HasSubstr("agent started")));
 }
 
-TEST(DiagnosticLog, TraceLinesCarryTheLocalTime) {
+TEST(DiagnosticLog, TraceLinesCarryTheLocalTimeAndDetailOnesNeedTheirOption) {
   LogCapture log;
   kvc::Log('t', "kvc0001", "traced\n");
   EXPECT_THAT(log.Lines(), ElementsAre(FullyMatches("KVC0001T \\([0-9]{6}\\) \\([0-9]+\\)traced")));
-}
-
-TEST(DiagnosticLog, DetailTraceOnlyWithItsOption) {
-  LogCapture log;
   platform::SetEnv("COLL_TRACE_DETAIL", "");
   kvc::ReloadOptions();
   kvc::Log('h', "kvc0002", "hidden\n");
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_EQ(log.Lines().size(), 1u);
   platform::SetEnv("COLL_TRACE_DETAIL", "1");
   kvc::ReloadOptions();
   kvc::Log('h', "kvc0002", "shown\n");
   platform::SetEnv("COLL_TRACE_DETAIL", "");
   kvc::ReloadOptions();
-  EXPECT_THAT(log.Lines(), ElementsAre(FullyMatches("KVC0002H \\([0-9]{6}\\) .*shown")));
+  EXPECT_THAT(log.Lines(), ElementsAre(HasSubstr("traced"), FullyMatches("KVC0002H \\([0-9]{6}\\) .*shown")));
 }
 
-TEST(DiagnosticLog, WrapsOnTheWriteAfterTheLimit) {
+TEST(DiagnosticLog, WrapsOnTheWriteAfterAPositiveLimitOnly) {
+  {
+    LogCapture never("-5");
+    for (int i = 0; i < 40; ++i) kvc::Log('i', "kvc0011", "line %d\n", i);
+    EXPECT_EQ(never.Lines().size(), 40u);
+  }
   LogCapture log("2");
   kvc::Log('i', "kvc0010", "one\n");
   kvc::Log('i', "kvc0010", "two\n");
@@ -94,12 +94,6 @@ TEST(DiagnosticLog, WrapsOnTheWriteAfterTheLimit) {
   EXPECT_THAT(lines[0], HasSubstr("       File wrapped -- "));
   EXPECT_THAT(lines[0], FullyMatches("CGN5000I .*-- [0-9]{4}/[0-9]{2}/[0-9]{2} .*"));
   EXPECT_THAT(lines[1], HasSubstr("three"));
-}
-
-TEST(DiagnosticLog, ZeroOrNegativeLimitNeverWraps) {
-  LogCapture log("-5");
-  for (int i = 0; i < 40; ++i) kvc::Log('i', "kvc0011", "line %d\n", i);
-  EXPECT_EQ(log.Lines().size(), 40u);
 }
 
 TEST(DiagnosticLog, HexDumpWritesSixteenBytesPerLine) {

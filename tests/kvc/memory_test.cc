@@ -85,7 +85,7 @@ TEST(TrackedMemory, OverrunIsReportedWhenTheFreeFindsItsEntry) {
   }
 }
 
-TEST(TrackedMemory, KeepFlagsLeaveBlockAndVariableAlone) {
+TEST(TrackedMemory, KeepFlagsLeaveBlockAndVariableAloneAndOtherEndPutsTheEntryFirst) {
   kvc::ChainAnchor chain;
   void* p = nullptr;
   kvc::TrackedAlloc(&chain, &p, 8, kvc::kTrackUntracked, __FILE__, __LINE__, "p");
@@ -98,10 +98,6 @@ TEST(TrackedMemory, KeepFlagsLeaveBlockAndVariableAlone) {
   kvc::TrackedFree(&chain, &p, kvc::kTrackUntracked | kvc::kTrackKeepOnFree | kvc::kTrackForceFree,
                    __FILE__, __LINE__, "p");
   EXPECT_EQ(p, nullptr);
-}
-
-TEST(TrackedMemory, OtherEndFlagPutsTheEntryFirst) {
-  kvc::ChainAnchor chain;
   void* a = reinterpret_cast<void*>(0x10);  // values the entries record
   void* b = reinterpret_cast<void*>(0x20);
   void* a_var = a;

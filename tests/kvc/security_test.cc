@@ -9,16 +9,13 @@ namespace {
 
 using testing::HasSubstr;
 
-TEST(SecurityDescriptors, OpenDescriptorIsOneProcessWideRecord) {
+TEST(SecurityDescriptors, OpenAndUserDescriptorsAreEachOneProcessWideRecord) {
   platform::SecurityDescriptor* first = nullptr;
   platform::SecurityDescriptor* second = nullptr;
   ASSERT_EQ(kvc::CreateOpenDescriptor(&first), 0);
   ASSERT_EQ(kvc::CreateOpenDescriptor(&second), 0);
   EXPECT_NE(first, nullptr);
   EXPECT_EQ(first, second);
-}
-
-TEST(SecurityDescriptors, RunningAccountAndItsNameBothWork) {
   std::string me;
   ASSERT_EQ(platform::CurrentUserName(&me), 0);
   platform::SecurityDescriptor* d = nullptr;

@@ -13,32 +13,17 @@ namespace {
 
 using testing::HasSubstr;
 
-platform::LocalTime November13() {
-  platform::LocalTime t;
-  t.year = 2026;
-  t.month = 11;
-  t.day = 13;
-  t.hour = 7;
-  t.minute = 10;
-  t.second = 5;
-  t.millisecond = 999;
-  return t;
-}
+platform::LocalTime November13() { return {2026, 11, 13, 7, 10, 5, 999}; }
 
-TEST(FormatTime, EveryFormOfOneMoment) {
+TEST(FormatTime, EveryFormOfOneMomentAndYearsBelow1900AreOffsets) {
   char buffer[64];
-  const platform::LocalTime t = November13();
+  platform::LocalTime t = November13();
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 1), "2026/11/13 07:10:05");
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 3), "1261113071005");
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 4), "1261113071005000");
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 0), "20261113071005");
   EXPECT_GT(strlen(kvc::FormatTime(t, buffer, 2)), 0u);
   EXPECT_LE(strlen(buffer), 48u);
-}
-
-TEST(FormatTime, YearsBelow1900AreOffsets) {
-  char buffer[64];
-  platform::LocalTime t = November13();
   t.year = 26;
   EXPECT_STREQ(kvc::FormatTime(t, buffer, 4), "1261113071005000");
   t.year = 95;
@@ -99,16 +84,12 @@ INSTANTIATE_TEST_SUITE_P(
                     StampCase{"2900-01-01", 0, 519, "DateFmtErr=519"},
                     StampCase{"2899-12-31 23:59:59", 0, 0, "9991231235959000"}));
 
-TEST(ToTimeStamp, ReadsOnlyNinetyNineCharacters) {
-  std::string text = "2026-11-13 07:10:05" + std::string(80, ' ') + "x";
+TEST(ToTimeStamp, ReadsOnlyNinetyNineCharactersAndTracesEachFieldAndItsSeparator) {
+  const std::string long_text = "2026-11-13 07:10:05" + std::string(80, ' ') + "x";
   char result[17];
-  EXPECT_EQ(kvc::ToTimeStamp(text.c_str(), 0, result), 0);
+  EXPECT_EQ(kvc::ToTimeStamp(long_text.c_str(), 0, result), 0);
   EXPECT_STREQ(result, "1261113071005000");
-}
-
-TEST(ToTimeStamp, TracesEachFieldAndItsSeparator) {
   kzq_test::LogCapture log;
-  char result[17];
   kvc::ToTimeStamp("2026-11-13", 0, result);
   const std::string text = log.Text();
   EXPECT_THAT(text, HasSubstr("UDT8082T"));
@@ -116,7 +97,8 @@ TEST(ToTimeStamp, TracesEachFieldAndItsSeparator) {
   EXPECT_THAT(text, HasSubstr("UDT8081T"));
 }
 
-TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendar) {
+TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendarAndRejectsTextWithoutATime) {
+  kzq_test::LogCapture log;
   platform::LocalTime t;
   const int64_t seconds = kvc::StringToTime("2026/11/13 07:10:05", &t);
   platform::LocalTime expected = November13();
@@ -124,11 +106,6 @@ TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendar) {
   EXPECT_EQ(t.weekday, 5);
   EXPECT_EQ(kvc::StringToTime("2026-11-13 07.10.05.50", &t), seconds);
   EXPECT_EQ(t.millisecond, 500);
-}
-
-TEST(StringToTime, RejectsTextWithoutATime) {
-  kzq_test::LogCapture log;
-  platform::LocalTime t;
   EXPECT_EQ(kvc::StringToTime("2026/11/13", &t), -1);
   EXPECT_EQ(kvc::StringToTime("garbage", &t), -1);
   EXPECT_THAT(log.Text(), HasSubstr("Invalid str2timet: garbage"));

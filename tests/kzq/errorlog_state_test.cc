@@ -6,15 +6,12 @@
 
 #include "kzq/errorlog_queue.h"
 #include "kzq/errorlog_state.h"
+#include "tests/support/errorlog_writer.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
-std::string Utf16Bytes(const std::string& ascii) {
-  std::string bytes;
-  for (char c : ascii) bytes += std::string{c, '\0'};
-  return bytes;
-}
+using kzq_test::Utf16Bytes;
 
 TEST(ErrorlogState, ResumePointIsOneUtf16LineWrittenWhole) {
   kzq_test::TempDir home;

@@ -40,7 +40,7 @@ ReadBack ReadAll(const std::string& path, size_t buffer_bytes, size_t max_units)
   return back;
 }
 
-TEST(Utf16LineReader, ReturnsLinesWithTheirEndsAndCutsAtTheLimit) {
+TEST(Utf16LineReader, ReturnsLinesWithTheirEndsCutsAtTheLimitAndEndsOnlyAtALineFeedUnit) {
   kzq_test::TempDir dir;
   kzq_test::WriteFile(dir.File("log"), "\xFF\xFE" + kzq_test::Utf16Bytes("abcdefghij\r\nshort\r\nlast") + "x");
   const ReadBack back = ReadAll(dir.File("log"), 64, 5);
@@ -49,6 +49,14 @@ TEST(Utf16LineReader, ReturnsLinesWithTheirEndsAndCutsAtTheLimit) {
             (std::vector<std::u16string>{u"\uFEFFabc", u"defg", u"hij\r", u"\n", u"shor", u"t\r\n", u"last"}));
   EXPECT_EQ(back.ends.back(), 2 + 2 * 23);
   EXPECT_TRUE(ReadAll(dir.File("log"), 64, 1).lines.empty());
+  // A line feed's byte found inside another unit, whether as its high or
+  // its low byte, does not end the line, wherever the buffer splits it.
+  kzq_test::WriteFile(dir.File("log"), std::string("\x0A\x0A" "\x0A\x01" "\x41\x0A" "\x00\x4E" "\x0A\x00" "x\x00", 12));
+  for (size_t size : {1, 3, 4, 64}) {
+    const ReadBack units = ReadAll(dir.File("log"), size, 2048);
+    EXPECT_EQ(units.lines, (std::vector<std::u16string>{u"\u0A0A\u010A\u0A41\u4E00\n", u"x"})) << size;
+    EXPECT_EQ(units.ends, (std::vector<long>{10, 12})) << size;
+  }
 }
 
 TEST(Utf16LineReader, TellAndSeekAreExactWhateverTheBufferSize) {
@@ -104,19 +112,6 @@ TEST(Utf16LineReader, FindsTextAppendedAfterTheEnd) {
   fclose(file);
 }
 
-// A line feed's byte found inside another unit, whether as its high or
-// its low byte, does not end the line, wherever the buffer splits it.
-TEST(Utf16LineReader, OnlyALineFeedUnitEndsALine) {
-  kzq_test::TempDir dir;
-  const std::string units("\x0A\x0A" "\x0A\x01" "\x41\x0A" "\x00\x4E" "\x0A\x00" "x\x00", 12);
-  kzq_test::WriteFile(dir.File("log"), units);
-  for (size_t size : {1, 3, 4, 64}) {
-    const ReadBack back = ReadAll(dir.File("log"), size, 2048);
-    EXPECT_EQ(back.lines, (std::vector<std::u16string>{u"\u0A0A\u010A\u0A41\u4E00\n", u"x"})) << size;
-    EXPECT_EQ(back.ends, (std::vector<long>{10, 12})) << size;
-  }
-}
-
 TEST(ErrorlogLine, SplitsServerLinesAtThePaddedTextColumn) {
   const LogClock at{2026, 11, 23, 10, 15, 2, 31};
   kzq::LogLine line;
@@ -141,6 +136,10 @@ TEST(ErrorlogLine, SplitsServerLinesAtThePaddedTextColumn) {
   EXPECT_EQ(line.text, u"");
   for (const char16_t* bad : {u"", u"   \r\n", u"2026-11-23 10:15:02.31 \r\n", u"\uFEFF"})
     EXPECT_FALSE(kzq::SplitLogLine(bad, &line));
+  // One LogLine taking line after line holds only what the last one gave.
+  ASSERT_TRUE(kzq::SplitLogLine(u"2026-11-23 10:15:02.31 spid52      Error: 1", &line));
+  EXPECT_FALSE(kzq::SplitLogLine(u"2026-11-23 10:15:02.31", &line));
+  EXPECT_EQ(line.date_word + line.time_word + line.source_word + line.text, u"");
 }
 
 TEST(ErrorlogLine, ReadsTheTimeOnlyWhenAllSixNumbersAreThere) {
@@ -153,6 +152,13 @@ TEST(ErrorlogLine, ReadsTheTimeOnlyWhenAllSixNumbersAreThere) {
   EXPECT_FALSE(kzq::ParseLineTime({u"2026-11", u"10:15:02.31", u"s", u""}, &t));
   EXPECT_FALSE(kzq::ParseLineTime({u"2026-11-23", u"10:15", u"s", u""}, &t));
   EXPECT_FALSE(kzq::ParseLineTime({u"\uFEFF2026-11-23", u"10:15:02", u"s", u""}, &t));
+  // Words of any other shape read as far as they scan.
+  ASSERT_TRUE(kzq::ParseLineTime({u"2026-11-2x", u"10:15:023", u"s", u""}, &t));
+  EXPECT_EQ(t.day * 1000000 + t.hour * 10000 + t.minute * 100 + t.second, 2101523);
+  ASSERT_TRUE(kzq::ParseLineTime({u"2026-+1-23", u"1:2:3", u"s", u""}, &t));
+  EXPECT_EQ(t.month * 1000000 + t.hour * 10000 + t.minute * 100 + t.second, 1010203);
+  EXPECT_FALSE(kzq::ParseLineTime({u"2026-1a-23", u"10:15:02", u"s", u""}, &t));
+  EXPECT_FALSE(kzq::ParseLineTime({u"2026-11-23", u"10:15-02", u"s", u""}, &t));
 
   const kzq::LogTime base{126, 11, 23, 10, 15, 2};
   EXPECT_TRUE(kzq::IsLater({126, 11, 23, 10, 15, 3}, base));
@@ -162,37 +168,10 @@ TEST(ErrorlogLine, ReadsTheTimeOnlyWhenAllSixNumbersAreThere) {
   EXPECT_FALSE(kzq::IsLater({126, 11, 22, 23, 59, 59}, base));
 }
 
-// A word is found by whole units: a unit that only shares a byte with the
-// word's first character is not its start.
-TEST(ErrorlogLine, FindsWordsByWholeUnitsOnly) {
+TEST(ErrorlogLine, ErrorNumbersNeedAllThreeValuesAndTheWordItsWholeUnits) {
+  EXPECT_TRUE(kzq::IsErrorLine(u"x Error: 1, Severity: 2, State: 3."));
   EXPECT_FALSE(kzq::IsErrorLine(u"x \u0145rror: 1, Severity: 2, State: 3."));
   EXPECT_TRUE(kzq::IsErrorLine(u"\u4545\u0145Error: 1, Severity: 2, State: 3."));
-  EXPECT_TRUE(kzq::IsSymptomDumpLine(u"\u6300\u0063reate create symptom dump"));
-  EXPECT_FALSE(kzq::IsSymptomDumpLine(u"create symptom dum"));
-  EXPECT_TRUE(kzq::IsStackDumpSentLine(u"**Stack Dump being sent"));
-  EXPECT_FALSE(kzq::IsStackDumpSentLine(u"*"));
-}
-
-TEST(ErrorlogLine, DateAndTimeWordsOfAnyShapeReadAsScanned) {
-  kzq::LogTime t;
-  ASSERT_TRUE(kzq::ParseLineTime({u"2026-11-2x", u"10:15:023", u"s", u""}, &t));
-  EXPECT_EQ(t.day * 1000000 + t.hour * 10000 + t.minute * 100 + t.second, 2101523);
-  ASSERT_TRUE(kzq::ParseLineTime({u"2026-+1-23", u"1:2:3", u"s", u""}, &t));
-  EXPECT_EQ(t.month * 1000000 + t.hour * 10000 + t.minute * 100 + t.second, 1010203);
-  EXPECT_FALSE(kzq::ParseLineTime({u"2026-1a-23", u"10:15:02", u"s", u""}, &t));
-  EXPECT_FALSE(kzq::ParseLineTime({u"2026-11-23", u"10:15-02", u"s", u""}, &t));
-}
-
-// One LogLine taking line after line holds only what the last one gave.
-TEST(ErrorlogLine, AFailedSplitLeavesNoWordsBehind) {
-  kzq::LogLine line;
-  ASSERT_TRUE(kzq::SplitLogLine(u"2026-11-23 10:15:02.31 spid52      Error: 1", &line));
-  EXPECT_FALSE(kzq::SplitLogLine(u"2026-11-23 10:15:02.31", &line));
-  EXPECT_EQ(line.date_word + line.time_word + line.source_word + line.text, u"");
-}
-
-TEST(ErrorlogLine, ErrorNumbersNeedAllThreeValues) {
-  EXPECT_TRUE(kzq::IsErrorLine(u"x Error: 1, Severity: 2, State: 3."));
   EXPECT_FALSE(kzq::IsErrorLine(u"x Error: 1, Severity: 2."));
   long error = 0;
   int severity = 0, state = 0;
@@ -206,7 +185,13 @@ TEST(ErrorlogLine, ErrorNumbersNeedAllThreeValues) {
     EXPECT_FALSE(kzq::ParseErrorNumbers(bad, &error, &severity, &state)) << platform::Utf16ToUtf8(bad);
 }
 
-TEST(ErrorlogLine, SymptomDumpSeverityComesOnlyFromTheTextsStart) {
+// A word is found by whole units: a unit that only shares a byte with the
+// word's first character is not its start.
+TEST(ErrorlogLine, DumpWordsAreFoundByWholeUnitsAndTheSeverityOnlyAtTheTextsStart) {
+  EXPECT_TRUE(kzq::IsSymptomDumpLine(u"\u6300\u0063reate create symptom dump"));
+  EXPECT_FALSE(kzq::IsSymptomDumpLine(u"create symptom dum"));
+  EXPECT_TRUE(kzq::IsStackDumpSentLine(u"**Stack Dump being sent"));
+  EXPECT_FALSE(kzq::IsStackDumpSentLine(u"*"));
   EXPECT_TRUE(kzq::IsSymptomDumpLine(u"spid52 Process had to create symptom dump now"));
   EXPECT_TRUE(kzq::IsStackDumpSentLine(u"***Stack Dump being sent to C:\\SQLDump0001.txt"));
   EXPECT_FALSE(kzq::IsStackDumpSentLine(u"*Stack Dump being sent"));

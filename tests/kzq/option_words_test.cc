@@ -26,11 +26,11 @@ kvc::AgentConfig& Record() {
   return records->emplace_back();
 }
 
-TEST(OptionWords, KeywordsInAnyCaseAndShortenedStoreTheirValues) {
+TEST(OptionWords, KeywordsInAnyCaseAndShortenedStoreTheirValuesTheDebugWordParsed) {
   kvc::AgentConfig& config = Record();
   const auto result = kzq::ApplyOptionWords(
       {"-SERVERID", "SQL1", "-log", "sa", "-logs", "/var/log/kzq", "-errlog", "/var/opt/mssql/log/errorlog",
-       "-maxread", "4096", "-ver", "kzq2", "-hkey", "SOFTWARE\\x", "-rdbms", "mssql", "-console"},
+       "-maxread", "4096", "-ver", "kzq2", "-hkey", "SOFTWARE\\x", "-rdbms", "mssql", "-console", "-debug", "-dde"},
       config, Files({}));
   EXPECT_TRUE(result.console);
   EXPECT_TRUE(result.problems.empty());
@@ -40,11 +40,7 @@ TEST(OptionWords, KeywordsInAnyCaseAndShortenedStoreTheirValues) {
   EXPECT_STREQ(config.errorLog, "/var/opt/mssql/log/errorlog");
   EXPECT_EQ(config.maxReadErrorLog, 4096);
   EXPECT_STREQ(config.version, "kzq2");
-}
-
-TEST(OptionWords, DebugWordGoesThroughTheDebugParser) {
-  kvc::AgentConfig& config = Record();
-  kzq::ApplyOptionWords({"-debug", "-dde"}, config, Files({}));
+  // The debug word goes through the debug parser.
   EXPECT_EQ(config.debugFlag, 1);
   EXPECT_EQ(config.DebugLevels[0], 1);
   EXPECT_EQ(config.DebugLevels[1], 2);

@@ -53,9 +53,13 @@ class ServiceProbePidFile : public testing::Test {
   kzq_test::ServiceSandbox sandbox_;
 };
 
-TEST_F(ServiceProbePidFile, LiveProcessOfTheFirstLineRuns) {
+// Signalling another user's process is refused with EPERM: it lives all the
+// same. Under root the signal is allowed; either way init runs.
+TEST_F(ServiceProbePidFile, LiveProcessOfTheFirstLineRunsWhoeverItsUser) {
   sandbox_.WritePidFile("KZQCOLL7", " \t" + kSelfText + " \r\n1\n");
   EXPECT_EQ(Said(QueryService("KZQCOLL7")), Running(kSelf));
+  sandbox_.WritePidFile("KZQCOLL1", "1");
+  EXPECT_EQ(Said(QueryService("KZQCOLL1")), Running(1));
 }
 
 TEST_F(ServiceProbePidFile, ChildRunsUntilItHasBeenKilled) {
@@ -75,13 +79,6 @@ TEST_F(ServiceProbePidFile, AnythingButALivePositivePidIsStopped) {
     sandbox_.WritePidFile("KZQCOLL1", text);
     EXPECT_EQ(Said(QueryService("KZQCOLL1")), kStopped) << '"' << text << '"';
   }
-}
-
-// Signalling another user's process is refused with EPERM: it lives all the
-// same. Under root the signal is allowed; either way init runs.
-TEST_F(ServiceProbePidFile, ProcessOfAnotherUserRuns) {
-  sandbox_.WritePidFile("KZQCOLL1", "1");
-  EXPECT_EQ(Said(QueryService("KZQCOLL1")), Running(1));
 }
 
 TEST_F(ServiceProbePidFile, ComesBeforeTheUnitAndFailsTheQueryWhenUnreadable) {
@@ -122,18 +119,14 @@ class ServiceProbeCgroup : public testing::Test {
   kzq_test::ServiceSandbox sandbox_;
 };
 
-TEST_F(ServiceProbeCgroup, FirstLiveProcessOfTheUnitIsTheService) {
+// The version one hierarchy counts only while the unified one lacks the unit.
+TEST_F(ServiceProbeCgroup, FirstLiveProcessOfTheUnitIsTheServiceInEitherHierarchy) {
+  sandbox_.AddUnit("kzqcoll@SQL1", kSelfText, "systemd/system.slice");
+  EXPECT_EQ(Said(QueryService("KZQCOLL1")), Running(kSelf));
   sandbox_.AddUnit("kzqcoll@SQL1", DeadPid() + "\nnot-a-pid\n\n0\n" + kSelfText + "\n1\n");
   EXPECT_EQ(Said(QueryService("KZQCOLL1")), Running(kSelf));
   sandbox_.AddUnit("kzqcoll@SQL1", DeadPid() + "\n");
   EXPECT_EQ(Said(QueryService("KZQCOLL1")), kStopped);
-  sandbox_.AddUnit("kzqcoll@SQL1", "");
-  EXPECT_EQ(Said(QueryService("KZQCOLL1")), kStopped);
-}
-
-TEST_F(ServiceProbeCgroup, VersionOneHierarchyOnlyWhenTheUnifiedOneLacksTheUnit) {
-  sandbox_.AddUnit("kzqcoll@SQL1", kSelfText, "systemd/system.slice");
-  EXPECT_EQ(Said(QueryService("KZQCOLL1")), Running(kSelf));
   sandbox_.AddUnit("kzqcoll@SQL1", "");
   EXPECT_EQ(Said(QueryService("KZQCOLL1")), kStopped);
 }
@@ -156,37 +149,28 @@ TEST_F(ServiceProbeCgroup, DefaultMapKnowsOnlyTheDefaultDatabaseServiceUntilOneI
   EXPECT_EQ(Said(QueryService("MSSQLSERVER")), kNoSuchService);
 }
 
-TEST(ServiceUnitMap, NamesInAnyCaseBlanksAndSuffixIgnoredLastItemWins) {
+TEST(ServiceUnitMap, NamesInAnyCaseBlanksAndSuffixIgnoredLastItemWinsMalformedSkipped) {
   const std::string map = " KZQCOLL1 = kzqcoll@SQL1 ,\tmssqlserver=mssql.service ,KzqColl1=other";
   EXPECT_EQ(platform::posix::FindServiceUnit(map, "kzqcoll1").value_or("-"), "other");
   EXPECT_EQ(platform::posix::FindServiceUnit(map, "MSSQLSERVER").value_or("-"), "mssql");
   EXPECT_EQ(platform::posix::FindServiceUnit(map, "KZQCOLL").value_or("-"), "-");
-}
-
-TEST(ServiceUnitMap, MalformedItemsAreSkippedAndTheRestStillCount) {
-  const std::string map = "JUNK,=nameless,EMPTY=,SUFFIX=.service,SLASH=../x,SPACED=a b,EQUALS=a=b,,GOOD=unit,GOOD=bad/";
+  const std::string odd = "JUNK,=nameless,EMPTY=,SUFFIX=.service,SLASH=../x,SPACED=a b,EQUALS=a=b,,GOOD=unit,GOOD=bad/";
   for (const char* name : {"JUNK", "", "EMPTY", "SUFFIX", "SLASH", "SPACED", "EQUALS"})
-    EXPECT_FALSE(platform::posix::FindServiceUnit(map, name).has_value()) << name;
-  EXPECT_EQ(platform::posix::FindServiceUnit(map, "good").value_or("-"), "unit");
+    EXPECT_FALSE(platform::posix::FindServiceUnit(odd, name).has_value()) << name;
+  EXPECT_EQ(platform::posix::FindServiceUnit(odd, "good").value_or("-"), "unit");
 }
 
 #else
 
-TEST(ServiceProbe, UnknownServiceFailsToOpenWith1060) {
+// The installer service is started only on demand.
+TEST(ServiceProbe, RunningServiceHasAProcessOfItsOwnStoppedOneNoneUnknownOneFails) {
   EXPECT_EQ(Said(QueryService("KZQNOSUCHSERVICE")), kNoSuchService);
-}
-
-TEST(ServiceProbe, RunningServiceHasAProcessOfItsOwn) {
+  EXPECT_EQ(Said(QueryService("msiserver")), "state 1 pid 0");
   const platform::ServiceProbe probe = QueryService("PlugPlay");
   ASSERT_TRUE(probe.ok) << Said(probe);
   EXPECT_EQ(probe.state, platform::kServiceRunning);
   EXPECT_NE(probe.process_id, 0u);
   EXPECT_NE(probe.process_id, platform::CurrentProcessId());
-}
-
-// The installer service is started only on demand.
-TEST(ServiceProbe, StoppedServiceHasNoProcess) {
-  EXPECT_EQ(Said(QueryService("msiserver")), "state 1 pid 0");
 }
 
 #endif

@@ -21,32 +21,26 @@ class DeleteKeyTest : public RegistryTest {
   CRegistry r_;
 };
 
-TEST_F(DeleteKeyTest, RelativeKeyWithoutSubkeysGoes) {
+TEST_F(DeleteKeyTest, RelativeKeyWithoutSubkeysGoesMissingGives6EmptyIsRefused) {
   EXPECT_EQ(CRegistry::kOk, r_.DeleteKey("SINGLE", false));
   EXPECT_EQ("RegDeleteKey", LastApi(r_));
   EXPECT_FALSE(Exists("single"));
   EXPECT_EQ(base_, CurrentPath(r_));
-}
-
-TEST_F(DeleteKeyTest, MissingKeyGives6AndAnEmptyPathIsRefused) {
   EXPECT_EQ(CRegistry::kKeyNotFound, r_.DeleteKey("nothing", true));
   EXPECT_EQ(CRegistry::kKeyNotFound, r_.DeleteKey(("\\" + Path("nothing")).c_str(), true));
   EXPECT_EQ(CRegistry::kNotAllowed, r_.DeleteKey("", true));
 }
 
-TEST_F(DeleteKeyTest, SubkeysWithoutRecursionGive17AndNothingGoes) {
+TEST_F(DeleteKeyTest, SubkeysWithoutRecursionGive17AndNothingGoesWithRecursionAllGoes) {
   EXPECT_EQ(CRegistry::kSubkeysRemain, r_.DeleteKey("tree", false));
   EXPECT_TRUE(Exists("tree\\left\\leaf"));
   EXPECT_TRUE(Exists("tree\\right"));
-}
-
-TEST_F(DeleteKeyTest, RecursiveDeletesTheWholeTree) {
   EXPECT_EQ(CRegistry::kOk, r_.DeleteKey(("\\" + Path("tree")).c_str(), true));
   EXPECT_FALSE(Exists("tree"));
   EXPECT_TRUE(Exists("single"));
 }
 
-TEST_F(DeleteKeyTest, OwnKeyDeletedMovesToTheParentWith18) {
+TEST_F(DeleteKeyTest, OwnKeyOrOneAboveDeletedMovesToTheParentWith18) {
   CRegistry inside;
   ASSERT_EQ(CRegistry::kOk, OpenWritable(inside, "tree\\left"));
   EXPECT_EQ(CRegistry::kMovedToParent, inside.DeleteKey(("\\" + Path("tree\\left")).c_str(), true));
@@ -54,13 +48,12 @@ TEST_F(DeleteKeyTest, OwnKeyDeletedMovesToTheParentWith18) {
   EXPECT_FALSE(Exists("tree\\left"));
   EXPECT_TRUE(Exists("tree\\right"));
   EXPECT_EQ(CRegistry::kOk, inside.PutValue("still", "usable"));
-}
-
-TEST_F(DeleteKeyTest, KeyAboveTheOwnKeyDeletedMovesToItsParent) {
-  CRegistry inside;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(inside, "tree\\left\\leaf"));
-  EXPECT_EQ(CRegistry::kMovedToParent, inside.DeleteKey(("\\" + Path("TREE")).c_str(), true));
-  EXPECT_EQ(base_, CurrentPath(inside));
+  // A key above the own key deleted: the object moves to that key's parent.
+  CRegistry deeper;
+  MakeKeys({"tree\\left\\leaf"});
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(deeper, "tree\\left\\leaf"));
+  EXPECT_EQ(CRegistry::kMovedToParent, deeper.DeleteKey(("\\" + Path("TREE")).c_str(), true));
+  EXPECT_EQ(base_, CurrentPath(deeper));
   EXPECT_FALSE(Exists("tree"));
 }
 

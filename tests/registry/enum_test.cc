@@ -51,7 +51,7 @@ class EnumTest : public RegistryTest {
   uint32_t last_ = 0;
 };
 
-TEST_F(EnumTest, ValuesComeInTheKeysOrderWithTheirData) {
+TEST_F(EnumTest, ValuesComeInTheKeysOrderWithTheirDataAndFromTheEndNotAtAll) {
   ASSERT_EQ(CRegistry::kOk, r_.PutValue("alpha", "1"));
   ASSERT_EQ(CRegistry::kOk, r_.PutValue("beta", "22"));
   char name[16], data[16];
@@ -68,6 +68,12 @@ TEST_F(EnumTest, ValuesComeInTheKeysOrderWithTheirData) {
   EXPECT_THAT(indexes, ElementsAre(1u));
   EXPECT_EQ(CRegistry::kEnumFinished, last_);
   EXPECT_THAT(Values(false), ElementsAre("alpha", "beta")) << "9 reset the enumeration";
+  // From the end, values start past the last one and end at once.
+  EXPECT_THAT(Values(true), ElementsAre());
+  EXPECT_EQ(CRegistry::kEnumFinished, last_);
+  EXPECT_THAT(Values(false), ElementsAre("alpha", "beta")) << "and the direction is reset";
+  EXPECT_THAT(Keys(true), ElementsAre()) << "no subkeys from the end ends at once too";
+  EXPECT_EQ(CRegistry::kEnumFinished, last_);
 }
 
 #ifndef _WIN32
@@ -80,17 +86,7 @@ TEST_F(EnumTest, ValuesKeepTheOrderTheyWereFirstWritten) {
 }
 #endif
 
-TEST_F(EnumTest, ValuesFromTheEndStartPastTheLastAndEndAtOnce) {
-  ASSERT_EQ(CRegistry::kOk, r_.PutValue("alpha", "1"));
-  ASSERT_EQ(CRegistry::kOk, r_.PutValue("beta", "2"));
-  EXPECT_THAT(Values(true), ElementsAre());
-  EXPECT_EQ(CRegistry::kEnumFinished, last_);
-  EXPECT_THAT(Values(false), ElementsAre("alpha", "beta")) << "and the direction is reset";
-  EXPECT_THAT(Keys(true), ElementsAre()) << "no subkeys from the end ends at once too";
-  EXPECT_EQ(CRegistry::kEnumFinished, last_);
-}
-
-TEST_F(EnumTest, SubkeysForwardsAndBackwardsInNameOrder) {
+TEST_F(EnumTest, SubkeysForwardsAndBackwardsInNameOrderAsTheFirstCallChose) {
   MakeKeys({"Charlie", "alpha", "Bravo"});
   std::vector<uint32_t> indexes;
   EXPECT_THAT(Keys(false, &indexes), ElementsAre("alpha", "Bravo", "Charlie"));
@@ -100,17 +96,14 @@ TEST_F(EnumTest, SubkeysForwardsAndBackwardsInNameOrder) {
   EXPECT_THAT(Keys(true, &indexes), ElementsAre("Charlie", "Bravo", "alpha"));
   EXPECT_THAT(indexes, ElementsAre(2u, 1u, 0u));
   EXPECT_EQ(CRegistry::kEnumFinished, last_);
-}
-
-TEST_F(EnumTest, DirectionIsChosenByTheFirstCallOnly) {
-  MakeKeys({"a", "b", "c"});
+  // The direction is chosen by the first call of an enumeration only.
   char name[8];
   uint32_t size = sizeof name;
   ASSERT_EQ(CRegistry::kOk, r_.EnumKeys(name, &size, nullptr, nullptr, nullptr, nullptr, true));
-  EXPECT_STREQ("c", name);
+  EXPECT_STREQ("Charlie", name);
   size = sizeof name;
   ASSERT_EQ(CRegistry::kOk, r_.EnumKeys(name, &size, nullptr, nullptr, nullptr, nullptr, false));
-  EXPECT_STREQ("b", name);
+  EXPECT_STREQ("Bravo", name);
 }
 
 TEST_F(EnumTest, OtherKindInProgressGives10) {
@@ -131,7 +124,7 @@ TEST_F(EnumTest, OtherKindInProgressGives10) {
             r_.EnumKeys(name, &size, nullptr, nullptr, nullptr, nullptr, false));
 }
 
-TEST_F(EnumTest, BuffersWithoutSizesAreRefused) {
+TEST_F(EnumTest, BuffersWithoutSizesAreRefusedAndOthersZeroedToTheirSize) {
   char name[8], data[8];
   uint32_t size = sizeof name;
   EXPECT_EQ(CRegistry::kNoValueNameSize,
@@ -140,6 +133,15 @@ TEST_F(EnumTest, BuffersWithoutSizesAreRefused) {
   EXPECT_EQ(CRegistry::kNoKeyNameSize,
             r_.EnumKeys(name, nullptr, nullptr, nullptr, nullptr, nullptr, false));
   EXPECT_EQ(CRegistry::kNoClassSize, r_.EnumKeys(name, &size, data, nullptr, nullptr, nullptr, false));
+  // Buffers with sizes are zeroed to the sizes stated.
+  MakeKeys({"k"});
+  char key[8], cls[8];
+  memset(key, 'x', sizeof key);
+  memset(cls, 'x', sizeof cls);
+  uint32_t key_size = sizeof key, class_size = sizeof cls;
+  ASSERT_EQ(CRegistry::kOk, r_.EnumKeys(key, &key_size, cls, &class_size, nullptr, nullptr, false));
+  EXPECT_EQ(std::string("k\0\0\0\0\0\0\0", 8), std::string(key, 8));
+  EXPECT_EQ(std::string(8, '\0'), std::string(cls, 8));
 }
 
 TEST_F(EnumTest, ShortDataBufferGives4TracesAndMovesOn) {
@@ -159,18 +161,6 @@ TEST_F(EnumTest, ShortDataBufferGives4TracesAndMovesOn) {
   EXPECT_EQ(CRegistry::kOk, r_.EnumVals(name, &name_size, data, &data_size, nullptr, &index, false));
   EXPECT_EQ(1u, index);
   EXPECT_STREQ("second", name);
-}
-
-TEST_F(EnumTest, BuffersAreZeroedToTheirStatedSize) {
-  MakeKeys({"k"});
-  char name[8];
-  memset(name, 'x', sizeof name);
-  char cls[8];
-  memset(cls, 'x', sizeof cls);
-  uint32_t size = sizeof name, class_size = sizeof cls;
-  ASSERT_EQ(CRegistry::kOk, r_.EnumKeys(name, &size, cls, &class_size, nullptr, nullptr, false));
-  EXPECT_EQ(std::string("k\0\0\0\0\0\0\0", 8), std::string(name, 8));
-  EXPECT_EQ(std::string(8, '\0'), std::string(cls, 8));
 }
 
 }  // namespace

@@ -13,9 +13,9 @@ namespace {
 using kzq_test::RegistryTest;
 using platform::kCurrentUser;
 
-class OpenTest : public RegistryTest {};
+using OpenTest = RegistryTest;
 
-TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
+TEST_F(OpenTest, OpensOrCreatesAtThePathAndRefusesASecondOpen) {
   CRegistry r(nullptr, kCurrentUser, base_.c_str());
   uint32_t open = 0;
   r.Status(&open, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr, 0);
@@ -23,32 +23,26 @@ TEST_F(OpenTest, OpensAtThePathAndRefusesASecondOpen) {
   EXPECT_EQ(base_, CurrentPath(r));
   EXPECT_EQ(CRegistry::kAlreadyOpen, r.Open(nullptr, kCurrentUser, nullptr, false));
   EXPECT_EQ(base_, CurrentPath(r)) << "a refused Open leaves the position alone";
+  CRegistry created;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(created, "a\\b\\c", true));
+  EXPECT_EQ(platform::kCreatedNewKey, created.Disposition()) << "create makes the whole path";
+  EXPECT_EQ("RegCreateKeyEx", LastApi(created));
+  CRegistry again;
+  ASSERT_EQ(CRegistry::kOk, OpenWritable(again, "A\\B\\C", true));
+  EXPECT_EQ(platform::kOpenedExistingKey, again.Disposition()) << "names ignore case";
 }
 
-TEST_F(OpenTest, NullHiveMeansLocalMachine) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, r.Open(nullptr, {}, nullptr, false));
-  EXPECT_EQ("", CurrentPath(r));
-  EXPECT_EQ("RegOpenKeyEx", LastApi(r));
-}
-
-TEST_F(OpenTest, MissingPathLeavesTheObjectOpenAtTheRoot) {
+TEST_F(OpenTest, NullHiveMeansLocalMachineAndAMissingPathLeavesTheObjectOpenAtTheRoot) {
+  CRegistry local;
+  ASSERT_EQ(CRegistry::kOk, local.Open(nullptr, {}, nullptr, false));
+  EXPECT_EQ("", CurrentPath(local));
+  EXPECT_EQ("RegOpenKeyEx", LastApi(local));
   CRegistry r;
   EXPECT_EQ(CRegistry::kApiFailed, OpenReadOnly(r, "absent"));
   EXPECT_EQ(platform::kErrFileNotFound, r.QueryError(nullptr));
   EXPECT_EQ("RegOpenKeyEx", LastApi(r));
   EXPECT_EQ("", CurrentPath(r));
   EXPECT_EQ(CRegistry::kOk, r.Position(base_.c_str(), false)) << "still usable";
-}
-
-TEST_F(OpenTest, CreateMakesTheWholePathAndRecordsTheDisposition) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(r, "a\\b\\c", true));
-  EXPECT_EQ(platform::kCreatedNewKey, r.Disposition());
-  EXPECT_EQ("RegCreateKeyEx", LastApi(r));
-  CRegistry again;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(again, "A\\B\\C", true));
-  EXPECT_EQ(platform::kOpenedExistingKey, again.Disposition()) << "names ignore case";
 }
 
 TEST_F(OpenTest, RemoteMachineThatCannotBeReachedGives8AndForgetsTheName) {
@@ -120,18 +114,13 @@ TEST_F(PositionTest, DotDotOneLevelBelowTheRootYieldsTheRoot) {
   EXPECT_EQ(base_, CurrentPath(r));
 }
 
-TEST_F(PositionTest, FailureKeepsThePositionAndReportsTheCall) {
+TEST_F(PositionTest, FailureKeepsThePositionAndReportsTheCallAndAnEmptyPathIsRefused) {
   CRegistry r;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, "one"));
   EXPECT_EQ(CRegistry::kApiFailed, r.Position("missing", false));
   EXPECT_EQ(Path("one"), CurrentPath(r));
   EXPECT_EQ(platform::kErrFileNotFound, r.QueryError(nullptr));
   EXPECT_EQ(CRegistry::kOk, r.Position("two", false)) << "the current key is still open";
-}
-
-TEST_F(PositionTest, EmptyPathIsRefused) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
   EXPECT_EQ(CRegistry::kNotAllowed, r.Position("", false));
   EXPECT_EQ(CRegistry::kNotAllowed, r.Position(nullptr, false));
 }
@@ -197,9 +186,9 @@ TEST(UpKeyAbsolute, DropsTheLastComponentAndLeadsWithABackslash) {
   }
 }
 
-class CloseTest : public RegistryTest {};
+using CloseTest = RegistryTest;
 
-TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
+TEST_F(CloseTest, ClosesOnceAndGives2AfterwardsAndACopyOfAClosedOneCannotOpenWith15) {
   CRegistry r;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
   EXPECT_EQ(CRegistry::kOk, r.Close());
@@ -209,9 +198,15 @@ TEST_F(CloseTest, ClosesOnceAndGives2Afterwards) {
   r.Init(true);
   EXPECT_EQ("", LastApi(r)) << "Init(true) forgets the last call";
   EXPECT_EQ(CRegistry::kOk, OpenReadOnly(r, "")) << "a closed object opens again";
+  CRegistry closed;
+  CRegistry copy(closed);
+  EXPECT_EQ(CRegistry::kOpenOnCopy, copy.Open(nullptr, kCurrentUser, nullptr, false));
+  CRegistry assigned;
+  assigned = closed;
+  EXPECT_EQ(CRegistry::kOpenOnCopy, assigned.Open(nullptr, kCurrentUser, nullptr, false));
 }
 
-TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
+TEST_F(CloseTest, CopyAndAssignmentShareTheHandlesAndNeverCloseThem) {
   MakeKeys({"elsewhere"});
   CRegistry original;
   ASSERT_EQ(CRegistry::kOk, OpenWritable(original, ""));
@@ -224,28 +219,14 @@ TEST_F(CloseTest, CopySharesTheHandlesAndNeverClosesThem) {
     EXPECT_EQ(CRegistry::kOk, copy.Close());
   }  // the copy's destructor closes nothing either
   EXPECT_EQ("1", Text(original, "fromCopy"));
-}
-
-TEST_F(CloseTest, AssignmentClosesTheTargetsOwnKeysAndSharesTheSources) {
-  MakeKeys({"source"});
-  CRegistry source;
-  ASSERT_EQ(CRegistry::kOk, OpenWritable(source, "source"));
+  // Assignment closes the target's own keys and shares the source's.
   CRegistry target;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(target, ""));
-  target = source;
-  EXPECT_EQ(Path("source"), CurrentPath(target));
+  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(target, "elsewhere"));
+  target = original;
+  EXPECT_EQ(base_, CurrentPath(target));
   EXPECT_EQ(CRegistry::kOk, target.PutValue("viaCopy", "1")) << "the source's access came too";
   EXPECT_EQ(CRegistry::kOk, target.Close());
-  EXPECT_EQ("1", Text(source, "viaCopy"));
-}
-
-TEST_F(CloseTest, OpenOnAClosedCopyGives15) {
-  CRegistry closed;
-  CRegistry copy(closed);
-  EXPECT_EQ(CRegistry::kOpenOnCopy, copy.Open(nullptr, kCurrentUser, nullptr, false));
-  CRegistry assigned;
-  assigned = closed;
-  EXPECT_EQ(CRegistry::kOpenOnCopy, assigned.Open(nullptr, kCurrentUser, nullptr, false));
+  EXPECT_EQ("1", Text(original, "viaCopy"));
 }
 
 TEST_F(CloseTest, CopyStartsWithoutTheOriginalsEnumeration) {

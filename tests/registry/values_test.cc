@@ -26,7 +26,7 @@ class ValueTest : public RegistryTest {
   CRegistry r_;
 };
 
-TEST_F(ValueTest, TextIsStoredAsExpandSzWithItsTerminator) {
+TEST_F(ValueTest, TextIsStoredAsExpandSzWithItsTerminatorAndTheDefaultHasTheEmptyName) {
   ASSERT_EQ(CRegistry::kOk, r_.PutValue("Home", "%HOME%\\kzq"));
   char text[64];
   uint32_t type = 0;
@@ -35,6 +35,9 @@ TEST_F(ValueTest, TextIsStoredAsExpandSzWithItsTerminator) {
   EXPECT_EQ(platform::kRegExpandSz, type);
   EXPECT_EQ(strlen("%HOME%\\kzq") + 1, size);
   EXPECT_STREQ("%HOME%\\kzq", text);
+  ASSERT_EQ(CRegistry::kOk, r_.PutValue("", "default"));
+  EXPECT_EQ("default", Text(nullptr));
+  EXPECT_EQ("default", Text(""));
 }
 
 TEST_F(ValueTest, DwordAndBinaryKeepTheirBytes) {
@@ -64,13 +67,7 @@ TEST_F(ValueTest, NamesIgnoreCaseAndAWriteReplacesTheOldValue) {
   EXPECT_EQ(1u, values);
 }
 
-TEST_F(ValueTest, DefaultValueHasTheEmptyName) {
-  ASSERT_EQ(CRegistry::kOk, r_.PutValue("", "default"));
-  EXPECT_EQ("default", Text(nullptr));
-  EXPECT_EQ("default", Text(""));
-}
-
-TEST_F(ValueTest, MissingValueGives7AndSmallBufferGives4WithTheSize) {
+TEST_F(ValueTest, MissingValueGives7SmallBufferGives4WithTheSizeAndDeleteGoesOnce) {
   char text[4];
   uint32_t size = sizeof text;
   EXPECT_EQ(CRegistry::kValueNotFound, r_.GetValue("absent", text, nullptr, &size));
@@ -80,9 +77,6 @@ TEST_F(ValueTest, MissingValueGives7AndSmallBufferGives4WithTheSize) {
   size = sizeof text;
   EXPECT_EQ(CRegistry::kBufferTooSmall, r_.GetValue("Long", text, nullptr, &size));
   EXPECT_EQ(strlen("longer than four") + 1, size);
-}
-
-TEST_F(ValueTest, DeleteValueRemovesItAndGives7WhenItIsGone) {
   ASSERT_EQ(CRegistry::kOk, r_.PutValue("Doomed", "x"));
   ASSERT_EQ(CRegistry::kOk, r_.PutValue("Kept", "y"));
   EXPECT_EQ(CRegistry::kOk, r_.DeleteValue("DOOMED"));
@@ -109,7 +103,7 @@ TEST_F(ValueTest, WritersOnTheSameKeyLoseNoValue) {
   EXPECT_EQ(2u * kPerWriter, values);
 }
 
-TEST_F(ValueTest, ReadOnlyObjectCannotWrite) {
+TEST_F(ValueTest, ReadOnlyObjectCannotWriteAndAClosedOneDoesNothing) {
   CRegistry reader;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(reader, ""));
   EXPECT_EQ(platform::kKeyRead, reader.AccessMask());
@@ -117,9 +111,6 @@ TEST_F(ValueTest, ReadOnlyObjectCannotWrite) {
   EXPECT_EQ(platform::kErrAccessDenied, reader.QueryError(nullptr));
   EXPECT_EQ(CRegistry::kApiFailed, reader.DeleteValue("Denied"));
   EXPECT_EQ("<missing>", Text("Denied"));
-}
-
-TEST_F(ValueTest, EveryValueOperationNeedsAnOpenObject) {
   CRegistry closed;
   uint32_t size = 4;
   char text[4];
@@ -134,9 +125,9 @@ TEST_F(ValueTest, EveryValueOperationNeedsAnOpenObject) {
   EXPECT_EQ(CRegistry::kNotOpen, closed.EnumKeys(text, &size, nullptr, nullptr, nullptr, nullptr, false));
 }
 
-class StatusTest : public RegistryTest {};
+using StatusTest = RegistryTest;
 
-TEST_F(StatusTest, ReportsTheLastCallOfTheLastOperation) {
+TEST_F(StatusTest, ReportsTheLastCallAndCutsEachCopyToItsBuffer) {
   CRegistry r;
   ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
   ASSERT_EQ(CRegistry::kApiFailed, r.Position("missing", false));
@@ -153,19 +144,14 @@ TEST_F(StatusTest, ReportsTheLastCallOfTheLastOperation) {
   EXPECT_STREQ("RegOpenKeyEx", api);
   EXPECT_EQ(platform::kErrFileNotFound, result);
   EXPECT_STREQ("", machine);
-}
-
-TEST_F(StatusTest, CutsEachCopyToItsBufferAndGives4) {
-  CRegistry r;
-  ASSERT_EQ(CRegistry::kOk, OpenReadOnly(r, ""));
-  char api[4];
+  char short_api[4];
   EXPECT_EQ(CRegistry::kBufferTooSmall,
-            r.Status(nullptr, nullptr, 0, nullptr, 0, api, sizeof api, nullptr, nullptr, 0));
-  EXPECT_STREQ("Reg", api);
-  char path[8] = "unset";
+            r.Status(nullptr, nullptr, 0, nullptr, 0, short_api, sizeof short_api, nullptr, nullptr, 0));
+  EXPECT_STREQ("Reg", short_api);
+  char unsized[8] = "unset";
   EXPECT_EQ(CRegistry::kBufferTooSmall,
-            r.Status(nullptr, nullptr, 0, path, 0, nullptr, 0, nullptr, nullptr, 0));
-  EXPECT_STREQ("unset", path) << "a buffer without a size is left alone";
+            r.Status(nullptr, nullptr, 0, unsized, 0, nullptr, 0, nullptr, nullptr, 0));
+  EXPECT_STREQ("unset", unsized) << "a buffer without a size is left alone";
   char exact[5];
   EXPECT_EQ(CRegistry::kOk,
             r.Status(nullptr, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, exact, sizeof exact));
@@ -194,7 +180,7 @@ TEST_F(StatusTest, QueryKeyCopiesThePathAndGives4ForABufferUnder1024) {
   EXPECT_EQ(CRegistry::kNoKeyNameSize, r.QueryKey(full, nullptr, nullptr, nullptr));
 }
 
-class AttributesTest : public RegistryTest {};
+using AttributesTest = RegistryTest;
 
 TEST_F(AttributesTest, InitKeepsCustomAttributesOnlyWhenSet) {
   CRegistry r;
@@ -223,7 +209,7 @@ TEST_F(AttributesTest, SecurityAttributesGive999AndStillCreateKeys) {
   EXPECT_EQ(CRegistry::kOk, r.PutValue("v", "1"));
 }
 
-class NotifyTest : public RegistryTest {};
+using NotifyTest = RegistryTest;
 
 TEST_F(NotifyTest, ClosedHandleGives16) {
   CRegistry original;

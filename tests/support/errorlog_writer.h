@@ -52,10 +52,6 @@ class ErrorlogWriter {
     Retry("remove " + path, [&path](std::error_code& error) { std::filesystem::remove(path, error); });
   }
 
-  ErrorlogWriter& At(const LogClock& time) {
-    clock_ = time;
-    return *this;
-  }
   ErrorlogWriter& Advance(int seconds) {
     platform::LocalTime t;
     if (platform::ToUtc(UtcSeconds(clock_) + seconds, &t))

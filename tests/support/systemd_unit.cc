@@ -1,6 +1,5 @@
 #include "tests/support/systemd_unit.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -22,24 +21,10 @@ bool Unescape(const std::string& text, size_t* at, std::string* out) {
   static const std::map<char, char> kSimple = {{'a', '\a'}, {'b', '\b'}, {'f', '\f'}, {'n', '\n'}, {'r', '\r'},
                                                {'t', '\t'}, {'v', '\v'}, {'s', ' '},  {'\\', '\\'}, {'"', '"'},
                                                {'\'', '\''}};
-  if (*at >= text.size()) return false;
-  const char c = text[*at];
-  if (const auto simple = kSimple.find(c); simple != kSimple.end()) {
-    out->push_back(simple->second);
-    ++*at;
-    return true;
-  }
-  const bool hex = c == 'x';
-  const size_t digits = hex ? 2 : 3;
-  const size_t start = *at + (hex ? 1 : 0);
-  if (!hex && (c < '0' || c > '7')) return false;
-  if (start + digits > text.size()) return false;
-  const std::string number = text.substr(start, digits);
-  char* end = nullptr;
-  const long code = strtol(number.c_str(), &end, hex ? 16 : 8);
-  if (*end != '\0' || code <= 0 || code > 255) return false;
-  out->push_back(static_cast<char>(code));
-  *at = start + digits;
+  const auto simple = *at < text.size() ? kSimple.find(text[*at]) : kSimple.end();
+  if (simple == kSimple.end()) return false;  // numeric escapes: the units use none
+  out->push_back(simple->second);
+  ++*at;
   return true;
 }
 

@@ -15,8 +15,8 @@
 namespace kzq_test {
 
 // Splits a setting into words as systemd does: blanks separate words,
-// single or double quotes hold blanks, and C escapes (\\ \" \' \n \t \s
-// \xHH ...) are decoded inside and outside quotes. Then %i becomes
+// single or double quotes hold blanks, and the character escapes (\\ \"
+// \' \n \t \s ...) are decoded inside and outside quotes. Then %i becomes
 // `instance` and %% a percent sign in every word. nullopt with *error set
 // for an unfinished quote, an unknown escape or specifier.
 std::optional<std::vector<std::string>> SplitUnitWords(const std::string& value, const std::string& instance,
