@@ -287,10 +287,4 @@ int TakeCollectorSample(tavra& object, const TableSpec& spec) {
   return 0;
 }
 
-void InstallCollectorSampling() {
-  SetSampleFunction([](tavra& object, const TableSpec& spec) {
-    return spec.form == SampleForm::kPushed ? 0 : TakeCollectorSample(object, spec);
-  });
-}
-
 }  // namespace kzq
