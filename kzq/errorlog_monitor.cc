@@ -165,7 +165,34 @@ framework::CounterFamily ErrorlogMonitor::ErrorsBySeverity() const {
   return family;
 }
 
-std::vector<framework::CounterFamily> ErrorlogMonitor::Counters() const { return {ErrorsBySeverity()}; }
+std::vector<framework::CounterFamily> ErrorlogMonitor::Counters() const {
+  const ErrorlogActivity& a = context_.activity;
+  const auto plain = [](const char* name, const char* help, const std::atomic<uint64_t>& value) {
+    return framework::CounterFamily{name, help, {{{}, value.load()}}};
+  };
+  return {
+      ErrorsBySeverity(),
+      plain("kzq_errorlog_reads_total",
+            "Times the errorlog monitor read the new text of SQL Server's ERRORLOG (once per change it was told of).",
+            a.reads),
+      plain("kzq_errorlog_cycles_total",
+            "Times SQL Server cycled its ERRORLOG (renamed it ERRORLOG.1 and began a new one) with text the monitor "
+            "had not read yet; the monitor finished the old generation first.",
+            a.cycles),
+      plain("kzq_errorlog_truncations_total",
+            "Times the monitor found ERRORLOG truncated or replaced, or its resume point in no generation of the "
+            "log, and read the log again from its start: old errors may be reported again.",
+            a.truncations),
+      plain("kzq_errorlog_watch_overflows_total",
+            "Times changes in the ERRORLOG directory came faster than the system keeps them, so the monitor read "
+            "the log again.",
+            a.overflows),
+      plain("kzq_errorlog_state_write_failures_total",
+            "Failed writes of the monitor's resume point (the KZQERROR_EVENT state file); while they fail, an agent "
+            "restart may report errors again.",
+            a.failed_state_writes),
+  };
+}
 
 // Steps 1-8 of the monitor's start: where the log is, the settings, the
 // start-up scan and the resume point. False when the monitor cannot run.
@@ -226,6 +253,7 @@ void ErrorlogMonitor::ResumeFromStateFile() {
   if (point->values < 3) {
     ERRORLOG_FAILURE("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
   } else if (!ResumeFrom(context_, *point)) {
+    ++context_.activity.truncations;
     ERRORLOG_FAILURE("\t\tResume point '%s' (offset %ld) is in no generation of the log: it was truncated, replaced or "
                      "cycled more often than kept since, or the point is damaged. Reading the log from its start.\n",
                      context_.state_file.c_str(), point->offset);
@@ -255,6 +283,7 @@ void ErrorlogMonitor::WatchLoop(const std::string& directory, std::unique_ptr<pl
           }
         break;
       case platform::WatchResult::kOverflow:
+        ++context_.activity.overflows;
         ERRORLOG_FAILURE("\t\tChanges in '%s' came faster than they could be told: reading the log again.\n",
                          directory.c_str());
         StartParser();

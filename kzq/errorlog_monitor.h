@@ -57,7 +57,9 @@ class ErrorlogMonitor final : public EventRequestListener {
   // watched.
   bool Watching() const { return watching_; }
   // /metrics' families: errors read by severity, whether or not anyone
-  // listened (every severity from the minimum up, and any other seen).
+  // listened (every severity from the minimum up, and any other seen),
+  // reads, cycles, truncations, watch overflows and failed resume point
+  // writes.
   std::vector<framework::CounterFamily> Counters() const;
 
  private:

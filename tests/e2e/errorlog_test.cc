@@ -52,6 +52,14 @@ std::string Field(const std::string& row, const char* name) {
   return text;
 }
 
+// A counter of the monitor's that has no labels.
+uint64_t Counted(const kzq::ErrorlogMonitor& monitor, const std::string& family) {
+  for (const framework::CounterFamily& f : monitor.Counters())
+    if (f.name == family) return f.samples.at(0).second;
+  ADD_FAILURE() << "no counter " << family;
+  return 0;
+}
+
 int32_t IntField(const std::string& row, const char* name) {
   int32_t value = 0;
   memcpy(&value, row.data() + kzq::kzqerror_spec.offsets[kzq::kzqerror_spec.IndexOf(name)], sizeof value);
@@ -227,6 +235,7 @@ TEST_F(Errorlog, ChangesBeyondWhatTheSystemKeepsDoNotStopTheWatch) {
   writer.Advance(1).Error("spid52", 824, 17, 2, "after the crowd");
   EXPECT_EQ(TextsWhen(2), (std::vector<std::string>{"amid the crowd", "after the crowd"}));
   EXPECT_GE(TracedLines("came faster than they could be told"), 1);
+  EXPECT_GE(Counted(*monitor, "kzq_errorlog_watch_overflows_total"), 1u);
 }
 #endif
 
@@ -379,6 +388,7 @@ TEST_F(Errorlog, ATruncatedOrRemovedLogIsReadFromItsNewStart) {
   writer.Error("spid52", 602, 19, 1, "after the truncation");
   ASSERT_EQ(RowsWhen(2).size(), 2u);
   EXPECT_GE(TracedLines("no longer holds what was read"), 1);
+  EXPECT_EQ(Counted(*monitor, "kzq_errorlog_truncations_total"), 1u);
 
   kzq_test::ErrorlogWriter::Remove(log_->File("ERRORLOG"));
   EXPECT_GE(TracedLines("cannot be opened"), 1);
@@ -406,6 +416,7 @@ TEST_F(Errorlog, EventsFlowWhileTheStateFileCannotBeWritten) {
     writer.Advance(1).Error("spid53", 603, 19, 1, "three");
     ASSERT_EQ(RowsWhen(3).size(), 3u);
     EXPECT_EQ(TracedLines("Resume point cannot be written to"), 1);
+    EXPECT_GE(Counted(*monitor, "kzq_errorlog_state_write_failures_total"), 2u);  // one per event at least
     std::filesystem::remove(state.parent_path());
     writer.Advance(1).Error("spid54", 604, 19, 1, "four");
     ASSERT_EQ(RowsWhen(4).size(), 4u);

@@ -465,6 +465,21 @@ TEST_F(Http, ALogCycledWhileEventsFlowLosesAndRepeatsNothing) {
                                       "The transaction log for database 'hr' is full.",
                                       "BACKUP failed to complete the command BACKUP LOG hr.",
                                       "SQL Server detected a logical consistency-based I/O error."}));
+  // The monitor's counters say what it went through: reads, the one cycle,
+  // and no overflow or failed write. (The resume point this test starts
+  // from names no line of the log, so the log was read from its start once.)
+  httplib::Client client(agent_.Url());
+  auto scrape = client.Get("/metrics");
+  ASSERT_TRUE(scrape);
+  const auto counted = [&scrape](const std::string& family, const std::string& value) {
+    return std::regex_search(scrape->body, std::regex("\n" + family + "\\{server_id=[^}]*\\} " + value + "\n"));
+  };
+  EXPECT_THAT(scrape->body, HasSubstr("# TYPE kzq_errorlog_reads_total counter\n"));
+  EXPECT_TRUE(counted("kzq_errorlog_reads_total", "[1-9][0-9]*")) << scrape->body;
+  EXPECT_TRUE(counted("kzq_errorlog_cycles_total", "1")) << scrape->body;
+  EXPECT_TRUE(counted("kzq_errorlog_truncations_total", "1")) << scrape->body;
+  for (const char* trouble : {"watch_overflows", "state_write_failures"})
+    EXPECT_TRUE(counted(std::string("kzq_errorlog_") + trouble + "_total", "0")) << trouble;
 }
 
 TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
