@@ -131,17 +131,23 @@ void Throughput(const std::string& dir, int megabytes) {
 std::mutex g_lock;
 std::vector<Clock::time_point> g_arrivals;
 
-void Arrived(const std::string&, const std::string&) {
-  std::lock_guard<std::mutex> guard(g_lock);
-  g_arrivals.push_back(Clock::now());
-}
+// Notes when each error reaches the listener.
+class ArrivalSink final : public kzq::ErrorEventSink {
+ public:
+  void Emit(const std::string&, const std::string&) override {
+    std::lock_guard<std::mutex> guard(g_lock);
+    g_arrivals.push_back(Clock::now());
+  }
+};
 
 void Latency(const std::string& dir, int lines) {
   const std::string path = dir + "/ERRORLOG";
   platform::SetEnv("COLL_ERRORLOG", path);
   platform::SetEnv("COLL_HOME", dir);
   auto writer = kzq_test::ErrorlogWriter::Create(path, kzq_test::LogClock{});
-  kzq::ErrorlogMonitor monitor(Arrived, platform::NowUnixSeconds);
+  ArrivalSink sink;
+  kzq::ErrorEventQueue queue;
+  kzq::ErrorlogMonitor monitor(sink, queue, platform::NowUnixSeconds);
   monitor.RequestStarted();
   while (!monitor.Watching()) platform::SleepMillis(1);
   // An error that never arrives ends the measure instead of the bench

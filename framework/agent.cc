@@ -15,7 +15,7 @@ struct AgentState {
   std::condition_variable stopped;
   AgentIdentity identity;
   AgentLoader loader = nullptr;
-  ApplicationCounters counters = nullptr;
+  std::shared_ptr<const AgentDescription> description = std::make_shared<AgentDescription>();
   bool shutdown = false;
 };
 
@@ -48,14 +48,15 @@ AgentLoader RegisteredLoader() {
   return s.loader;
 }
 
-void SetApplicationCounters(ApplicationCounters counters) {
-  Update([counters](AgentState& s) { s.counters = counters; });
+void DescribeAgent(AgentDescription description) {
+  auto shared = std::make_shared<const AgentDescription>(std::move(description));
+  Update([&shared](AgentState& s) { s.description = std::move(shared); });
 }
 
-ApplicationCounters RegisteredApplicationCounters() {
+std::shared_ptr<const AgentDescription> DescribedAgent() {
   AgentState& s = State();
   std::lock_guard<std::mutex> guard(s.lock);
-  return s.counters;
+  return s.description;
 }
 
 bool ShutdownRequested() {

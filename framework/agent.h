@@ -2,8 +2,11 @@
 // stop switch.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "framework/serve/agent_description.h"
 
 using AgentLoader = int (*)();
 
@@ -27,8 +30,6 @@ int DetermineLocalHost(char* buffer, int limit);
 
 namespace framework {
 
-struct CounterFamily;
-
 inline constexpr const char* kProductCode = "ZQ";
 inline constexpr const char* kProductVersion = "01.00.00";
 
@@ -44,11 +45,11 @@ struct AgentIdentity {
 
 AgentIdentity Identity();
 AgentLoader RegisteredLoader();
-// The application's own counters for /metrics, given by its loader; the
-// endpoint's threads call it on every scrape.
-using ApplicationCounters = std::vector<CounterFamily> (*)();
-void SetApplicationCounters(ApplicationCounters counters);
-ApplicationCounters RegisteredApplicationCounters();
+// The agent's loader describes the agent once, typed; kxamain hands the
+// description to what serves consumers. Any thread.
+void DescribeAgent(AgentDescription description);
+// What the loader described; an empty description before.
+std::shared_ptr<const AgentDescription> DescribedAgent();
 bool ShutdownRequested();
 // Blocks until AVR_Shutdown has been called.
 void WaitForShutdown();

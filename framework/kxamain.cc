@@ -67,7 +67,7 @@ int kxamain(int, char**) {
   {
     std::lock_guard<std::mutex> guard(s.lock);
     if (settings->enabled) {
-      s.endpoint = framework::HttpEndpoint::Start(*settings, &s.cache, &error);
+      s.endpoint = framework::HttpEndpoint::Start(*settings, &s.cache, framework::DescribedAgent(), &error);
       if (!s.endpoint) return RefuseStart(error);
       const std::string url = "http://" + UrlHost(settings->host) + ":" + std::to_string(s.endpoint->Port()) + "/";
       printf("kzqagent: HTTP endpoint on %s\n", url.c_str());

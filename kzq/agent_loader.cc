@@ -5,19 +5,17 @@
 #include <string>
 
 #include "framework/agent.h"
-#include "framework/serve/agent_description.h"
 #include "framework/trace.h"
+#include "kvc/collector_channel.h"
 #include "kvc/kvcact.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcstr.h"
 #include "kvc/kvcutil.h"
-#include "kzq/catalogue_json.h"
-#include "kzq/channel_metrics.h"
-#include "kzq/errorlog_monitor.h"
+#include "kzq/agent_data_paths.h"
 #include "kzq/instance_names.h"
 #include "kzq/service_status.h"
+#include "kzq/table_descriptions.h"
 #include "kzq/tables.h"
-#include "kzq/take_sample.h"
 #include "platform/clock.h"
 
 namespace kzq {
@@ -26,7 +24,7 @@ namespace {
 std::atomic<int64_t> g_start_time{0};
 FILE* g_message_output = nullptr;  // the agent's message output file, open for its life
 
-using TableInit = uint32_t (*)();
+using TableInit = uint32_t (*)(RowSource&, EventRequestListener*);
 
 struct Registration {
   const char* name;
@@ -49,29 +47,19 @@ constexpr Registration kRegistrationOrder[] = {
 };
 static_assert(sizeof kRegistrationOrder / sizeof kRegistrationOrder[0] == kTableCount);
 
-// Every collector table samples from the collector; the error table
-// answers from the errorlog and runs its monitor while events are wanted.
-void InstallAgentSampling() {
-  SetSampleFunction([](framework::tavra& object, const TableSpec& spec) {
-    return spec.form == SampleForm::kPushed ? ErrorlogReportSample(object)
-                                              : TakeCollectorSample(kvc::SharedChannel(), object, spec);
-  });
-  PushedTableHooks hooks;
-  hooks.started = [] { TheErrorlogMonitor().RequestStarted(); };
-  hooks.ended = [] { TheErrorlogMonitor().RequestEnded(); };
-  SetPushedTableHooks(hooks);
-}
-
-// What the endpoint serves beyond rows: the catalogue, and the two services
-// the agent depends on.
-void PublishToConsumers() {
-  framework::PublishCatalogue(CatalogueJson());
-  framework::PublishServiceProbe([] {
+// What consumers are told beyond rows: the catalogue, the two services the
+// agent depends on, and the monitor's counters.
+framework::AgentDescription Description(const AgentDataPaths& paths) {
+  framework::AgentDescription description;
+  description.tables = TableDescriptions();
+  description.probe = [] {
     const std::string collector = CollectorServiceName();
     const std::string database = DatabaseServiceName();
     return std::vector<framework::ServiceState>{{"collector", collector, ServiceRuns(collector.c_str())},
                                                 {"sqlserver", database, ServiceRuns(database.c_str())}};
-  });
+  };
+  description.counters = paths.Counters();
+  return description;
 }
 
 std::string Text(const char* value) { return value != nullptr ? value : ""; }
@@ -89,12 +77,15 @@ void AnnounceStart(const kvc::AgentConfig& config) {
 
 }  // namespace
 
-void RegisterAllTables() {
+void RegisterAllTables(AgentDataPaths& paths) {
   const bool flow = (framework::TraceLevel() & framework::kTraceFlow) != 0;
   for (const Registration& r : kRegistrationOrder) {
     // The two rows where the newer tables begin are traced.
     if (flow && (r.init == kzqsrvcd_init || r.init == kzqfgrpd_init)) TRC1_Printf("Calling %s_init()\n", r.name);
-    r.init();
+    if (FindTable(r.name)->form == SampleForm::kPushed)
+      r.init(paths.ErrorEventRows(), &paths.Monitor());
+    else
+      r.init(paths.CollectorRows(), nullptr);
   }
   // A take-action command may arrive on any table; every one runs it the same way.
   for (framework::TableManager* manager : framework::TableManager::Registered())
@@ -115,15 +106,11 @@ int AgentLoader() {
   if (config.serverId != nullptr) AVR_SetSubsystemId(config.serverId);
   AVR_SetNodeType("MSS");
   AnnounceStart(config);
-  InstallAgentSampling();
-  framework::SetApplicationCounters([] {
-    std::vector<framework::CounterFamily> families = ErrorlogCounters();
-    for (framework::CounterFamily& family : ChannelCounters(kvc::SharedChannel().Counts()))
-      families.push_back(std::move(family));
-    return families;
-  });
-  RegisterAllTables();
-  PublishToConsumers();
+  // Never destroyed: the monitor's threads and the framework's use it
+  // until the process exits.
+  auto* paths = new AgentDataPaths(kvc::SharedChannel());
+  RegisterAllTables(*paths);
+  framework::DescribeAgent(Description(*paths));
   return 0;
 }
 

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "framework/serve/metrics_text.h"
+#include "framework/serve/agent_description.h"
 #include "kvc/collector_channel.h"
 
 namespace kzq {

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "framework/agent.h"
-#include "framework/serve/event_stream.h"
 #include "kvc/kvcenv.h"
 #include "kvc/kvcstr.h"
 #include "kzq/error_event.h"
@@ -14,8 +13,7 @@
 #include "kzq/errorlog_queue.h"
 #include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_state.h"
-#include "kzq/table_pattern.h"
-#include "kzq/tables.h"
+#include "kzq/catalogue.h"
 #include "platform/clock.h"
 #include "platform/dir_watch.h"
 #include "platform/file_system.h"
@@ -26,9 +24,6 @@ namespace {
 
 constexpr int kWatchWaitMillis = 250;  // how soon a park or a stop is noticed
 constexpr int kHighestSeverity = 25;
-// A consumer that writes nothing for this long is no longer waited for
-// before the resume point moves on; it hears of what it loses.
-constexpr std::chrono::milliseconds kConsumerStall{2000};
 
 std::string Text(const char* value) { return value != nullptr ? value : ""; }
 
@@ -84,9 +79,9 @@ std::string EventId(const ResumePoint& point) {
 
 }  // namespace
 
-ErrorlogMonitor::ErrorlogMonitor(EmitRow emit_row, Clock now, AwaitDelivery await_delivery)
-    : emit_row_(emit_row), now_(now) {
-  if (await_delivery != nullptr) context_.await_delivery = await_delivery;
+ErrorlogMonitor::ErrorlogMonitor(ErrorEventSink& sink, ErrorEventQueue& queue, Clock now)
+    : sink_(sink), queue_(queue), now_(now) {
+  context_.await_delivery = [this] { sink_.AwaitDelivery(); };
 }
 
 ErrorlogMonitor::~ErrorlogMonitor() {
@@ -130,7 +125,7 @@ void ErrorlogMonitor::RequestEnded() {
     std::lock_guard<std::mutex> guard(park_lock_);
     parked_ = true;
   }
-  TheErrorEventQueue().Clear();
+  queue_.Clear();
 }
 
 bool ErrorlogMonitor::WaitWhileParked() {
@@ -148,18 +143,55 @@ void ErrorlogMonitor::Emit(const std::string& event) {
     std::lock_guard<std::mutex> guard(counts_lock_);
     ++errors_by_severity_[severity];
   }
-  emit_row_(row, EventId(context_.resume));
-  TheErrorEventQueue().AppendBounded(event, settings_.max_event_rows);
+  sink_.Emit(row, EventId(context_.resume));
+  queue_.AppendBounded(event, settings_.max_event_rows);
 }
 
-std::vector<std::pair<int, uint64_t>> ErrorlogMonitor::ErrorsBySeverity() const {
-  std::lock_guard<std::mutex> guard(counts_lock_);
-  std::map<int, uint64_t> counts = errors_by_severity_;
+framework::CounterFamily ErrorlogMonitor::ErrorsBySeverity() const {
+  std::map<int, uint64_t> counts;
+  {
+    std::lock_guard<std::mutex> guard(counts_lock_);
+    counts = errors_by_severity_;
+  }
   // Series from the minimum up exist from the start, so that an alert on
   // their increase sees the first error.
   for (int severity = min_severity_; severity <= kHighestSeverity; ++severity)
     counts.emplace(severity, 0);
-  return {counts.begin(), counts.end()};
+  framework::CounterFamily family{"kzq_errorlog_errors_total",
+                                  "Errors the errorlog monitor read, by severity, whether or not anyone listened.",
+                                  {}};
+  for (const auto& [severity, count] : counts)
+    family.samples.push_back({{{"severity", std::to_string(severity)}}, count});
+  return family;
+}
+
+std::vector<framework::CounterFamily> ErrorlogMonitor::Counters() const {
+  const ErrorlogActivity& a = context_.activity;
+  const auto plain = [](const char* name, const char* help, const std::atomic<uint64_t>& value) {
+    return framework::CounterFamily{name, help, {{{}, value.load()}}};
+  };
+  return {
+      ErrorsBySeverity(),
+      plain("kzq_errorlog_reads_total",
+            "Times the errorlog monitor read the new text of SQL Server's ERRORLOG (once per change it was told of).",
+            a.reads),
+      plain("kzq_errorlog_cycles_total",
+            "Times SQL Server cycled its ERRORLOG (renamed it ERRORLOG.1 and began a new one) with text the monitor "
+            "had not read yet; the monitor finished the old generation first.",
+            a.cycles),
+      plain("kzq_errorlog_truncations_total",
+            "Times the monitor found ERRORLOG truncated or replaced, or its resume point in no generation of the "
+            "log, and read the log again from its start: old errors may be reported again.",
+            a.truncations),
+      plain("kzq_errorlog_watch_overflows_total",
+            "Times changes in the ERRORLOG directory came faster than the system keeps them, so the monitor read "
+            "the log again.",
+            a.overflows),
+      plain("kzq_errorlog_state_write_failures_total",
+            "Failed writes of the monitor's resume point (the KZQERROR_EVENT state file); while they fail, an agent "
+            "restart may report errors again.",
+            a.failed_state_writes),
+  };
 }
 
 // Steps 1-8 of the monitor's start: where the log is, the settings, the
@@ -199,10 +231,9 @@ void ErrorlogMonitor::Run() {
   // The recent past is for report samples; listeners get only what is
   // written from here on and what the resume point says they missed, so
   // no error reaches them twice or as new when it is old.
-  ErrorEventQueue& queue = TheErrorEventQueue();
   StartupScan(settings_, context_.state_file, context_.log_path, context_.roll_over,
-              [&queue](const std::string& event) { queue.Append(event); }, now_);
-  queue.Trim(settings_.max_event_rows);
+              [this](const std::string& event) { queue_.Append(event); }, now_);
+  queue_.Trim(settings_.max_event_rows);
   ResumeFromStateFile();
   WatchLoop(directory, std::move(watch));
 }
@@ -222,6 +253,7 @@ void ErrorlogMonitor::ResumeFromStateFile() {
   if (point->values < 3) {
     ERRORLOG_FAILURE("\t\t Errror in swscanf. Offset is:%ld.\n", context_.offset.load());
   } else if (!ResumeFrom(context_, *point)) {
+    ++context_.activity.truncations;
     ERRORLOG_FAILURE("\t\tResume point '%s' (offset %ld) is in no generation of the log: it was truncated, replaced or "
                      "cycled more often than kept since, or the point is damaged. Reading the log from its start.\n",
                      context_.state_file.c_str(), point->offset);
@@ -251,6 +283,7 @@ void ErrorlogMonitor::WatchLoop(const std::string& directory, std::unique_ptr<pl
           }
         break;
       case platform::WatchResult::kOverflow:
+        ++context_.activity.overflows;
         ERRORLOG_FAILURE("\t\tChanges in '%s' came faster than they could be told: reading the log again.\n",
                          directory.c_str());
         StartParser();
@@ -291,9 +324,8 @@ void ErrorlogMonitor::StartParser() {
   });
 }
 
-int ErrorlogReportSample(framework::tavra& object) {
-  ErrorEventQueue& queue = TheErrorEventQueue();
-  if (TheErrorlogMonitor().RequestCount() == 0) {
+int ErrorlogReportSample(framework::tavra& object, ErrorEventQueue& queue, bool listened) {
+  if (!listened) {
     // The queue is filled afresh, so no error is answered twice.
     queue.Clear();
     kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
@@ -314,26 +346,6 @@ int ErrorlogReportSample(framework::tavra& object) {
     object.AddRows(row.data(), 1);
   }
   return 0;
-}
-
-std::vector<framework::CounterFamily> ErrorlogCounters() {
-  framework::CounterFamily family{"kzq_errorlog_errors_total",
-                                  "Errors the errorlog monitor read, by severity, whether or not anyone listened.",
-                                  {}};
-  for (const auto& [severity, count] : TheErrorlogMonitor().ErrorsBySeverity())
-    family.samples.push_back({{{"severity", std::to_string(severity)}}, count});
-  return {family};
-}
-
-ErrorlogMonitor& TheErrorlogMonitor() {
-  // Never destroyed: its thread lives as long as the process.
-  static auto* monitor = new ErrorlogMonitor(
-      [](const std::string& row, const std::string& event_id) {
-        if (kzqerror_manager() != nullptr) PushRowsToAll(*kzqerror_manager(), row.data(), 1, event_id);
-      },
-      platform::NowUnixSeconds,
-      [] { framework::WaitUntilEventsWritten(kzqerror_spec.key, kConsumerStall); });
-  return *monitor;
 }
 
 }  // namespace kzq

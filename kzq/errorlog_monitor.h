@@ -15,38 +15,52 @@
 #include <utility>
 #include <vector>
 
-#include "framework/serve/metrics_text.h"
+#include "framework/serve/agent_description.h"
 #include "framework/tavra.h"
-#include "platform/dir_watch.h"
 #include "kzq/errorlog_parser.h"
 #include "kzq/errorlog_scan.h"
+#include "kzq/row_source.h"
+#include "platform/dir_watch.h"
 
 namespace kzq {
 
-class ErrorlogMonitor {
+class ErrorEventQueue;
+
+// Where the monitor hands each new kzqerror row. Called on the monitor's
+// parser thread, one row at a time.
+class ErrorEventSink {
  public:
-  // `emit_row` takes each new kzqerror row as it is found, with its event
-  // id: the resume point just after it, "<date> <time> <offset, 12
-  // digits>", which grows with every later error; `await_delivery` (may be
-  // null) waits until the rows emitted so far reached their consumers,
-  // before the resume point passes them.
-  using EmitRow = void (*)(const std::string& row, const std::string& event_id);
-  using AwaitDelivery = void (*)();
-  ErrorlogMonitor(EmitRow emit_row, Clock now, AwaitDelivery await_delivery = nullptr);
-  ~ErrorlogMonitor();  // stops the thread
+  virtual ~ErrorEventSink() = default;
+  // `event_id` is the resume point just after the row, "<date> <time>
+  // <offset, 12 digits>", which grows with every later error.
+  virtual void Emit(const std::string& row, const std::string& event_id) = 0;
+  // Waits until the rows emitted so far reached their consumers, before
+  // the resume point passes them; by default nothing to wait for.
+  virtual void AwaitDelivery() {}
+};
+
+// RequestStarted and RequestEnded come from the threads that open and
+// close event requests, several at once; RequestCount, Watching and
+// Counters from any thread. The sink and the queue must outlive it.
+class ErrorlogMonitor final : public EventRequestListener {
+ public:
+  ErrorlogMonitor(ErrorEventSink& sink, ErrorEventQueue& queue, Clock now);
+  ~ErrorlogMonitor() override;  // stops the threads
 
   // An event request opened: the thread starts, or resumes where it parked.
-  void RequestStarted();
+  void RequestStarted() override;
   // An event request closed: with the last one the thread parks at its next
   // wait and the queue is emptied.
-  void RequestEnded();
+  void RequestEnded() override;
   int RequestCount() const { return requests_; }
   // The start-up scan and the resume point are done and changes are being
   // watched.
   bool Watching() const { return watching_; }
-  // Errors read so far, by severity, whether or not anyone listened: every
-  // severity from the minimum up, and any other seen. Any thread.
-  std::vector<std::pair<int, uint64_t>> ErrorsBySeverity() const;
+  // /metrics' families: errors read by severity, whether or not anyone
+  // listened (every severity from the minimum up, and any other seen),
+  // reads, cycles, truncations, watch overflows and failed resume point
+  // writes.
+  std::vector<framework::CounterFamily> Counters() const;
 
  private:
   void Run();
@@ -57,8 +71,10 @@ class ErrorlogMonitor {
   bool WaitWhileParked();
   void StartParser();
   void Emit(const std::string& event);
+  framework::CounterFamily ErrorsBySeverity() const;
 
-  const EmitRow emit_row_;
+  ErrorEventSink& sink_;
+  ErrorEventQueue& queue_;
   const Clock now_;
   ErrorlogSettings settings_;
   std::string configured_log_;  // COLL_ERRORLOG as given
@@ -79,14 +95,9 @@ class ErrorlogMonitor {
   bool stopping_ = false;
 };
 
-// The agent's monitor, made on first use, feeding kzqerror's listeners.
-ErrorlogMonitor& TheErrorlogMonitor();
-
-// /metrics' kzq_errorlog_errors_total of the agent's monitor.
-std::vector<framework::CounterFamily> ErrorlogCounters();
-
-// kzqerror's report sample: with no event request open, the newest errors
-// of the log are scanned afresh; the queue's events become the rows.
-int ErrorlogReportSample(framework::tavra& object);
+// kzqerror's report sample: with no event request open (`listened`
+// false), the newest errors of the log are scanned afresh into the queue;
+// the queue's events become the rows. Any sampling thread.
+int ErrorlogReportSample(framework::tavra& object, ErrorEventQueue& queue, bool listened);
 
 }  // namespace kzq

@@ -50,6 +50,7 @@ void SaveResumePoint(ResumePointWriter& writer, ErrorlogContext& context) {
   if (context.state_file.empty() || context.resume.offset < 0) return;
   const bool saved = writer.Save(context.resume);
   const int error = errno;
+  if (!saved) ++context.activity.failed_state_writes;
   if (saved != context.state_unwritable) return;
   context.state_unwritable = !saved;
   if (saved)
@@ -157,6 +158,7 @@ void ReadWholeGeneration(ErrorlogContext& context, const std::string& path, cons
 // read on from the offset, then every newer generation whole. The new log
 // is then read from its start.
 void FinishOlderGenerations(ErrorlogContext& context, int generation, const EmitEvent& emit, Clock now, int* count) {
+  context.activity.cycles += static_cast<uint64_t>(generation);
   const std::string path = GenerationPath(context.log_path, generation);
   ERRORLOG_FLOW("\t\tErrorlog was cycled: reading '%s' on from Offset:%ld.\n", path.c_str(), context.offset.load());
   if (FILE* previous = fopen(path.c_str(), "rb")) {
@@ -174,6 +176,7 @@ void FinishOlderGenerations(ErrorlogContext& context, int generation, const Emit
 
 // One pass over what is new, wherever the server has put it.
 void ReadPass(ErrorlogContext& context, const EmitEvent& emit, Clock now, int* count) {
+  ++context.activity.reads;
   FILE* file = fopen(context.log_path.c_str(), "rb");
   int generation = 0;
   switch (FindUnreadText(context, file, &generation)) {
@@ -186,6 +189,7 @@ void ReadPass(ErrorlogContext& context, const EmitEvent& emit, Clock now, int* c
       ERRORLOG_FAILURE("\t\tERRORLOG FILE '%s' no longer holds what was read up to Offset:%ld (truncated or "
                        "replaced): reading it from its start.\n",
                        context.log_path.c_str(), context.offset.load());
+      ++context.activity.truncations;
       StartOver(context);
       break;
     case UnreadText::kNoLog:

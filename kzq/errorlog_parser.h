@@ -12,6 +12,16 @@
 
 namespace kzq {
 
+// What the monitor has met, for /metrics: written by the monitor's and
+// the parser's threads, read by any.
+struct ErrorlogActivity {
+  std::atomic<uint64_t> reads{0};        // passes over the log's new text
+  std::atomic<uint64_t> cycles{0};       // generations the server cycled away while they were being read
+  std::atomic<uint64_t> truncations{0};  // the log no longer held what was read: read again from its start
+  std::atomic<uint64_t> overflows{0};    // the directory's changes came faster than the system keeps them
+  std::atomic<uint64_t> failed_state_writes{0};  // the resume point could not be saved
+};
+
 // What the monitor lends each parser run.
 struct ErrorlogContext {
   std::atomic<long> offset{0};  // where the next read starts; 0: after the header block
@@ -34,6 +44,7 @@ struct ErrorlogContext {
   // of what was delivered. Empty: nothing to wait for.
   std::function<void()> await_delivery;
   std::atomic<bool> roll_over{false};     // stop reading: the log is being cycled
+  ErrorlogActivity activity;
 };
 
 using EmitEvent = std::function<void(const std::string& event)>;

@@ -40,10 +40,4 @@ int ErrorEventQueue::Size() const {
   return static_cast<int>(events_.size());
 }
 
-ErrorEventQueue& TheErrorEventQueue() {
-  // Never destroyed: the monitor thread may still append at process exit.
-  static auto* queue = new ErrorEventQueue;
-  return *queue;
-}
-
 }  // namespace kzq

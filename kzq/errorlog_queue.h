@@ -1,6 +1,7 @@
 // The error events waiting for the kzqerror table's report sample, oldest
-// first. Shared by the errorlog monitor, its parser and the sampling
-// thread, so every operation takes the queue's lock.
+// first. The agent's data paths own one; the errorlog monitor's thread,
+// its parser thread and the sampling threads share it, so any thread may
+// call it and every operation takes the queue's lock.
 #pragma once
 
 #include <deque>
@@ -30,8 +31,5 @@ class ErrorEventQueue {
   mutable std::mutex lock_;
   std::deque<std::string> events_;
 };
-
-// The process's one queue.
-ErrorEventQueue& TheErrorEventQueue();
 
 }  // namespace kzq

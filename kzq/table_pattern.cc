@@ -1,24 +1,8 @@
 #include "kzq/table_pattern.h"
 
-#include <atomic>
 #include <cstring>
 
 namespace kzq {
-namespace {
-
-std::atomic<SampleFunction> g_sample_function{nullptr};
-std::atomic<void (*)()> g_pushed_started{nullptr};
-std::atomic<void (*)()> g_pushed_ended{nullptr};
-
-}  // namespace
-
-void SetSampleFunction(SampleFunction function) { g_sample_function.store(function); }
-SampleFunction CurrentSampleFunction() { return g_sample_function.load(); }
-void SetPushedTableHooks(PushedTableHooks hooks) {
-  g_pushed_started.store(hooks.started);
-  g_pushed_ended.store(hooks.ended);
-}
-PushedTableHooks CurrentPushedTableHooks() { return {g_pushed_started.load(), g_pushed_ended.load()}; }
 
 int DumpRows(framework::tavra& object, const TableSpec& spec, unsigned samples, unsigned inserts) {
   TRC1_Printf("kzq_%s_base @%p <%u,%u>\n", spec.name, static_cast<void*>(&object), samples, inserts);

@@ -12,23 +12,9 @@
 #include "framework/tavra.h"
 #include "framework/trace.h"
 #include "kzq/catalogue.h"
+#include "kzq/row_source.h"
 
 namespace kzq {
-
-// How an agent object fills itself in TakeSample. Installed once by the
-// sampling code; without one a sample has no rows.
-using SampleFunction = int (*)(framework::tavra& object, const TableSpec& spec);
-void SetSampleFunction(SampleFunction function);
-SampleFunction CurrentSampleFunction();
-
-// The producer behind the pushed table: told when an event request opens
-// and when one closes, so it runs only while someone listens.
-struct PushedTableHooks {
-  void (*started)() = nullptr;
-  void (*ended)() = nullptr;
-};
-void SetPushedTableHooks(PushedTableHooks hooks);
-PushedTableHooks CurrentPushedTableHooks();
 
 // The behaviour that depends only on the layout; shared by all tables.
 int DumpRows(framework::tavra& object, const TableSpec& spec, unsigned samples, unsigned inserts);
@@ -79,6 +65,26 @@ class TableBase : public framework::tavra {
   }
 };
 
+// A table's manager holds where its rows come from, given when it is made,
+// and tells the producer of a pushed table when its listeners come and go.
+// Made once and kept for the process; any thread.
+class SourcedTableManager : public framework::TableManager {
+ public:
+  SourcedTableManager(const char* table, RowSource& source, EventRequestListener* listener)
+      : TableManager("KZQ", table), source_(source), listener_(listener) {}
+  RowSource& Source() const { return source_; }
+  void EventRequestStarted(framework::tavra*) override {
+    if (listener_ != nullptr) listener_->RequestStarted();
+  }
+  void EventRequestEnded(framework::tavra*) override {
+    if (listener_ != nullptr) listener_->RequestEnded();
+  }
+
+ private:
+  RowSource& source_;
+  EventRequestListener* const listener_;
+};
+
 template <typename Base>
 class TableAgent : public Base {
  public:
@@ -87,9 +93,10 @@ class TableAgent : public Base {
       : Base(detail, context, manager) {
     TRC1_Event(Base::Table().key, this, "agent created");
   }
+  // An object made without its manager's source has no rows.
   int TakeSample() override {
-    const SampleFunction sample = CurrentSampleFunction();
-    return sample != nullptr ? sample(*this, Base::Table()) : 0;
+    auto* manager = dynamic_cast<SourcedTableManager*>(Base::Manager());
+    return manager != nullptr ? manager->Source().Sample(*this, Base::Table()) : 0;
   }
 };
 
@@ -100,17 +107,10 @@ int PushRowsToAll(framework::TableManager& manager, const void* rows, int32_t co
                   const std::string& event_id = {});
 
 template <typename Agent>
-class TableManagerOf : public framework::TableManager {
+class TableManagerOf : public SourcedTableManager {
  public:
-  TableManagerOf() : TableManager("KZQ", Agent::Table().key) {}
-  void EventRequestStarted(framework::tavra*) override {
-    const PushedTableHooks hooks = CurrentPushedTableHooks();
-    if (Agent::Table().form == SampleForm::kPushed && hooks.started != nullptr) hooks.started();
-  }
-  void EventRequestEnded(framework::tavra*) override {
-    const PushedTableHooks hooks = CurrentPushedTableHooks();
-    if (Agent::Table().form == SampleForm::kPushed && hooks.ended != nullptr) hooks.ended();
-  }
+  explicit TableManagerOf(RowSource& source, EventRequestListener* listener = nullptr)
+      : SourcedTableManager(Agent::Table().key, source, listener) {}
   framework::tavra* CreateObject(const framework::RequestDetail* detail,
                                  const framework::ContextInfo* context) override {
     return new (std::nothrow) Agent(detail, context, this);

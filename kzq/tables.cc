@@ -6,8 +6,8 @@ namespace {
 // A manager the framework refuses (its key is taken) is not kept, so the
 // table's global always names the registered one.
 template <typename Manager>
-uint32_t InitTable(Manager*& global) {
-  auto* manager = new (std::nothrow) Manager();
+uint32_t InitTable(Manager*& global, RowSource& source, EventRequestListener* listener) {
+  auto* manager = new (std::nothrow) Manager(source, listener);
   if (manager == nullptr) return kErrNoManager;
   const uint32_t result = framework::TableManager::RegisterWithManager(manager);
   if (result != 0) {
@@ -24,7 +24,9 @@ uint32_t InitTable(Manager*& global) {
   namespace {                                                      \
   kzq_##t##_manager* t##_global = nullptr;                         \
   }                                                                \
-  uint32_t t##_init() { return InitTable(t##_global); }            \
+  uint32_t t##_init(RowSource& source, EventRequestListener* listener) { \
+    return InitTable(t##_global, source, listener);                \
+  }                                                                \
   kzq_##t##_manager* t##_manager() { return t##_global; }          \
   int t##_push(const void* rows, int32_t count) {                  \
     return t##_global == nullptr ? 0 : PushRowsToAll(*t##_global, rows, count); \

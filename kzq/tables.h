@@ -1,5 +1,5 @@
 // The classes, initialisers and pushes of all 33 tables, made from the
-// catalogue: kzq_<t>_base, kzq_<t>_agent, kzq_<t>_manager, <t>_init()
+// catalogue: kzq_<t>_base, kzq_<t>_agent, kzq_<t>_manager, <t>_init(source)
 // and <t>_push(rows, count).
 #pragma once
 
@@ -16,10 +16,15 @@ namespace kzq {
    public:                                                                 \
     using TableAgent::TableAgent;                                          \
   };                                                                       \
-  class kzq_##t##_manager : public TableManagerOf<kzq_##t##_agent> {};     \
-  /* Creates and registers the manager: 0, kErrNoManager or the           \
-     framework's registration error. */                                   \
-  uint32_t t##_init();                                                     \
+  class kzq_##t##_manager : public TableManagerOf<kzq_##t##_agent> {      \
+   public:                                                                 \
+    using TableManagerOf::TableManagerOf;                                  \
+  };                                                                       \
+  /* Creates and registers the manager, which samples from `source` and   \
+     tells `listener` (may be null) of its event requests; both must live \
+     as long as the process. 0, kErrNoManager or the framework's          \
+     registration error. */                                               \
+  uint32_t t##_init(RowSource& source, EventRequestListener* listener = nullptr); \
   /* The table's manager once its initialiser has run, else null. */     \
   kzq_##t##_manager* t##_manager();                                        \
   /* Pushes rows of this table's layout to every open object; 0 when the  \

@@ -311,10 +311,4 @@ int TakeCollectorSample(kvc::CollectorChannel& channel, tavra& object, const Tab
   return 0;
 }
 
-void InstallCollectorSampling() {
-  SetSampleFunction([](tavra& object, const TableSpec& spec) {
-    return spec.form == SampleForm::kPushed ? 0 : TakeCollectorSample(kvc::SharedChannel(), object, spec);
-  });
-}
-
 }  // namespace kzq

@@ -13,7 +13,4 @@ namespace kzq {
 // exchange is reported in the log and, for a server table, in its row.
 int TakeCollectorSample(kvc::CollectorChannel& channel, framework::tavra& object, const TableSpec& spec);
 
-// Makes every table's TakeSample use the collector.
-void InstallCollectorSampling();
-
 }  // namespace kzq

@@ -1,53 +1,41 @@
 #include "framework/serve/agent_description.h"
 
-#include <mutex>
 #include <strings.h>
 
 namespace framework {
 namespace {
 
-struct Description {
-  std::mutex lock;
-  nlohmann::ordered_json catalogue = nlohmann::ordered_json::array();
-  ServiceProbe probe;
-};
-
-Description& TheDescription() {
-  static Description* description = new Description;  // read by threads until exit
-  return *description;
+bool SameName(const std::string& known, std::string_view name) {
+  return known.size() == name.size() && strncasecmp(known.c_str(), name.data(), name.size()) == 0;
 }
 
 }  // namespace
 
-void PublishCatalogue(nlohmann::ordered_json catalogue) {
-  std::lock_guard<std::mutex> guard(TheDescription().lock);
-  TheDescription().catalogue = std::move(catalogue);
+const AttributeDescription* TableDescription::Attribute(std::string_view name) const {
+  for (const AttributeDescription& a : attributes)
+    if (SameName(a.name, name)) return &a;
+  return nullptr;
 }
 
-const nlohmann::ordered_json& PublishedCatalogue() { return TheDescription().catalogue; }
-
-std::vector<std::string> IdentifyingAttributes(const std::string& table) {
+std::vector<std::string> TableDescription::IdentifyingAttributes() const {
   std::vector<std::string> names;
-  for (const auto& entry : PublishedCatalogue()) {
-    if (strcasecmp(entry.value("name", "").c_str(), table.c_str()) != 0) continue;
-    for (const auto& attribute : entry["attributes"])
-      if (attribute.value("identifies", false)) names.push_back(attribute.value("name", ""));
-  }
+  for (const AttributeDescription& a : attributes)
+    if (a.identifies) names.push_back(a.name);
   return names;
 }
 
-void PublishServiceProbe(ServiceProbe probe) {
-  std::lock_guard<std::mutex> guard(TheDescription().lock);
-  TheDescription().probe = std::move(probe);
+const TableDescription* AgentDescription::Find(std::string_view table) const {
+  for (const TableDescription& t : tables)
+    if (SameName(t.name, table) || SameName(t.key, table)) return &t;
+  return nullptr;
 }
 
-std::vector<ServiceState> ProbeServices() {
-  ServiceProbe probe;
-  {
-    std::lock_guard<std::mutex> guard(TheDescription().lock);
-    probe = TheDescription().probe;
-  }
+std::vector<ServiceState> AgentDescription::ProbeServices() const {
   return probe ? probe() : std::vector<ServiceState>{};
+}
+
+std::vector<CounterFamily> AgentDescription::Counters() const {
+  return counters ? counters() : std::vector<CounterFamily>{};
 }
 
 }  // namespace framework

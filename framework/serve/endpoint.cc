@@ -8,7 +8,7 @@
 #include "framework/action_log.h"
 #include "framework/agent.h"
 #include "framework/request.h"
-#include "framework/serve/agent_description.h"
+#include "framework/serve/catalogue_json.h"
 #include "framework/serve/event_stream.h"
 #include "framework/serve/metrics_text.h"
 #include "framework/serve/row_json.h"
@@ -23,6 +23,8 @@ namespace framework {
 struct HttpEndpoint::Impl {
   HttpSettings settings;
   const SampleCache* cache = nullptr;
+  std::shared_ptr<const AgentDescription> description;
+  std::string catalogue;  // GET /tables, made once
   httplib::Server server;
   std::thread listener;
   int port = 0;
@@ -66,13 +68,7 @@ bool Authorised(const std::string& token, const httplib::Request& req) {
          SameSecret(req.get_param_value("access_token"), token);
 }
 
-const Json* CatalogueEntry(const std::string& table) {
-  for (const auto& entry : PublishedCatalogue())
-    if (UpperName(entry.value("name", "").c_str()) == UpperName(table.c_str())) return &entry;
-  return nullptr;
-}
-
-MetricsContext CurrentContext() {
+MetricsContext CurrentContext(const AgentDescription& description) {
   const AgentIdentity identity = Identity();
   std::string host = identity.host;
   if (host.empty()) {
@@ -85,17 +81,23 @@ MetricsContext CurrentContext() {
   context.host = host;
   context.now = platform::NowUnixSeconds();
   context.events_emitted = EventsEmitted();
-  if (ApplicationCounters counters = RegisteredApplicationCounters()) context.application_counters = counters();
+  context.application_counters = description.Counters();
   return context;
 }
 
-void ServeSample(const httplib::Request& req, httplib::Response& res) {
+// A table the framework can sample and the agent has described, or null.
+const TableDescription* KnownTable(const HttpEndpoint::Impl& impl, const std::string& table) {
+  return TableManager::Find(table) != nullptr ? impl.description->Find(table) : nullptr;
+}
+
+void ServeSample(const HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
   const std::string table = req.matches[1];
-  if (TableManager::Find(table) == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+  const TableDescription* described = KnownTable(impl, table);
+  if (described == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
   std::optional<SituationFilter> filter;
   if (req.has_param("filter")) {
     std::string error;
-    filter = ParseTableFilter(table, req.get_param_value("filter"), &error);
+    filter = ParseTableFilter(*described, req.get_param_value("filter"), &error);
     if (!filter) return Refuse(res, 400, "bad filter: " + error);
   }
   CapturedSample sample;
@@ -115,11 +117,12 @@ void ServeSample(const httplib::Request& req, httplib::Response& res) {
   Answer(res, failed ? 503 : 200, body);
 }
 
-Json StatusJson(const SampleCache& cache, int event_consumers) {
-  const MetricsContext context = CurrentContext();
+Json StatusJson(const HttpEndpoint::Impl& impl) {
+  const MetricsContext context = CurrentContext(*impl.description);
   Json services = Json::array();
-  for (const ServiceState& s : ProbeServices()) services.push_back({{"role", s.role}, {"name", s.name}, {"up", s.up}});
-  const auto snapshot = cache.Snapshot();
+  for (const ServiceState& s : impl.description->ProbeServices())
+    services.push_back({{"role", s.role}, {"name", s.name}, {"up", s.up}});
+  const auto snapshot = impl.cache->Snapshot();
   Json tables = Json::array();
   Json recent = Json::array();
   for (TableManager* manager : TableManager::Registered()) {
@@ -135,22 +138,22 @@ Json StatusJson(const SampleCache& cache, int event_consumers) {
       entry["samples"] = it->second.samples;
       entry["errors"] = it->second.failures;
       if (!it->second.last->failure.empty()) entry["failure"] = it->second.last->failure;
-      const Json* catalogue = CatalogueEntry(manager->Table());
-      if (catalogue != nullptr && catalogue->value("sampling", "") == "pushed")
+      const TableDescription* described = impl.description->Find(manager->Table());
+      if (described != nullptr && described->sampling == SamplingForm::kPushed)
         for (int i = 0; i < last.count; ++i) recent.push_back(RowJson(last, i));
     }
     tables.push_back(entry);
   }
   return {{"server_id", context.server_id}, {"host", context.host},      {"services", services},
           {"tables", tables},               {"recent_errors", recent}, {"events_emitted", context.events_emitted},
-          {"event_consumers", event_consumers}};
+          {"event_consumers", impl.event_consumers.load()}};
 }
 
 void ServeEvents(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
   const std::string table = req.matches[1];
-  const Json* entry = CatalogueEntry(table);
-  if (entry == nullptr || TableManager::Find(table) == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
-  if (entry->value("sampling", "") != "pushed")
+  const TableDescription* described = KnownTable(impl, table);
+  if (described == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+  if (described->sampling != SamplingForm::kPushed)
     return Refuse(res, 404, "table '" + table + "' has no events: it is sampled, read /tables/" + table);
   if (++impl.event_consumers > kMaxEventConsumers) {
     --impl.event_consumers;
@@ -231,14 +234,18 @@ void Route(HttpEndpoint::Impl& impl) {
     res.set_content(StatusPageHtml(), "text/html; charset=utf-8");
   });
   s.Get("/status", [&impl](const httplib::Request&, httplib::Response& res) {
-    Answer(res, 200, StatusJson(*impl.cache, impl.event_consumers));
+    Answer(res, 200, StatusJson(impl));
   });
-  s.Get("/tables", [](const httplib::Request&, httplib::Response& res) { Answer(res, 200, PublishedCatalogue()); });
-  s.Get(R"(/tables/([A-Za-z0-9]+))", ServeSample);
+  s.Get("/tables", [&impl](const httplib::Request&, httplib::Response& res) {
+    res.set_content(impl.catalogue, "application/json");
+  });
+  s.Get(R"(/tables/([A-Za-z0-9]+))",
+        [&impl](const httplib::Request& req, httplib::Response& res) { ServeSample(impl, req, res); });
   s.Get("/metrics", [&impl](const httplib::Request&, httplib::Response& res) {
-    MetricsContext context = CurrentContext();
+    MetricsContext context = CurrentContext(*impl.description);
     context.stale_after = 2 * static_cast<int64_t>(impl.settings.sample_interval);
-    res.set_content(MetricsText(impl.cache->Snapshot(), ProbeServices(), context),
+    res.set_content(MetricsText(impl.cache->Snapshot(), impl.description->tables, impl.description->ProbeServices(),
+                                context),
                     "text/plain; version=0.0.4; charset=utf-8");
   });
   s.Get(R"(/events/([A-Za-z0-9]+))",
@@ -256,10 +263,13 @@ HttpEndpoint::HttpEndpoint(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) 
 HttpEndpoint::~HttpEndpoint() { Stop(); }
 
 std::unique_ptr<HttpEndpoint> HttpEndpoint::Start(const HttpSettings& settings, const SampleCache* cache,
+                                                  std::shared_ptr<const AgentDescription> description,
                                                   std::string* error) {
   auto impl = std::make_unique<Impl>();
   impl->settings = settings;
   impl->cache = cache;
+  impl->description = std::move(description);
+  impl->catalogue = WireText(CatalogueJson(impl->description->tables));
   Route(*impl);
   // One agent per address: the library's default lets a second listener
   // share the port and take half of its requests.

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "framework/serve/agent_description.h"
 #include "framework/serve/http_settings.h"
 #include "framework/serve/sample_cache.h"
 
@@ -18,10 +19,11 @@ inline constexpr size_t kMaxRequestBody = 64 * 1024;
 
 class HttpEndpoint {
  public:
-  // Binds and starts serving on threads of its own; null with *error set
-  // when the address cannot be bound.
+  // Binds and starts serving on threads of its own, answering from the
+  // cache and the agent's description; null with *error set when the
+  // address cannot be bound.
   static std::unique_ptr<HttpEndpoint> Start(const HttpSettings& settings, const SampleCache* cache,
-                                             std::string* error);
+                                             std::shared_ptr<const AgentDescription> description, std::string* error);
   ~HttpEndpoint();
 
   int Port() const;

@@ -49,8 +49,8 @@ std::string KeyText(const AttributeDescriptor& attribute, const unsigned char* r
 
 // The labels of each row: the identifying attributes, and the row's position
 // when they do not tell the rows apart.
-std::vector<std::vector<Label>> RowLabels(const CapturedSample& sample, const std::vector<Label>& base) {
-  const std::vector<std::string> keys = IdentifyingAttributes(sample.table);
+std::vector<std::vector<Label>> RowLabels(const CapturedSample& sample, const std::vector<std::string>& keys,
+                                          const std::vector<Label>& base) {
   std::vector<std::vector<Label>> rows;
   std::set<std::string> seen;
   bool unique = true;
@@ -67,8 +67,9 @@ std::vector<std::vector<Label>> RowLabels(const CapturedSample& sample, const st
   return rows;
 }
 
-void TableSeries(std::string* out, const CapturedSample& sample, const std::vector<Label>& base) {
-  const std::vector<std::vector<Label>> labels = RowLabels(sample, base);
+void TableSeries(std::string* out, const CapturedSample& sample, const std::vector<std::string>& keys,
+                 const std::vector<Label>& base) {
+  const std::vector<std::vector<Label>> labels = RowLabels(sample, keys, base);
   const std::string table = LowerName(sample.table);
   for (const AttributeDescriptor& a : sample.attributes) {
     if (a.type == kTextType || IsBookkeeping(a.name) || a.offset + a.length > sample.row_size) continue;
@@ -146,6 +147,14 @@ size_t Utf8Sequence(const std::string& text, size_t i) {
   return length;
 }
 
+// The identifying attributes of a table (by key, any case); none for a
+// table the catalogue does not hold.
+std::vector<std::string> KeysOf(const std::vector<TableDescription>& catalogue, const std::string& table) {
+  for (const TableDescription& t : catalogue)
+    if (UpperName(t.key.c_str()) == UpperName(table.c_str())) return t.IdentifyingAttributes();
+  return {};
+}
+
 }  // namespace
 
 // Label values must be UTF-8: bytes that are not (a collector may send
@@ -173,14 +182,14 @@ std::string EscapeLabelValue(const std::string& value) {
   return escaped;
 }
 
-std::string MetricsText(const std::map<std::string, CachedTable>& tables, const std::vector<ServiceState>& services,
-                        const MetricsContext& context) {
+std::string MetricsText(const std::map<std::string, CachedTable>& tables, const std::vector<TableDescription>& catalogue,
+                        const std::vector<ServiceState>& services, const MetricsContext& context) {
   const std::vector<Label> base = {{"server_id", context.server_id}, {"host", context.host}};
   std::string out;
   HealthSeries(&out, tables, services, context, base);
   for (const auto& [key, table] : tables)
     if (table.last_good && context.now - table.last_good->taken_at <= context.stale_after)
-      TableSeries(&out, *table.last_good, base);
+      TableSeries(&out, *table.last_good, KeysOf(catalogue, key), base);
   return out;
 }
 

@@ -17,14 +17,6 @@
 
 namespace framework {
 
-// A counter family the application keeps (the agent's errorlog errors by
-// severity): each sample's labels follow the agent's own.
-struct CounterFamily {
-  std::string name;
-  std::string help;
-  std::vector<std::pair<std::vector<std::pair<std::string, std::string>>, uint64_t>> samples;
-};
-
 struct MetricsContext {
   std::string server_id;
   std::string host;
@@ -36,8 +28,9 @@ struct MetricsContext {
   std::vector<CounterFamily> application_counters;
 };
 
-std::string MetricsText(const std::map<std::string, CachedTable>& tables, const std::vector<ServiceState>& services,
-                        const MetricsContext& context);
+// `catalogue` tells which attributes of each table identify its rows.
+std::string MetricsText(const std::map<std::string, CachedTable>& tables, const std::vector<TableDescription>& catalogue,
+                        const std::vector<ServiceState>& services, const MetricsContext& context);
 
 // A label value with backslash, double quote and line feed escaped.
 std::string EscapeLabelValue(const std::string& value);

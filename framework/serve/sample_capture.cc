@@ -1,9 +1,6 @@
 #include "framework/serve/sample_capture.h"
 
-#include <strings.h>
-
 #include "framework/request.h"
-#include "framework/serve/agent_description.h"
 #include "framework/table_manager.h"
 #include "platform/clock.h"
 
@@ -29,19 +26,12 @@ int CapturingConsumer::Deliver(const tavra& table) {
   return 0;
 }
 
-std::optional<SituationFilter> ParseTableFilter(const std::string& table, const std::string& text,
+std::optional<SituationFilter> ParseTableFilter(const TableDescription& table, const std::string& text,
                                                 std::string* error) {
-  const nlohmann::ordered_json* attributes = nullptr;
-  for (const auto& entry : PublishedCatalogue())
-    if (strcasecmp(entry.value("name", "").c_str(), table.c_str()) == 0) attributes = &entry["attributes"];
-  const auto lookup = [attributes](std::string_view name) -> std::optional<AttributeKind> {
-    if (attributes == nullptr) return std::nullopt;
-    for (const auto& a : *attributes) {
-      const std::string known = a.value("name", "");
-      if (known.size() == name.size() && strncasecmp(known.c_str(), name.data(), name.size()) == 0)
-        return a.value("type", 0) == kTextType ? AttributeKind::kText : AttributeKind::kInteger;
-    }
-    return std::nullopt;
+  const auto lookup = [&table](std::string_view name) -> std::optional<AttributeKind> {
+    const AttributeDescription* a = table.Attribute(name);
+    if (a == nullptr) return std::nullopt;
+    return a->type == kTextType ? AttributeKind::kText : AttributeKind::kInteger;
   };
   return SituationFilter::Parse(text, lookup, error);
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/serve/agent_description.h"
 #include "framework/situation.h"
 #include "framework/tavra.h"
 
@@ -40,9 +41,9 @@ class CapturingConsumer final : public RowConsumer {
 // Copies the layout and the buffered rows of a table object.
 void CaptureRows(const tavra& table, CapturedSample* sample);
 
-// Parses a filter against a published table's attributes; std::nullopt
-// with a reason when it does not parse.
-std::optional<SituationFilter> ParseTableFilter(const std::string& table, const std::string& text,
+// Parses a filter against the table's attributes; std::nullopt with a
+// reason when it does not parse.
+std::optional<SituationFilter> ParseTableFilter(const TableDescription& table, const std::string& text,
                                                 std::string* error);
 
 // Takes a fresh report sample of the table (any case) through its

@@ -10,6 +10,8 @@
 #include "framework/action_log.h"
 #include "framework/table_manager.h"
 #include "kvc/kvcact.h"
+#include "kvc/collector_channel.h"
+#include "kzq/agent_data_paths.h"
 #include "kzq/agent_loader.h"
 #include "tests/e2e/action_sandbox.h"
 
@@ -30,7 +32,9 @@ class ActionHandler : public testing::Test {
   void SetUp() override {
     kzq_test::TheActionSandbox();
     static std::once_flag registered;
-    std::call_once(registered, [] { kzq::RegisterAllTables(); });
+    // Registered tables live as long as the process, and so do their sources.
+    static auto* paths = new kzq::AgentDataPaths(kvc::SharedChannel());
+    std::call_once(registered, [] { kzq::RegisterAllTables(*paths); });
   }
 
   // Runs a command on a table object the way the endpoint does, and

@@ -17,6 +17,8 @@
 #include "framework/table_manager.h"
 #include "framework/trace.h"
 #include "kvc/kvcenv.h"
+#include "kvc/collector_channel.h"
+#include "kzq/agent_data_paths.h"
 #include "kzq/agent_loader.h"
 #include "kzq/catalogue.h"
 #include "kzq/error_event.h"
@@ -33,13 +35,15 @@
 namespace {
 
 // The rows the monitor emits, as a listener would see them.
-std::mutex g_rows_lock;
-std::vector<std::string> g_rows;
-
-void CollectRow(const std::string& row, const std::string&) {
-  std::lock_guard<std::mutex> guard(g_rows_lock);
-  g_rows.push_back(row);
-}
+class CollectingSink final : public kzq::ErrorEventSink {
+ public:
+  void Emit(const std::string& row, const std::string&) override {
+    std::lock_guard<std::mutex> guard(lock);
+    rows.push_back(row);
+  }
+  std::mutex lock;
+  std::vector<std::string> rows;
+};
 
 std::string Field(const std::string& row, const char* name) {
   const kzq::TableSpec& spec = kzq::kzqerror_spec;
@@ -47,6 +51,14 @@ std::string Field(const std::string& row, const char* name) {
   std::string text = row.substr(spec.offsets[i], spec.attributes[i].width);
   while (!text.empty() && text.back() == ' ') text.pop_back();
   return text;
+}
+
+// A counter of the monitor's that has no labels.
+uint64_t Counted(const kzq::ErrorlogMonitor& monitor, const std::string& family) {
+  for (const framework::CounterFamily& f : monitor.Counters())
+    if (f.name == family) return f.samples.at(0).second;
+  ADD_FAILURE() << "no counter " << family;
+  return 0;
 }
 
 int32_t IntField(const std::string& row, const char* name) {
@@ -77,15 +89,15 @@ class Errorlog : public testing::Test {
     platform::SetEnv("COLL_ALERT_SEV", "");
     platform::SetEnv("COLL_ERRORLOG_STARTUP_MAX_TIME", "");
     platform::SetEnv("COLL_ERRORLOG_STARTUP_MAX_EVENT_ROW", "");
-    kzq::TheErrorEventQueue().Clear();
-    std::lock_guard<std::mutex> guard(g_rows_lock);
-    g_rows.clear();
+    queue_.Clear();
+    std::lock_guard<std::mutex> guard(sink_.lock);
+    sink_.rows.clear();
   }
   // A monitor that has taken its resume point and watches the log, started
   // as a new agent is: with an empty queue.
   std::unique_ptr<kzq::ErrorlogMonitor> StartMonitor() {
-    kzq::TheErrorEventQueue().Clear();
-    auto monitor = std::make_unique<kzq::ErrorlogMonitor>(CollectRow, platform::NowUnixSeconds);
+    queue_.Clear();
+    auto monitor = std::make_unique<kzq::ErrorlogMonitor>(sink_, queue_, platform::NowUnixSeconds);
     monitor->RequestStarted();
     const uint64_t deadline = platform::MonotonicMillis() + 10000;
     while (!monitor->Watching() && platform::MonotonicMillis() < deadline) platform::SleepMillis(5);
@@ -99,26 +111,26 @@ class Errorlog : public testing::Test {
     fclose(trace_);
   }
   // The rows emitted so far, once `count` have come (or 10 s passed).
-  static std::vector<std::string> RowsWhen(size_t count) {
+  std::vector<std::string> RowsWhen(size_t count) {
     const uint64_t deadline = platform::MonotonicMillis() + 10000;
     for (;;) {
       {
-        std::lock_guard<std::mutex> guard(g_rows_lock);
-        if (g_rows.size() >= count || platform::MonotonicMillis() > deadline) return g_rows;
+        std::lock_guard<std::mutex> guard(sink_.lock);
+        if (sink_.rows.size() >= count || platform::MonotonicMillis() > deadline) return sink_.rows;
       }
       platform::SleepMillis(10);
     }
   }
   // The rows of the events the start-up scan queued for report samples.
-  static std::vector<std::string> QueuedRows() {
+  std::vector<std::string> QueuedRows() {
     std::vector<std::string> rows;
-    for (const std::string& event : kzq::TheErrorEventQueue().Snapshot())
+    for (const std::string& event : queue_.Snapshot())
       rows.push_back(kzq::BuildErrorRow(event, "", nullptr, nullptr, ""));
     return rows;
   }
   // The messages of those rows. A test ends with an error written last, so
   // that a row reported twice or invented would show before it.
-  static std::vector<std::string> TextsWhen(size_t count) {
+  std::vector<std::string> TextsWhen(size_t count) {
     std::vector<std::string> texts;
     for (const std::string& row : RowsWhen(count)) texts.push_back(Field(row, "UMSGTEXT"));
     return texts;
@@ -151,6 +163,8 @@ class Errorlog : public testing::Test {
   static inline kzq_test::TempDir* log_ = nullptr;
   static inline kzq_test::TempDir* home_ = nullptr;
   kzq_test::LogClock clock_;
+  CollectingSink sink_;
+  kzq::ErrorEventQueue queue_;
   kzq_test::TempDir trace_dir_;
   FILE* trace_ = nullptr;
 };
@@ -176,11 +190,11 @@ TEST_F(Errorlog, LiveErrorsAtOrAboveTheMinimumSeverityBecomeRows) {
   EXPECT_EQ(Field(rows[1], "ERRORID"), "0");
   EXPECT_EQ(Field(rows[2], "UMSGTEXT"), kzq_test::kGermanText);
   EXPECT_EQ(Field(rows[2], "MSGTIME"), Field(rows[0], "MSGTIME"));
-  EXPECT_EQ(kzq::TheErrorEventQueue().Size(), 3);
+  EXPECT_EQ(queue_.Size(), 3);
 
   // The last listener leaving parks the monitor and empties the queue.
   monitor->RequestEnded();
-  EXPECT_EQ(kzq::TheErrorEventQueue().Size(), 0);
+  EXPECT_EQ(queue_.Size(), 0);
 }
 
 TEST_F(Errorlog, AMinimumSeverityFromTheEnvironmentIsHonoured) {
@@ -222,6 +236,7 @@ TEST_F(Errorlog, ChangesBeyondWhatTheSystemKeepsDoNotStopTheWatch) {
   writer.Advance(1).Error("spid52", 824, 17, 2, "after the crowd");
   EXPECT_EQ(TextsWhen(2), (std::vector<std::string>{"amid the crowd", "after the crowd"}));
   EXPECT_GE(TracedLines("came faster than they could be told"), 1);
+  EXPECT_GE(Counted(*monitor, "kzq_errorlog_watch_overflows_total"), 1u);
 }
 #endif
 
@@ -374,6 +389,7 @@ TEST_F(Errorlog, ATruncatedOrRemovedLogIsReadFromItsNewStart) {
   writer.Error("spid52", 602, 19, 1, "after the truncation");
   ASSERT_EQ(RowsWhen(2).size(), 2u);
   EXPECT_GE(TracedLines("no longer holds what was read"), 1);
+  EXPECT_EQ(Counted(*monitor, "kzq_errorlog_truncations_total"), 1u);
 
   kzq_test::ErrorlogWriter::Remove(log_->File("ERRORLOG"));
   EXPECT_GE(TracedLines("cannot be opened"), 1);
@@ -401,6 +417,7 @@ TEST_F(Errorlog, EventsFlowWhileTheStateFileCannotBeWritten) {
     writer.Advance(1).Error("spid53", 603, 19, 1, "three");
     ASSERT_EQ(RowsWhen(3).size(), 3u);
     EXPECT_EQ(TracedLines("Resume point cannot be written to"), 1);
+    EXPECT_GE(Counted(*monitor, "kzq_errorlog_state_write_failures_total"), 2u);  // one per event at least
     std::filesystem::remove(state.parent_path());
     writer.Advance(1).Error("spid54", 604, 19, 1, "four");
     ASSERT_EQ(RowsWhen(4).size(), 4u);
@@ -461,7 +478,7 @@ TEST_F(Errorlog, AReportSampleAnswersTheNewestErrorsOnce) {
   framework::ContextInfo context;
   for (int sample = 0; sample < 2; ++sample) {
     kzq::kzq_kzqerror_agent object(&detail, &context, nullptr);
-    kzq::ErrorlogReportSample(object);
+    kzq::ErrorlogReportSample(object, queue_, false);
     ASSERT_EQ(object.NumDataItems(), 2) << "sample " << sample;
     const std::string first(reinterpret_cast<const char*>(object.Data()), object.RowSize());
     EXPECT_EQ(Field(first, "UMSGTEXT"), "one");
@@ -471,7 +488,7 @@ TEST_F(Errorlog, AReportSampleAnswersTheNewestErrorsOnce) {
   const int32_t configured = config.maxReadErrorLog;
   config.maxReadErrorLog = 2048;
   kzq::kzq_kzqerror_agent bounded(&detail, &context, nullptr);
-  kzq::ErrorlogReportSample(bounded);
+  kzq::ErrorlogReportSample(bounded, queue_, false);
   config.maxReadErrorLog = configured;
   EXPECT_EQ(bounded.NumDataItems(), 0);
 }
@@ -492,8 +509,10 @@ class Listener : public framework::RowConsumer {
 };
 
 TEST_F(Errorlog, AnEventRequestOnTheErrorTableReceivesEachErrorAtOnce) {
-  platform::SetEnv("KVCLOGDIR", home_->Path());
-  kzq::AgentLoader();
+  // Registered tables live as long as the process, and so do their sources.
+  static auto* paths = new kzq::AgentDataPaths(kvc::SharedChannel());
+  kzq::RegisterAllTables(*paths);
+  kzq::ErrorlogMonitor& monitor = paths->Monitor();
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
   Listener listener;
   framework::RequestDetail detail;
@@ -505,9 +524,9 @@ TEST_F(Errorlog, AnEventRequestOnTheErrorTableReceivesEachErrorAtOnce) {
   ASSERT_NE(manager, nullptr);
   framework::tavra* request = manager->OpenRequest(&detail, &context);
   ASSERT_NE(request, nullptr);
-  EXPECT_EQ(kzq::TheErrorlogMonitor().RequestCount(), 1);
+  EXPECT_EQ(monitor.RequestCount(), 1);
   const uint64_t deadline = platform::MonotonicMillis() + 10000;
-  while (!kzq::TheErrorlogMonitor().Watching() && platform::MonotonicMillis() < deadline) platform::SleepMillis(5);
+  while (!monitor.Watching() && platform::MonotonicMillis() < deadline) platform::SleepMillis(5);
   writer.Error("spid99", 9001, 21, 1, "The log for database 'sales' is not available.");
   size_t received = 0;
   while (received == 0 && platform::MonotonicMillis() < deadline) {
@@ -516,7 +535,7 @@ TEST_F(Errorlog, AnEventRequestOnTheErrorTableReceivesEachErrorAtOnce) {
     received = listener.rows.size();
   }
   manager->CloseRequest(request);
-  EXPECT_EQ(kzq::TheErrorlogMonitor().RequestCount(), 0);
+  EXPECT_EQ(monitor.RequestCount(), 0);
   std::lock_guard<std::mutex> guard(listener.lock);
   ASSERT_EQ(listener.rows.size(), 1u);
   EXPECT_EQ(Field(listener.rows[0], "ERRORID"), "9001");

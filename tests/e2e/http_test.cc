@@ -366,6 +366,24 @@ TEST_F(Http, TwoEventConsumersEachReceiveEveryErrorOnceAcrossALogCycle) {
                                    "SQL Server detected a logical consistency-based I/O error."});
   EXPECT_EQ(first.Messages(), expected);
   EXPECT_EQ(second.Messages(), expected);
+  // The monitor's and the channel's counters say what they went through:
+  // reads, the one cycle, no overflow or failed write; exchanges with the
+  // collector. (The resume point this test starts from names no line of
+  // the log, so the log was read from its start once.)
+  httplib::Client client(agent_.Url());
+  auto scrape = client.Get("/metrics");
+  ASSERT_TRUE(scrape);
+  const auto counted = [&scrape](const std::string& family, const std::string& value) {
+    return std::regex_search(scrape->body, std::regex("\n" + family + "\\{server_id=[^}]*\\} " + value + "\n"));
+  };
+  EXPECT_THAT(scrape->body, HasSubstr("# TYPE kzq_errorlog_reads_total counter\n"));
+  EXPECT_TRUE(counted("kzq_errorlog_reads_total", "[1-9][0-9]*")) << scrape->body;
+  EXPECT_TRUE(counted("kzq_errorlog_cycles_total", "1")) << scrape->body;
+  EXPECT_TRUE(counted("kzq_errorlog_truncations_total", "1")) << scrape->body;
+  for (const char* trouble : {"kzq_errorlog_watch_overflows_total", "kzq_errorlog_state_write_failures_total",
+                              "kzq_channel_refused_answers_total", "kzq_channel_header_repairs_total"})
+    EXPECT_TRUE(counted(trouble, "0")) << trouble;
+  EXPECT_TRUE(counted("kzq_channel_exchanges_total", "[1-9][0-9]*")) << scrape->body;
 }
 
 // Errors already in the log when the agent starts are not news: the

@@ -17,10 +17,11 @@
 #include "kvc/kvccomm2.h"
 #include "kvc/kvccomob.h"
 #include "kvc/kvcenv.h"
+#include "kvc/collector_channel.h"
+#include "kzq/agent_data_paths.h"
 #include "kzq/agent_loader.h"
 #include "kzq/catalogue.h"
 #include "kzq/sample_rows.h"
-#include "kzq/take_sample.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
@@ -102,9 +103,11 @@ ReplayRows MakeRows(const kzq::TableSpec& spec, int count) {
 
 class Sampling : public testing::Test {
  protected:
+  // The agent's own data paths, as its start makes them; registered tables
+  // live as long as the process, and so do their sources.
   static void SetUpTestSuite() {
-    kzq::RegisterAllTables();
-    kzq::InstallCollectorSampling();
+    static auto* paths = new kzq::AgentDataPaths(kvc::SharedChannel());
+    kzq::RegisterAllTables(*paths);
   }
   void SetUp() override {
     // One prefix for the process: the agent's configuration is read once.

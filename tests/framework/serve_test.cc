@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "framework/serve/agent_description.h"
@@ -99,11 +100,16 @@ TEST(RowJson, TrimsTextsKeepsNumbersAndNullsFieldsWithoutValue) {
 
 class Metrics : public testing::Test {
  protected:
-  void SetUp() override {
-    framework::PublishCatalogue(nlohmann::ordered_json::parse(R"([{"name":"kzqt","attributes":[
-        {"name":"dbname","type":9,"identifies":true},{"name":"owner","type":9,"identifies":false}]}])"));
+  // The identifying attributes of the small table.
+  static framework::TableDescription Described(const std::string& key, std::vector<std::string> identifying) {
+    framework::TableDescription table;
+    table.key = key;
+    for (const framework::AttributeDescriptor& a : MakeSample(key).attributes)
+      table.attributes.push_back({a.name, a.offset, a.length, a.type,
+                                  std::find(identifying.begin(), identifying.end(), a.name) != identifying.end()});
+    return table;
   }
-  void TearDown() override { framework::PublishCatalogue(nlohmann::ordered_json::array()); }
+  std::vector<framework::TableDescription> catalogue_ = {Described("KZQT", {"dbname"})};
 
   // The table's last good sample was taken at 1000.
   std::string Render(framework::CapturedSample s, int64_t now = 1012) {
@@ -113,7 +119,7 @@ class Metrics : public testing::Test {
     tables[s.table] = {sample, sample, 7, 2};
     const std::vector<framework::ServiceState> services = {{"collector", "KZQCOLL1", true},
                                                            {"sqlserver", "MSSQLSERVER", false}};
-    return framework::MetricsText(tables, services, {"SQL\"1", "db01", now, 5, 60, {}});
+    return framework::MetricsText(tables, catalogue_, services, {"SQL\"1", "db01", now, 5, 60, {}});
   }
 };
 
@@ -142,8 +148,7 @@ TEST_F(Metrics, IntegerAttributesBecomeGaugesLabelledByTheIdentifyingTextsOrTheP
 // Several tables are keyed by numbers (a session id, a lock resource type):
 // their labels are the numbers in decimal, never the field's raw bytes.
 TEST_F(Metrics, IntegerKeysAreLabelledInDecimal) {
-  framework::PublishCatalogue(nlohmann::ordered_json::parse(R"([{"name":"kzqk","attributes":[
-      {"name":"dbname","type":9,"identifies":true},{"name":"pages","type":13,"identifies":true}]}])"));
+  catalogue_ = {Described("KZQK", {"dbname", "pages"})};
   framework::CapturedSample s = MakeSample("KZQK");
   AddRow(&s, "master", "sa", 512, 12);
   AddRow(&s, "sales", "bob", 64, 2);
