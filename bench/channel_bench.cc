@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "kvc/kvccomob.h"
+#include "kvc/shared_memory_exchange.h"
 #include "platform/process.h"
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"

@@ -26,7 +26,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "kvc/kvccomob.h"
+#include "kvc/shared_memory_exchange.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/process.h"

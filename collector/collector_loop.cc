@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kvc/kvccomm.h"
-#include "kvc/kvcutil.h"
+#include "kvc/channel_entry.h"
+#include "kvc/diagnostic_log.h"
 #include "kzq/catalogue.h"
 #include "kzq/instance_names.h"
 #include "platform/file_system.h"

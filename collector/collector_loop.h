@@ -6,7 +6,7 @@
 #include <string>
 
 #include "collector/row_source.h"
-#include "kvc/kvccomm2.h"
+#include "kvc/channel_dispatch.h"
 
 namespace collector {
 

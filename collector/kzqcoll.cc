@@ -17,7 +17,7 @@
 
 #include "collector/collector_loop.h"
 #include "collector/replay_source.h"
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "kzq/instance_start.h"
 #include "kzq/service_control.h"
 #include "platform/semaphore.h"

@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "kvc/kvcstr.h"
+#include "kvc/string_time.h"
 
 namespace collector {
 namespace {

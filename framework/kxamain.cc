@@ -10,7 +10,7 @@
 #include "framework/serve/sample_cache.h"
 #include "framework/table_manager.h"
 #include "framework/trace.h"
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/semaphore.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "framework/trace_file.h"
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "kvc/repeated_lines.h"
 #include "platform/clock.h"
 #include "platform/environment.h"

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "kvc/kvcutil.h"  // KVC_PRINTF
+#include "kvc/diagnostic_log.h"  // KVC_PRINTF
 
 namespace framework {
 

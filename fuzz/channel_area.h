@@ -10,7 +10,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "kvc/kvccomob.h"
+#include "kvc/shared_memory_exchange.h"
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
 

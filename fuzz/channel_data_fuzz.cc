@@ -5,8 +5,8 @@
 #include <string>
 
 #include "fuzz/channel_area.h"
-#include "kvc/kvccomm2.h"
-#include "kvc/kvccomob.h"
+#include "kvc/channel_dispatch.h"
+#include "kvc/shared_memory_exchange.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static fuzz::PeerArea collector("KVCDataShm", "KVCDataSemFill", kvc::area::kDataSize);

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "fuzz/fuzz_input.h"
-#include "kvc/kvcenv.h"
-#include "kvc/kvcopts.h"
+#include "kvc/agent_config.h"
+#include "kvc/debug_switches.h"
 #include "kzq/option_words.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "kvc/kvcstr.h"
+#include "kvc/string_time.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);  // terminated, maybe with NULs inside

@@ -1,8 +1,8 @@
 #include "kvc/collector_channel.h"
 
-#include "kvc/kvccomm2.h"
-#include "kvc/kvccomob.h"
-#include "kvc/kvcutil.h"
+#include "kvc/channel_dispatch.h"
+#include "kvc/shared_memory_exchange.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/clock.h"
 
 namespace kvc {

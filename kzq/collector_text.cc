@@ -4,7 +4,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
 
 namespace kzq {

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "kvc/kvcenv.h"
+#include "kvc/agent_config.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
 #include "platform/process.h"

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "kvc/kvcstr.h"
+#include "kvc/string_time.h"
 #include "kzq/catalogue.h"
 #include "kzq/sample_rows.h"
 #include "platform/clock.h"

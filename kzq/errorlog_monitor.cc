@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "framework/agent.h"
-#include "kvc/kvcenv.h"
-#include "kvc/kvcstr.h"
+#include "kvc/agent_config.h"
+#include "kvc/string_time.h"
 #include "kzq/error_event.h"
 #include "kzq/errorlog_cycle.h"
 #include "kzq/errorlog_queue.h"

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "kvc/kvcenv.h"
+#include "kvc/agent_config.h"
 #include "kzq/errorlog_events.h"
 #include "kzq/errorlog_trace.h"
 #include "kzq/errorlog_state.h"

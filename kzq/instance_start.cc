@@ -3,7 +3,7 @@
 #include <cctype>
 #include <cstdio>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "kzq/command_line_presets.h"
 #include "kzq/instance_names.h"
 #include "kzq/registry_environment.h"

@@ -6,8 +6,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 
 namespace kzq {
 namespace {

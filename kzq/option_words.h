@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvcenv.h"
+#include "kvc/agent_config.h"
 
 namespace kzq {
 

@@ -6,9 +6,9 @@
 
 #include "framework/bsv1.h"
 #include "framework/trace.h"
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
-#include "registry/earegcls.h"
+#include "registry/registry_position.h"
 
 namespace kzq {
 namespace {

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/error.h"
 #include "platform/service_host.h"
 #include "platform/worker_thread.h"

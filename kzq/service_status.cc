@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
 #include "platform/service_probe.h"
 

@@ -14,7 +14,7 @@
 #include "framework/serve/row_json.h"
 #include "framework/serve/status_page.h"
 #include "framework/table_manager.h"
-#include "kvc/kvccomm.h"
+#include "kvc/channel_entry.h"
 #include "platform/clock.h"
 #include "platform/listen_socket.h"
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvctemp.h"
-#include "kvc/kvcuexe.h"
+#include "kvc/command_temp_files.h"
+#include "kvc/command_execution.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"

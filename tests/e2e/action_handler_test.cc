@@ -9,7 +9,7 @@
 
 #include "framework/action_log.h"
 #include "framework/table_manager.h"
-#include "kvc/kvcact.h"
+#include "kvc/take_action.h"
 #include "kvc/collector_channel.h"
 #include "kzq/agent_data_paths.h"
 #include "kzq/agent_loader.h"

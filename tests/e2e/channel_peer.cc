@@ -26,9 +26,9 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvccomm.h"
-#include "kvc/kvccomm2.h"
-#include "kvc/kvccomob.h"
+#include "kvc/channel_entry.h"
+#include "kvc/channel_dispatch.h"
+#include "kvc/shared_memory_exchange.h"
 #include "platform/clock.h"
 #include "platform/semaphore.h"
 #include "tests/e2e/channel_pattern.h"

@@ -11,9 +11,9 @@
 #include <signal.h>
 #endif
 
-#include "kvc/kvccomm.h"
-#include "kvc/kvccomm2.h"
-#include "kvc/kvccomob.h"
+#include "kvc/channel_entry.h"
+#include "kvc/channel_dispatch.h"
+#include "kvc/shared_memory_exchange.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"

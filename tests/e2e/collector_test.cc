@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
-#include "kvc/kvccomm.h"
-#include "kvc/kvccomm2.h"
-#include "kvc/kvccomob.h"
+#include "kvc/channel_entry.h"
+#include "kvc/channel_dispatch.h"
+#include "kvc/shared_memory_exchange.h"
 #include "kzq/catalogue.h"
 #include "platform/clock.h"
 #include "platform/environment.h"

@@ -16,7 +16,7 @@
 
 #include "framework/table_manager.h"
 #include "framework/trace.h"
-#include "kvc/kvcenv.h"
+#include "kvc/agent_config.h"
 #include "kvc/collector_channel.h"
 #include "kzq/agent_data_paths.h"
 #include "kzq/agent_loader.h"

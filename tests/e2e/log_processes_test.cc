@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"

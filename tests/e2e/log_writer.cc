@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"

@@ -4,7 +4,7 @@
 // with tracing on, go to standard output too.
 #include <cstdio>
 
-#include "kvc/kvcuexe.h"
+#include "kvc/command_execution.h"
 #include "platform/environment.h"
 
 int main(int argc, char** argv) {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "framework/situation.h"
-#include "kvc/kvcstr.h"
+#include "kvc/string_time.h"
 
 namespace {
 

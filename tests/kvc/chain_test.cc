@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "kvc/kvcgchn.h"
+#include "kvc/generic_chain.h"
 
 namespace {
 

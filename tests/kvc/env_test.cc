@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvcenv.h"
-#include "kvc/kvcopts.h"
+#include "kvc/agent_config.h"
+#include "kvc/debug_switches.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
 #include "tests/support/log_capture.h"

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcufil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/file_checks.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
 #include "tests/support/log_capture.h"

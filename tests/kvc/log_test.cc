@@ -4,8 +4,8 @@
 #include <sstream>
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/file_system.h"
 #include "platform/process.h"
 #include "tests/support/log_capture.h"

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "kvc/kvcutl2.h"
+#include "kvc/tracked_memory.h"
 #include "tests/support/log_capture.h"
 
 namespace {

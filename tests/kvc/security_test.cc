@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "kvc/kvcntsec.h"
+#include "kvc/ipc_security.h"
 #include "platform/security.h"
 #include "tests/support/log_capture.h"
 

@@ -5,8 +5,8 @@
 #include <ostream>
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcstr.h"
+#include "kvc/debug_switches.h"
+#include "kvc/string_time.h"
 #include "tests/support/log_capture.h"
 
 namespace {

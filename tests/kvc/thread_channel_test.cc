@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvccomob.h"
+#include "kvc/shared_memory_exchange.h"
 
 namespace {
 

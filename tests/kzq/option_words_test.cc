@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "kvc/kvcopts.h"
+#include "kvc/debug_switches.h"
 #include "kzq/option_words.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include "kzq/registry_environment.h"
 #include "platform/environment.h"
 #include "platform/process.h"
-#include "registry/earegcls.h"
+#include "registry/registry_position.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <string>
 
-#include "kvc/kvcopts.h"
+#include "kvc/debug_switches.h"
 #include "platform/process.h"
 #include "platform/service_probe.h"
 #include "tests/support/log_capture.h"

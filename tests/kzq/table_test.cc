@@ -8,7 +8,7 @@
 
 #include "framework/request.h"
 #include "framework/situation.h"
-#include "kvc/kvcstr.h"
+#include "kvc/string_time.h"
 #include "framework/serve/catalogue_json.h"
 #include "framework/serve/row_json.h"
 #include "kzq/table_descriptions.h"

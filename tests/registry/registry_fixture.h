@@ -13,7 +13,7 @@
 #include "platform/error.h"
 #include "platform/process.h"
 #include "platform/registry_store.h"
-#include "registry/earegcls.h"
+#include "registry/registry_position.h"
 #include "tests/support/temp_dir.h"
 
 namespace kzq_test {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,9 +1,9 @@
-#include "kvc/kvcntsec.h"
+#include "kvc/ipc_security.h"
 
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 
 namespace kvc {
 

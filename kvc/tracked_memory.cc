@@ -1,4 +1,4 @@
-#include "kvc/kvcutl2.h"
+#include "kvc/tracked_memory.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -6,8 +6,8 @@
 #include <new>
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
 
 namespace kvc {

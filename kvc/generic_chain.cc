@@ -1,10 +1,10 @@
-#include "kvc/kvcgchn.h"
+#include "kvc/generic_chain.h"
 
 #include <cctype>
 #include <cstdint>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 
 namespace kvc {
 namespace {

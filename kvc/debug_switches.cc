@@ -1,4 +1,4 @@
-#include "kvc/kvcopts.h"
+#include "kvc/debug_switches.h"
 
 #include <cctype>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "kvc/kvcact.h"
+#include "kvc/take_action.h"
 
 #include <cctype>
 #include <cstdio>
@@ -6,7 +6,7 @@
 #include "framework/action_log.h"
 #include "framework/tavra.h"
 #include "framework/trace.h"
-#include "kvc/kvcuexe.h"
+#include "kvc/command_execution.h"
 
 namespace kvc {
 namespace {

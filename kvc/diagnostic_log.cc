@@ -1,4 +1,4 @@
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 
 #include <cctype>
 #include <climits>
@@ -9,8 +9,8 @@
 #include <mutex>
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcstr.h"
+#include "kvc/debug_switches.h"
+#include "kvc/string_time.h"
 #include "kvc/repeated_lines.h"
 #include "platform/clock.h"
 #include "platform/environment.h"

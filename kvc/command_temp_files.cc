@@ -1,9 +1,9 @@
-#include "kvc/kvctemp.h"
+#include "kvc/command_temp_files.h"
 
 #include <cstdio>
 #include <cstdlib>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
 #include "platform/error.h"
 #include "platform/file_system.h"

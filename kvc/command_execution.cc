@@ -1,4 +1,4 @@
-#include "kvc/kvcuexe.h"
+#include "kvc/command_execution.h"
 
 #include <cctype>
 #include <cerrno>
@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "kvc/kvcenv.h"
-#include "kvc/kvcsqlib.h"
-#include "kvc/kvcstr.h"
-#include "kvc/kvctemp.h"
-#include "kvc/kvcutil.h"
-#include "kvc/kvcutl2.h"
+#include "kvc/agent_config.h"
+#include "kvc/sql_library_requests.h"
+#include "kvc/string_time.h"
+#include "kvc/command_temp_files.h"
+#include "kvc/diagnostic_log.h"
+#include "kvc/tracked_memory.h"
 #include "platform/clock.h"
 #include "platform/command_shell.h"
 #include "platform/environment.h"

@@ -1,14 +1,14 @@
-#include "kvc/kvccomob.h"
+#include "kvc/shared_memory_exchange.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 
-#include "kvc/kvcntsec.h"
-#include "kvc/kvcopts.h"
-#include "kvc/kvcstr.h"
-#include "kvc/kvcutil.h"
+#include "kvc/ipc_security.h"
+#include "kvc/debug_switches.h"
+#include "kvc/string_time.h"
+#include "kvc/diagnostic_log.h"
 #include "kzq/instance_names.h"
 #include "platform/clock.h"
 #include "platform/environment.h"

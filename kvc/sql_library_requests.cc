@@ -1,10 +1,10 @@
-#include "kvc/kvcsqlib.h"
+#include "kvc/sql_library_requests.h"
 
 #include <memory>
 #include <mutex>
 
-#include "kvc/kvcenv.h"
-#include "kvc/kvcutil.h"
+#include "kvc/agent_config.h"
+#include "kvc/diagnostic_log.h"
 #include "kvc/kzqsqld.h"
 #include "platform/shared_library.h"
 

@@ -1,4 +1,4 @@
-#include "kvc/kvccomm2.h"
+#include "kvc/channel_dispatch.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -8,10 +8,10 @@
 #include <new>
 
 #include "kvc/collector_channel.h"
-#include "kvc/kvccomob.h"
-#include "kvc/kvcenv.h"
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/shared_memory_exchange.h"
+#include "kvc/agent_config.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 

@@ -15,7 +15,7 @@
 #include <cstdio>
 #include <string>
 
-#include "kvc/kvcopts.h"
+#include "kvc/debug_switches.h"
 
 namespace kvc {
 

@@ -1,4 +1,4 @@
-#include "kvc/kvccomm.h"
+#include "kvc/channel_entry.h"
 
 #include <chrono>
 #include <cstdarg>
@@ -6,10 +6,10 @@
 #include <string>
 
 #include "kvc/collector_channel.h"
-#include "kvc/kvccomm2.h"
-#include "kvc/kvccomob.h"
-#include "kvc/kvcenv.h"
-#include "kvc/kvcutil.h"
+#include "kvc/channel_dispatch.h"
+#include "kvc/shared_memory_exchange.h"
+#include "kvc/agent_config.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/clock.h"
 #include "platform/environment.h"
 

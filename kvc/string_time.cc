@@ -1,4 +1,4 @@
-#include "kvc/kvcstr.h"
+#include "kvc/string_time.h"
 
 #include <cctype>
 #include <cstdio>
@@ -6,8 +6,8 @@
 #include <ctime>
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 
 namespace kvc {
 namespace {

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "kvc/kvcgchn.h"
+#include "kvc/generic_chain.h"
 
 namespace kvc {
 

@@ -1,12 +1,12 @@
-#include "kvc/kvcenv.h"
+#include "kvc/agent_config.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
 

@@ -1,10 +1,10 @@
-#include "registry/earegcls.h"
+#include "registry/registry_position.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cstring>
 
-#include "kvc/kvcutil.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/error.h"
 
 using platform::RegistryKey;

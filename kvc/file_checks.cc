@@ -1,12 +1,12 @@
-#include "kvc/kvcufil.h"
+#include "kvc/file_checks.h"
 
 #include <cerrno>
 #include <cstring>
 #include <optional>
 #include <vector>
 
-#include "kvc/kvcopts.h"
-#include "kvc/kvcutil.h"
+#include "kvc/debug_switches.h"
+#include "kvc/diagnostic_log.h"
 #include "platform/environment.h"
 #include "platform/file_system.h"
 
