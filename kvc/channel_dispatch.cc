@@ -19,7 +19,6 @@ namespace kvc {
 namespace {
 
 constexpr const char* kCodeWords[] = {"init", "initc", "get", "put", "term", "shut", "initsm"};
-constexpr int kDataTries = 5;
 constexpr int kPutTimeoutSeconds = 10;
 constexpr int kDefaultAgentWait = 45;
 constexpr int kDefaultCollectorWait = 5;
