@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fuzz/channel_area.h"
-#include "kvc/channel_dispatch.h"
+#include "kvc/collector_channel.h"
 #include "kvc/shared_memory_exchange.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -18,13 +18,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // No wait: an answer longer than one chunk ends in a timeout here, as it
   // does when a collector stops half-way.
   if (kvc::DataEndpoint()->GetData("KZQDBD_1_1_1", &unique, &rows, &length, &bytes, 0) != kvc::kCommOk) return 0;
-  kvc::PipeList entry;
-  entry.word = "KZQDBD";
-  kvc::AcceptAnswer(&entry, rows, length, bytes);
-  if (entry.numrow != 0) {
-    if (entry.numrow < 0 || entry.lenrow <= 0 || entry.rows == nullptr) __builtin_trap();
-    if (static_cast<uint64_t>(entry.numrow) * static_cast<uint64_t>(entry.lenrow) > bytes.size()) __builtin_trap();
+  kvc::ChannelAnswer answer;
+  answer.numrow = rows;
+  answer.lenrow = length;
+  answer.rows = bytes;
+  kvc::AcceptRows("KZQDBD", &answer);
+  if (answer.numrow != 0) {
+    if (answer.numrow < 0 || answer.lenrow <= 0) __builtin_trap();
+    if (static_cast<uint64_t>(answer.numrow) * static_cast<uint64_t>(answer.lenrow) != answer.rows.size())
+      __builtin_trap();
   }
-  delete[] entry.rows;
   return 0;
 }

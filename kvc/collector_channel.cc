@@ -92,7 +92,7 @@ ChannelAnswer CollectorChannel::ExchangeHeld(const std::string& table, const std
   }
   last_success_ = Now();
   if (ReceiveAnswer(data, wait_seconds, unique, started, &answer)) {
-    AcceptRows(table, &answer);
+    if (!AcceptRows(table, &answer)) ++refused_;
   } else if (request->WithdrawRequest()) {
     // The collector never took the request: it would only be answered too
     // late, and would hold the area the next exchange needs.
@@ -132,24 +132,21 @@ void CollectorChannel::Fail(const char* step, int result, ChannelAnswer* answer)
   answer->rows.clear();
 }
 
-// A collector's header is not trusted beyond the bytes it sent: rows it
-// counts but did not send, a negative length or a product that overflows
-// are refused, and the table is answered with no rows.
-void CollectorChannel::AcceptRows(const std::string& table, ChannelAnswer* answer) {
+bool AcceptRows(const std::string& table, ChannelAnswer* answer) {
   if (answer->numrow == 0) {
     answer->rows.clear();
-    return;
+    return true;
   }
   const int64_t needed = static_cast<int64_t>(answer->numrow) * answer->lenrow;
   if (answer->numrow > 0 && answer->lenrow > 0 && static_cast<uint64_t>(needed) <= answer->rows.size()) {
     answer->rows.resize(static_cast<size_t>(needed));
-    return;
+    return true;
   }
   Log('e', "com2300", "Answer to %s refused: %d rows of %d bytes claimed, %lld bytes received\n", table.c_str(),
       answer->numrow, answer->lenrow, static_cast<long long>(answer->rows.size()));
-  ++refused_;
   answer->numrow = 0;
   answer->rows.clear();
+  return false;
 }
 
 ChannelCounts CollectorChannel::Counts() const {

@@ -59,6 +59,12 @@ struct ChannelAnswer {
   bool Succeeded() const { return failed_step.empty() && !busy && !unavailable; }
 };
 
+// A collector's header is not trusted beyond the bytes it sent: rows it
+// counts but did not send, a negative length or a product that overflows
+// are refused (logged, and the answer left with no rows). False when
+// refused.
+bool AcceptRows(const std::string& table, ChannelAnswer* answer);
+
 // Counts since the process started, for /metrics.
 struct ChannelCounts {
   uint64_t exchanges = 0;   // exchanges begun
@@ -110,7 +116,6 @@ class CollectorChannel {
   bool ReceiveAnswer(KVCCommObject* data, int wait_seconds, const std::string& unique, std::time_t started,
                      ChannelAnswer* answer);
   void Fail(const char* step, int result, ChannelAnswer* answer);
-  void AcceptRows(const std::string& table, ChannelAnswer* answer);
 
   TimedLock lock_;
   std::atomic<std::time_t> last_success_{0};
