@@ -15,7 +15,8 @@ namespace collector {
 
 void Answer(kvc::PipeList* entry, RowSource& source) {
   if (entry->word == kHeartbeatRequest) {
-    kvc::SetPipeRows(entry, 1, static_cast<int32_t>(strlen(kHeartbeatHealthy)), kHeartbeatHealthy);
+    const char* state = source.DatabaseReachable() ? kHeartbeatHealthy : kHeartbeatDatabaseUnreachable;
+    kvc::SetPipeRows(entry, 1, static_cast<int32_t>(strlen(state)), state);
     return;
   }
   const kzq::TableSpec* table = kzq::FindTable(entry->word);
@@ -25,7 +26,7 @@ void Answer(kvc::PipeList* entry, RowSource& source) {
     return;
   }
   std::string rows;
-  const int32_t count = source.Rows(*table, &rows);
+  const int32_t count = source.Rows(*table, entry->statement, &rows);
   kvc::SetPipeRows(entry, count, CollectorRowLength(*table), rows.data());
 }
 

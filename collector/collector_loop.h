@@ -10,9 +10,12 @@
 
 namespace collector {
 
-// The heartbeat request and its answer: two numbers, both 1 when healthy.
+// The heartbeat request and its answer: two numbers, the collector's
+// state and the database's, 1 when healthy ("1 0": the collector runs but
+// cannot reach SQL Server).
 inline constexpr const char* kHeartbeatRequest = "HART4";
 inline constexpr const char* kHeartbeatHealthy = "1 1";
+inline constexpr const char* kHeartbeatDatabaseUnreachable = "1 0";
 
 // Fills the anchor's request entry with the answer to its word.
 void Answer(kvc::PipeList* entry, RowSource& source);

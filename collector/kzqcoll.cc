@@ -1,6 +1,8 @@
 // kzqcoll: the collector. Opens the channel for this server and answers
-// the agent's requests from a row source.
-//   kzqcoll [-Hkey "<key>"] [--service] --replay <directory> [--requests <n>]
+// the agent's requests from a row source: recorded rows, or SQL Server
+// itself through ODBC.
+//   kzqcoll [-Hkey "<key>"] [--service] (--replay <directory> |
+//           --sql [--queries <directory>] [--record <directory>]) [--requests <n>]
 // "-Hkey" names the instance's registry key, as for the agent: the
 // collector takes its server id and service number from the same place.
 // As for the agent, the server id is taken from the key only when "-Hkey"
@@ -9,6 +11,8 @@
 // control manager, or systemd with Type=notify); otherwise it runs until
 // Ctrl-C or SIGTERM.
 #include <atomic>
+#include <climits>
+#include <filesystem>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +21,7 @@
 
 #include "collector/collector_loop.h"
 #include "collector/replay_source.h"
+#include "collector/sql_server_source.h"
 #include "kvc/diagnostic_log.h"
 #include "kzq/instance_start.h"
 #include "kzq/service_control.h"
@@ -30,6 +35,9 @@ const kzq::CommandLinePresets g_command_line_presets;
 
 struct Options {
   std::string replay;
+  bool sql = false;
+  std::string queries;  // replaces the built-in queries
+  std::string record;
   int requests = 0;
   bool service = false;
 };
@@ -39,7 +47,9 @@ Options g_options;
 std::unique_ptr<collector::RowSource> g_source;
 
 int Usage() {
-  fprintf(stderr, "usage: kzqcoll [-Hkey \"<key>\"] [--service] --replay <directory> [--requests <n>]\n");
+  fprintf(stderr,
+          "usage: kzqcoll [-Hkey \"<key>\"] [--service] (--replay <directory> | --sql [--queries <directory>]\n"
+          "               [--record <directory>]) [--requests <n>]\n");
   return 2;
 }
 
@@ -50,15 +60,45 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       options->service = true;
     } else if (strcmp(argv[i], "--replay") == 0 && has_value) {
       options->replay = argv[++i];
+    } else if (strcmp(argv[i], "--sql") == 0) {
+      options->sql = true;
+    } else if (strcmp(argv[i], "--queries") == 0 && has_value) {
+      options->queries = argv[++i];
+    } else if (strcmp(argv[i], "--record") == 0 && has_value) {
+      options->record = argv[++i];
     } else if (strcmp(argv[i], "--requests") == 0 && has_value) {
-      options->requests = atoi(argv[++i]);
+      char* end = nullptr;
+      const long n = strtol(argv[++i], &end, 10);
+      if (*end != '\0' || n < 0 || n > INT32_MAX) return false;
+      options->requests = static_cast<int>(n);
     } else if ((strcmp(argv[i], "-Hkey") == 0 || strcmp(argv[i], "-hkey") == 0) && has_value) {
       ++i;  // imported before the options are used
     } else {
       return false;
     }
   }
-  return !options->replay.empty();
+  if (options->sql) return options->replay.empty();
+  return !options->replay.empty() && options->queries.empty() && options->record.empty();
+}
+
+// The source the options name; null with *error when it cannot be made.
+std::unique_ptr<collector::RowSource> MakeSource(const Options& options, std::string* error) {
+  if (!options.sql) return collector::ReplaySource::Load(options.replay, kzq::CollectorCodePage(), error);
+  collector::SqlQueries queries = collector::BuiltInSqlQueries();
+  if (!options.queries.empty() && !collector::LoadSqlQueries(options.queries, &queries, error)) return nullptr;
+  std::vector<std::string> problems;
+  collector::SqlServerSettings settings = collector::ReadSqlServerSettings(&problems);
+  for (const std::string& problem : problems) kvc::Log('w', "col0004", "kzqcoll: %s\n", problem.c_str());
+  if (!options.record.empty()) {
+    std::error_code ec;
+    std::filesystem::create_directories(options.record, ec);
+    if (ec) {
+      *error = options.record + ": " + ec.message();
+      return nullptr;
+    }
+  }
+  return std::make_unique<collector::SqlServerSource>(std::move(settings), std::move(queries),
+                                                      kzq::CollectorCodePage(), options.record);
 }
 
 // The serve loop sees the flag between requests; its wait for the next
@@ -82,9 +122,10 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, &g_options)) return Usage();
   kzq::ImportHkeyArgument(argc, argv);
   kzq::OpenInstanceLog("kzqcoll", g_command_line_presets);
-  // Bad replay data fails the start at once, before any service report.
+  // Bad replay data or queries fail the start at once, before any service
+  // report; an unreachable SQL Server does not (it is data, not a failure).
   std::string error;
-  g_source = collector::ReplaySource::Load(g_options.replay, kzq::CollectorCodePage(), &error);
+  g_source = MakeSource(g_options, &error);
   if (g_source == nullptr) {
     kvc::Log('e', "col0003", "kzqcoll: %s\n", error.c_str());
     return 3;

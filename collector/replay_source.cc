@@ -25,6 +25,10 @@ std::string PackValue(const kzq::TableSpec& table, int index, const nlohmann::js
                       char* row) {
   const kzq::Attribute& a = table.attributes[index];
   char* field = row + (table.offsets[index] - table.CollectorOffset());
+  if (value.is_null()) {
+    memset(field, 0xFF, a.width);
+    return {};
+  }
   if (a.type == kzq::kTypeText) {
     if (!value.is_string()) return std::string(a.name) + " needs a text in quotes";
     const std::string text = encoder.Encode(value.get_ref<const std::string&>());
@@ -118,7 +122,7 @@ std::unique_ptr<ReplaySource> ReplaySource::Load(const std::string& directory, i
   return source;
 }
 
-int32_t ReplaySource::Rows(const kzq::TableSpec& table, std::string* bytes) {
+int32_t ReplaySource::Rows(const kzq::TableSpec& table, const std::string&, std::string* bytes) {
   const auto it = tables_.find(table.name);
   if (it == tables_.end()) return 0;
   bytes->append(it->second.bytes);

@@ -5,7 +5,7 @@
 // Names are matched without regard to case. Texts are sent in the server's
 // code page (what a file holds is UTF-8) and blank-padded to their width,
 // which counts the code page's bytes; integers are 32-bit; attributes a line leaves out are
-// blank or 0. Blank lines and lines starting with '#' are skipped. Every
+// blank or 0, and null sends the attribute without a value (0xFF). Blank lines and lines starting with '#' are skipped. Every
 // problem (bad JSON, an unknown attribute, one the agent fills itself, a
 // text too long, a number out of range, a value of the wrong type) stops
 // the load with a message naming the file and line.
@@ -33,7 +33,7 @@ class ReplaySource final : public RowSource {
   static bool ParseRows(const kzq::TableSpec& table, std::string_view text, const std::string& name, int code_page,
                         std::string* rows, int32_t* count, std::string* error);
 
-  int32_t Rows(const kzq::TableSpec& table, std::string* bytes) override;
+  int32_t Rows(const kzq::TableSpec& table, const std::string& statement, std::string* bytes) override;
 
  private:
   struct TableRows {

@@ -14,8 +14,12 @@ class RowSource {
  public:
   virtual ~RowSource() = default;
   // Appends the table's rows to *bytes and returns how many; 0 when the
-  // source has none for it.
-  virtual int32_t Rows(const kzq::TableSpec& table, std::string* bytes) = 0;
+  // source has none for it. `statement` is what came with the request
+  // ("SPID=<n>" for the SQL text of one session, or empty).
+  virtual int32_t Rows(const kzq::TableSpec& table, const std::string& statement, std::string* bytes) = 0;
+  // Whether the database behind the source can be reached now (the
+  // heartbeat's second number).
+  virtual bool DatabaseReachable() { return true; }
 };
 
 // Bytes of one collector row of `table`.

@@ -84,9 +84,9 @@ TEST(ReplayRows, LoadReadsEachTableFileAndRefusesStrangeNames) {
   auto source = collector::ReplaySource::Load(dir.Path(), kzq::kDefaultCodePage, &error);
   ASSERT_NE(source, nullptr) << error;
   std::string rows;
-  EXPECT_EQ(source->Rows(kzq::kzqscfg_spec, &rows), 1);
+  EXPECT_EQ(source->Rows(kzq::kzqscfg_spec, "", &rows), 1);
   EXPECT_EQ(TextAt(kzq::kzqscfg_spec, rows, 0, "CONFIGNAME"), "max memory" + std::string(20, ' '));
-  EXPECT_EQ(source->Rows(kzq::kzqdbd_spec, &rows), 0);
+  EXPECT_EQ(source->Rows(kzq::kzqdbd_spec, "", &rows), 0);
 
   kzq_test::WriteFile(dir.File("kzqnope.jsonl"), "");
   EXPECT_EQ(collector::ReplaySource::Load(dir.Path(), kzq::kDefaultCodePage, &error), nullptr);
@@ -103,7 +103,7 @@ TEST(ReplayRows, DemoDataLoadsAndFillsEveryCollectorTable) {
   for (const kzq::TableSpec* table : kzq::kCatalogue) {
     if (table->form == kzq::SampleForm::kPushed) continue;
     std::string rows;
-    EXPECT_GT(source->Rows(*table, &rows), 0) << table->name;
+    EXPECT_GT(source->Rows(*table, "", &rows), 0) << table->name;
   }
 }
 
