@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds kConsumerStall{2000};
 AgentDataPaths::AgentDataPaths(kvc::CollectorChannel& channel)
     : channel_(channel),
       monitor_(sink_, queue_, platform::NowUnixSeconds),
-      collector_rows_(channel),
+      collector_rows_(channel, reach_),
       error_rows_(queue_, monitor_) {}
 
 framework::ApplicationCounters AgentDataPaths::Counters() const {
@@ -33,7 +33,7 @@ framework::ApplicationCounters AgentDataPaths::Counters() const {
 }
 
 int AgentDataPaths::CollectorRowSource::Sample(framework::tavra& object, const TableSpec& spec) {
-  return TakeCollectorSample(channel_, object, spec);
+  return TakeCollectorSample(channel_, object, spec, reach_);
 }
 
 int AgentDataPaths::ErrorEventRowSource::Sample(framework::tavra& object, const TableSpec&) {

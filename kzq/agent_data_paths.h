@@ -15,6 +15,7 @@
 #include "kzq/errorlog_monitor.h"
 #include "kzq/errorlog_queue.h"
 #include "kzq/row_source.h"
+#include "kzq/take_sample.h"
 
 namespace kzq {
 
@@ -35,16 +36,19 @@ class AgentDataPaths {
   ErrorlogMonitor& Monitor() { return monitor_; }
   // The agent's own counters for /metrics; valid while this object lives.
   framework::ApplicationCounters Counters() const;
+  // Whether the collector reaches SQL Server (1, 0, or DatabaseReach::kUnknown); any thread.
+  int DatabaseReachable() const { return reach_.Get(); }
 
  private:
   // Each sample of a collector table is one exchange with the collector.
   class CollectorRowSource final : public RowSource {
    public:
-    explicit CollectorRowSource(kvc::CollectorChannel& channel) : channel_(channel) {}
+    CollectorRowSource(kvc::CollectorChannel& channel, DatabaseReach& reach) : channel_(channel), reach_(reach) {}
     int Sample(framework::tavra& object, const TableSpec& spec) override;
 
    private:
     kvc::CollectorChannel& channel_;
+    DatabaseReach& reach_;
   };
   // kzqerror's report sample answers from the queue.
   class ErrorEventRowSource final : public RowSource {
@@ -65,6 +69,7 @@ class AgentDataPaths {
   };
 
   kvc::CollectorChannel& channel_;
+  DatabaseReach reach_;
   ErrorEventQueue queue_;
   ErrorTableSink sink_;
   ErrorlogMonitor monitor_;

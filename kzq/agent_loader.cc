@@ -52,11 +52,12 @@ static_assert(sizeof kRegistrationOrder / sizeof kRegistrationOrder[0] == kTable
 framework::AgentDescription Description(const AgentDataPaths& paths) {
   framework::AgentDescription description;
   description.tables = TableDescriptions();
-  description.probe = [] {
+  description.probe = [&paths] {
     const std::string collector = CollectorServiceName();
     const std::string database = DatabaseServiceName();
-    return std::vector<framework::ServiceState>{{"collector", collector, ServiceRuns(collector.c_str())},
-                                                {"sqlserver", database, ServiceRuns(database.c_str())}};
+    return std::vector<framework::ServiceState>{
+        {"collector", collector, ServiceRuns(collector.c_str())},
+        {"sqlserver", database, ServiceRuns(database.c_str()), paths.DatabaseReachable()}};
   };
   description.counters = paths.Counters();
   return description;

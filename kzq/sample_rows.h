@@ -63,6 +63,8 @@ struct StatusInputs {
 const char* CollectorStatusText(bool collector_up);
 // The database server's state: "Active", "Inactive" (collector up) or "Unknown".
 const char* ServerStatusText(bool database_up, bool collector_up);
+// SRVSTATUS of a server whose service runs but which the collector cannot reach.
+inline constexpr const char* kServerUnreachable = "Unreachable";
 
 // The collector is inactive (the exchange failed): everything 0xFF except
 // the leading attributes, the identity, the time stamps and COLLSTATUS.

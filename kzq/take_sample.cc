@@ -216,9 +216,15 @@ void AddNoDataRow(tavra& object, const TableSpec& spec, const Services& services
   AddRow(object, row);
 }
 
-// The heartbeat record holds two numbers separated by blanks; two ones
-// mean the collector is healthy.
-bool HeartbeatHealthy(const char* text) {
+// The heartbeat record holds two numbers separated by blanks: the
+// collector's state and the database's. Two ones mean healthy; "1 0" a
+// collector that runs but cannot reach SQL Server.
+struct Heartbeat {
+  bool healthy = false;
+  bool database_unreachable = false;
+};
+
+Heartbeat ReadHeartbeat(const char* text) {
   long numbers[2] = {0, 0};
   int found = 0;
   for (const char* p = text; *p != '\0' && found < 2;) {
@@ -227,13 +233,13 @@ bool HeartbeatHealthy(const char* text) {
     numbers[found++] = atol(p);
     while (*p != '\0' && *p != ' ') ++p;
   }
-  return found == 2 && numbers[0] == 1 && numbers[1] == 1;
+  return {found == 2 && numbers[0] == 1 && numbers[1] == 1, found == 2 && numbers[0] == 1 && numbers[1] == 0};
 }
 
 // The server summary table asks for the collector's heartbeat when its own
 // answer had no rows, and reports what it finds in one status row.
 void AddHeartbeatRow(kvc::CollectorChannel& channel, tavra& object, const TableSpec& spec,
-                     const Services& services) {
+                     const Services& services, DatabaseReach& reach) {
   const StatusInputs in = InputsFor(services);
   RowBuilder row(spec);
   const kvc::ChannelAnswer heart = channel.Exchange("HART4", "");
@@ -258,15 +264,23 @@ void AddHeartbeatRow(kvc::CollectorChannel& channel, tavra& object, const TableS
   memcpy(text, heart.rows.data(), std::min<size_t>(heart.rows.size(), 199));
   SAMPLE_TRACE(object, "cur_hart_ptr->len=%d, stat=%s, len=%d. (kvcsampl)\n", heart.lenrow, text,
                static_cast<int>(strlen(text)));
-  const bool healthy = HeartbeatHealthy(text);
-  SAMPLE_TRACE(object, "Collector heartbeat %s. (kvcsampl)\n", healthy ? "Active" : "Unknown");
+  const Heartbeat heartbeat = ReadHeartbeat(text);
+  SAMPLE_TRACE(object, "Collector heartbeat %s. (kvcsampl)\n", heartbeat.healthy ? "Active" : "Unknown");
+  if (heartbeat.healthy || heartbeat.database_unreachable) reach.Set(heartbeat.healthy ? 1 : 0);
   BuildInactiveRow(row, in);
   if (Flowing(object)) {
     TRC1_Printf("Collector Inactive, passing back 1 row. (kvcsampl)\n");
     object.Dump();
     TRC1_Printf("Add data row into agent object. (kvcsampl)\n");
   }
-  row.SetText("SRVSTATUS", ServerStatusText(services.database_up, services.collector_up), '\0');
+  // A server whose service runs but which the collector cannot reach (the
+  // network, the login, the server refusing work) is told apart from one
+  // that is stopped.
+  row.SetText("SRVSTATUS",
+              services.database_up && heartbeat.database_unreachable
+                  ? kServerUnreachable
+                  : ServerStatusText(services.database_up, services.collector_up),
+              '\0');
   row.SetText("COLLSTATUS", services.collector_up ? "Active" : "Inactive", '\0');
   AddRow(object, row);
 }
@@ -275,7 +289,7 @@ bool IsSqlTextTable(const TableSpec& spec) { return strcmp(spec.name, "kzqsql") 
 
 }  // namespace
 
-int TakeCollectorSample(kvc::CollectorChannel& channel, tavra& object, const TableSpec& spec) {
+int TakeCollectorSample(kvc::CollectorChannel& channel, tavra& object, const TableSpec& spec, DatabaseReach& reach) {
   const bool full = spec.form == SampleForm::kFull;
   const Services services = full ? ProbeServices(object) : Services{};
   SAMPLE_TRACE(object, "Entered %s TakeSample. (kvcsampl)\n", object.TableName());
@@ -295,10 +309,12 @@ int TakeCollectorSample(kvc::CollectorChannel& channel, tavra& object, const Tab
   }
   ReportExchangeFailure(status, spec.key);
   if (answer.Succeeded()) {
+    if (answer.numrow > 0) reach.Set(1);
     AddCollectorRows(channel, object, spec, answer);
-    if (IsSummaryTable(spec) && answer.numrow == 0) AddHeartbeatRow(channel, object, spec, services);
+    if (IsSummaryTable(spec) && answer.numrow == 0) AddHeartbeatRow(channel, object, spec, services, reach);
     return 0;
   }
+  if (!answer.busy) reach.Set(DatabaseReach::kUnknown);
   object.ReportSampleFailure(ChannelFailure(answer, status));
   if (!full) {
     SAMPLE_TRACE(object, "%s.  (kvcsampl)\n", status.text.c_str());

@@ -41,6 +41,9 @@ struct ServiceState {
   std::string role;  // "collector", "sqlserver"
   std::string name;  // the service's own name
   bool up = false;
+  // For SQL Server: whether the collector reaches it (1) or cannot (0);
+  // -1 when nobody knows (the collector does not answer).
+  int reachable = -1;
 };
 
 // A counter family the application keeps (the agent's errorlog monitor):

@@ -120,8 +120,11 @@ void ServeSample(const HttpEndpoint::Impl& impl, const httplib::Request& req, ht
 Json StatusJson(const HttpEndpoint::Impl& impl) {
   const MetricsContext context = CurrentContext(*impl.description);
   Json services = Json::array();
-  for (const ServiceState& s : impl.description->ProbeServices())
-    services.push_back({{"role", s.role}, {"name", s.name}, {"up", s.up}});
+  for (const ServiceState& s : impl.description->ProbeServices()) {
+    Json service = {{"role", s.role}, {"name", s.name}, {"up", s.up}};
+    if (s.role == "sqlserver") service["reachable"] = s.reachable < 0 ? Json(nullptr) : Json(s.reachable == 1);
+    services.push_back(std::move(service));
+  }
   const auto snapshot = impl.cache->Snapshot();
   Json tables = Json::array();
   Json recent = Json::array();

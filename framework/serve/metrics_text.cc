@@ -98,6 +98,14 @@ void HealthSeries(std::string* out, const std::map<std::string, CachedTable>& ta
       Sample(out, name, labels, s.up ? 1 : 0);
     }
   }
+  Family(out, "kzq_sqlserver_reachable", "gauge",
+         "Whether the collector reaches SQL Server (1) or not (0); absent while the collector does not answer.");
+  for (const ServiceState& s : services) {
+    if (s.role != "sqlserver" || s.reachable < 0) continue;
+    std::vector<Label> labels = base;
+    labels.push_back({"service", s.name});
+    Sample(out, "kzq_sqlserver_reachable", labels, s.reachable);
+  }
   struct TableFigure {
     const char* name;
     const char* type;

@@ -27,7 +27,7 @@ const cell = (row, text, cls) => { const td = row.insertCell(); td.textContent =
 function showStatus(s) {
   document.getElementById("server").textContent = s.server_id + " on " + s.host;
   const services = document.querySelector("#services tbody"); services.textContent = "";
-  for (const v of s.services) { const r = services.insertRow(); cell(r, v.role); cell(r, v.name); cell(r, v.up ? "up" : "down", v.up ? "up" : "down"); }
+  for (const v of s.services) { const r = services.insertRow(); cell(r, v.role); cell(r, v.name); const bad = !v.up || v.reachable === false; cell(r, (v.up ? "up" : "down") + (v.reachable === false ? ", unreachable" : ""), bad ? "down" : "up"); }
   const tables = document.querySelector("#tables tbody"); tables.textContent = "";
   for (const t of s.tables) {
     const r = tables.insertRow(); r.id = "table-" + t.name;
