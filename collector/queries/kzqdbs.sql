@@ -9,7 +9,12 @@ DECLARE @file_used TABLE (database_id int NOT NULL, file_id int NOT NULL, used_p
 DECLARE @each_db nvarchar(max) = N'';
 SELECT @each_db = @each_db + N'EXEC ' + QUOTENAME(name) + N'.sys.sp_executesql @q;'
 FROM sys.databases
-WHERE state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1;
+WHERE state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1
+  AND database_id NOT IN (SELECT rs.database_id
+                          FROM sys.dm_hadr_database_replica_states AS rs
+                          JOIN sys.availability_replicas AS ar ON ar.replica_id = rs.replica_id
+                          WHERE rs.is_local = 1 AND rs.is_primary_replica = 0
+                            AND ar.secondary_role_allow_connections <> 2);
 INSERT INTO @file_used (database_id, file_id, used_pages)
 EXEC sys.sp_executesql @each_db, N'@q nvarchar(max)',
     @q = N'SELECT DB_ID(), file_id, CAST(FILEPROPERTY(name, ''SpaceUsed'') AS bigint) FROM sys.database_files;';
@@ -28,14 +33,22 @@ log_used AS (
     WHERE object_name LIKE N'%:Databases'
       AND RTRIM(counter_name) = N'Percent Log Used'
       AND RTRIM(instance_name) IN (SELECT name FROM sys.databases)
+),
+counts AS (
+    SELECT COUNT(*) AS total,
+           COUNT(CASE WHEN state IN (3, 4, 5) THEN 1 END) AS in_error,
+           COUNT(CASE WHEN is_read_only = 1 THEN 1 END) AS read_only,
+           COUNT(CASE WHEN user_access = 2 THEN 1 END) AS restricted,
+           COUNT(CASE WHEN user_access = 1 THEN 1 END) AS single_user
+    FROM sys.databases
 )
 SELECT
     CAST(SERVERPROPERTY('MachineName') AS nvarchar(64)) AS HOSTNAME,
-    COUNT(*) AS NUMDBS,
+    c.total AS NUMDBS,
     (SELECT MIN(pct_free) FROM data_free) AS MINDBFREE,
     (SELECT 100 - MAX(pct_used) FROM log_used) AS MINLOGFREE,
-    SUM(CASE WHEN d.state IN (3, 4, 5) THEN 1 ELSE 0 END) AS NUMERRST,
-    SUM(CASE WHEN d.is_read_only = 1 THEN 1 ELSE 0 END) AS NUMRO,
-    SUM(CASE WHEN d.user_access = 2 THEN 1 ELSE 0 END) AS NUMDBO,
-    SUM(CASE WHEN d.user_access = 1 THEN 1 ELSE 0 END) AS NUMSING
-FROM sys.databases AS d;
+    c.in_error AS NUMERRST,
+    c.read_only AS NUMRO,
+    c.restricted AS NUMDBO,
+    c.single_user AS NUMSING
+FROM counts AS c;

@@ -10,7 +10,12 @@ DECLARE @file_used TABLE (database_id int NOT NULL, file_id int NOT NULL, used_p
 DECLARE @each_db nvarchar(max) = N'';
 SELECT @each_db = @each_db + N'EXEC ' + QUOTENAME(name) + N'.sys.sp_executesql @q;'
 FROM sys.databases
-WHERE state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1;
+WHERE state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1
+  AND database_id NOT IN (SELECT rs.database_id
+                          FROM sys.dm_hadr_database_replica_states AS rs
+                          JOIN sys.availability_replicas AS ar ON ar.replica_id = rs.replica_id
+                          WHERE rs.is_local = 1 AND rs.is_primary_replica = 0
+                            AND ar.secondary_role_allow_connections <> 2);
 INSERT INTO @file_used (database_id, file_id, used_pages)
 EXEC sys.sp_executesql @each_db, N'@q nvarchar(max)',
     @q = N'SELECT DB_ID(), file_id, CAST(FILEPROPERTY(name, ''SpaceUsed'') AS bigint) FROM sys.database_files;';

@@ -13,7 +13,12 @@ DECLARE @filegroups TABLE (database_id int NOT NULL, data_space_id int NOT NULL,
 DECLARE @each_db nvarchar(max) = N'';
 SELECT @each_db = @each_db + N'EXEC ' + QUOTENAME(name) + N'.sys.sp_executesql @q;'
 FROM sys.databases
-WHERE database_id > 4 AND state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1;
+WHERE database_id > 4 AND state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1
+  AND database_id NOT IN (SELECT rs.database_id
+                          FROM sys.dm_hadr_database_replica_states AS rs
+                          JOIN sys.availability_replicas AS ar ON ar.replica_id = rs.replica_id
+                          WHERE rs.is_local = 1 AND rs.is_primary_replica = 0
+                            AND ar.secondary_role_allow_connections <> 2);
 INSERT INTO @filegroups (database_id, data_space_id, name, size_pages, used_pages, max_pages)
 EXEC sys.sp_executesql @each_db, N'@q nvarchar(max)',
     @q = N'SELECT DB_ID(), fg.data_space_id, fg.name,

@@ -9,18 +9,18 @@ WITH agent_session AS (
     SELECT MAX(session_id) AS session_id FROM msdb.dbo.syssessions
 ),
 activity AS (
-    SELECT SUM(CASE WHEN a.start_execution_date IS NOT NULL AND a.stop_execution_date IS NULL
-                    THEN 1 ELSE 0 END) AS running,
-           SUM(CASE WHEN a.queued_date IS NOT NULL AND a.start_execution_date IS NULL
-                    THEN 1 ELSE 0 END) AS queued
+    SELECT COUNT(CASE WHEN a.start_execution_date IS NOT NULL AND a.stop_execution_date IS NULL
+                      THEN 1 END) AS running,
+           COUNT(CASE WHEN a.queued_date IS NOT NULL AND a.start_execution_date IS NULL
+                      THEN 1 END) AS queued
     FROM msdb.dbo.sysjobactivity AS a
     JOIN agent_session AS s ON s.session_id = a.session_id
 ),
 outcomes AS (
-    SELECT SUM(CASE WHEN j.enabled = 1 THEN 1 ELSE 0 END) AS enabled,
-           SUM(CASE WHEN js.last_run_date > 0 THEN 1 ELSE 0 END) AS have_run,
-           SUM(CASE WHEN js.last_run_date > 0 AND js.last_run_outcome = 0 THEN 1 ELSE 0 END) AS failed,
-           SUM(CASE WHEN js.last_run_date > 0 AND js.last_run_outcome = 1 THEN 1 ELSE 0 END) AS succeeded
+    SELECT COUNT(CASE WHEN j.enabled = 1 THEN 1 END) AS enabled,
+           COUNT(CASE WHEN js.last_run_date > 0 THEN 1 END) AS have_run,
+           COUNT(CASE WHEN js.last_run_date > 0 AND js.last_run_outcome = 0 THEN 1 END) AS failed,
+           COUNT(CASE WHEN js.last_run_date > 0 AND js.last_run_outcome = 1 THEN 1 END) AS succeeded
     FROM msdb.dbo.sysjobs AS j
     LEFT JOIN msdb.dbo.sysjobservers AS js ON js.job_id = j.job_id AND js.server_id = 0
 ),

@@ -14,6 +14,11 @@ DECLARE @each_db nvarchar(max) = N'';
 SELECT @each_db = @each_db + N'EXEC ' + QUOTENAME(name) + N'.sys.sp_executesql @q;'
 FROM sys.databases
 WHERE state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1
+  AND database_id NOT IN (SELECT rs.database_id
+                          FROM sys.dm_hadr_database_replica_states AS rs
+                          JOIN sys.availability_replicas AS ar ON ar.replica_id = rs.replica_id
+                          WHERE rs.is_local = 1 AND rs.is_primary_replica = 0
+                            AND ar.secondary_role_allow_connections <> 2)
   AND database_id IN (SELECT resource_database_id FROM sys.dm_tran_locks
                       WHERE resource_type IN (N'KEY', N'PAGE', N'RID', N'HOBT'));
 INSERT INTO @hobt (database_id, hobt_id, object_id)

@@ -13,26 +13,29 @@ WITH lock_rows AS (
            CASE WHEN request_mode IN (N'IS', N'IU', N'IX', N'SIU', N'SIX', N'UIX') THEN 1 ELSE 0 END AS intent
     FROM sys.dm_tran_locks
     WHERE request_session_id <> @@SPID
+),
+escalation AS (
+    SELECT MAX(cntr_value) AS escalations
+    FROM sys.dm_os_performance_counters
+    WHERE object_name LIKE N'%:Access Methods'
+      AND RTRIM(counter_name) = N'Table Lock Escalations/sec'
 )
 SELECT
     CAST(SERVERPROPERTY('MachineName') AS nvarchar(64)) AS HOSTNAME,
-    SUM(CASE WHEN resource_type = N'EXTENT' AND intent = 0 AND request_mode = N'X' THEN 1 ELSE 0 END) AS EXCEXTLOK,
-    SUM(CASE WHEN resource_type = N'EXTENT' AND intent = 0 THEN 1 ELSE 0 END) AS TOTEXTLOK,
-    SUM(CASE WHEN resource_type = N'EXTENT' AND intent = 0 AND request_mode = N'U' THEN 1 ELSE 0 END) AS UPDEXTLOK,
-    SUM(CASE WHEN request_mode IN (N'IX', N'SIX', N'UIX') THEN 1 ELSE 0 END) AS EXCINTLOK,
-    SUM(CASE WHEN request_mode = N'IS' THEN 1 ELSE 0 END) AS SHRINTLOK,
-    SUM(intent) AS TOTINTLOK,
-    SUM(CASE WHEN resource_type = N'PAGE' AND intent = 0 AND request_mode = N'X' THEN 1 ELSE 0 END) AS EXCPAGLOK,
-    SUM(CASE WHEN resource_type = N'PAGE' AND intent = 0 AND request_mode = N'S' THEN 1 ELSE 0 END) AS SHRPAGLOK,
-    SUM(CASE WHEN resource_type = N'PAGE' AND intent = 0 THEN 1 ELSE 0 END) AS TOTPAGLOK,
-    SUM(CASE WHEN resource_type = N'PAGE' AND intent = 0 AND request_mode = N'U' THEN 1 ELSE 0 END) AS UPDPAGLOK,
-    SUM(CASE WHEN resource_type = N'OBJECT' AND request_mode IN (N'X', N'BU') THEN 1 ELSE 0 END) AS EXCTBLLOK,
-    SUM(CASE WHEN resource_type = N'OBJECT' AND request_mode = N'S' THEN 1 ELSE 0 END) AS SHRTBLLOK,
-    SUM(CASE WHEN resource_type = N'OBJECT' AND intent = 0 THEN 1 ELSE 0 END) AS TOTTBLLOK,
-    SUM(CASE WHEN resource_type IN (N'KEY', N'RID') AND request_mode = N'X' THEN 1 ELSE 0 END) AS EXCLOK,
-    SUM(CASE WHEN resource_type IN (N'KEY', N'RID') AND request_mode = N'S' THEN 1 ELSE 0 END) AS SHRLOK,
-    (SELECT MAX(cntr_value)
-     FROM sys.dm_os_performance_counters
-     WHERE object_name LIKE N'%:Access Methods'
-       AND RTRIM(counter_name) = N'Table Lock Escalations/sec') AS TLCKESCSEC
+    COUNT(CASE WHEN resource_type = N'EXTENT' AND intent = 0 AND request_mode = N'X' THEN 1 END) AS EXCEXTLOK,
+    COUNT(CASE WHEN resource_type = N'EXTENT' AND intent = 0 THEN 1 END) AS TOTEXTLOK,
+    COUNT(CASE WHEN resource_type = N'EXTENT' AND intent = 0 AND request_mode = N'U' THEN 1 END) AS UPDEXTLOK,
+    COUNT(CASE WHEN request_mode IN (N'IX', N'SIX', N'UIX') THEN 1 END) AS EXCINTLOK,
+    COUNT(CASE WHEN request_mode = N'IS' THEN 1 END) AS SHRINTLOK,
+    COUNT(CASE WHEN intent = 1 THEN 1 END) AS TOTINTLOK,
+    COUNT(CASE WHEN resource_type = N'PAGE' AND intent = 0 AND request_mode = N'X' THEN 1 END) AS EXCPAGLOK,
+    COUNT(CASE WHEN resource_type = N'PAGE' AND intent = 0 AND request_mode = N'S' THEN 1 END) AS SHRPAGLOK,
+    COUNT(CASE WHEN resource_type = N'PAGE' AND intent = 0 THEN 1 END) AS TOTPAGLOK,
+    COUNT(CASE WHEN resource_type = N'PAGE' AND intent = 0 AND request_mode = N'U' THEN 1 END) AS UPDPAGLOK,
+    COUNT(CASE WHEN resource_type = N'OBJECT' AND request_mode IN (N'X', N'BU') THEN 1 END) AS EXCTBLLOK,
+    COUNT(CASE WHEN resource_type = N'OBJECT' AND request_mode = N'S' THEN 1 END) AS SHRTBLLOK,
+    COUNT(CASE WHEN resource_type = N'OBJECT' AND intent = 0 THEN 1 END) AS TOTTBLLOK,
+    COUNT(CASE WHEN resource_type IN (N'KEY', N'RID') AND request_mode = N'X' THEN 1 END) AS EXCLOK,
+    COUNT(CASE WHEN resource_type IN (N'KEY', N'RID') AND request_mode = N'S' THEN 1 END) AS SHRLOK,
+    (SELECT escalations FROM escalation) AS TLCKESCSEC
 FROM lock_rows;

@@ -26,9 +26,9 @@ summary AS (
            MAX(severity) AS max_severity,
            MAX(CASE WHEN is_current = 1 THEN severity END) AS max_current_severity,
            COUNT(*) AS total,
-           SUM(is_current) AS current_count,
-           SUM(CASE WHEN severity >= 17 THEN 1 ELSE 0 END) AS severe,
-           SUM(CASE WHEN severity < 17 THEN 1 ELSE 0 END) AS other
+           COUNT(CASE WHEN is_current = 1 THEN 1 END) AS current_count,
+           COUNT(CASE WHEN severity >= 17 THEN 1 END) AS severe,
+           COUNT(CASE WHEN severity < 17 THEN 1 END) AS other
     FROM marked
 ),
 worst AS (

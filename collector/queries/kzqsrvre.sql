@@ -18,7 +18,12 @@ DECLARE @file_used TABLE (database_id int NOT NULL, file_id int NOT NULL, used_p
 DECLARE @each_db nvarchar(max) = N'';
 SELECT @each_db = @each_db + N'EXEC ' + QUOTENAME(name) + N'.sys.sp_executesql @q;'
 FROM sys.databases
-WHERE state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1;
+WHERE state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1
+  AND database_id NOT IN (SELECT rs.database_id
+                          FROM sys.dm_hadr_database_replica_states AS rs
+                          JOIN sys.availability_replicas AS ar ON ar.replica_id = rs.replica_id
+                          WHERE rs.is_local = 1 AND rs.is_primary_replica = 0
+                            AND ar.secondary_role_allow_connections <> 2);
 INSERT INTO @file_used (database_id, file_id, used_pages)
 EXEC sys.sp_executesql @each_db, N'@q nvarchar(max)',
     @q = N'SELECT DB_ID(), file_id, CAST(FILEPROPERTY(name, ''SpaceUsed'') AS bigint) FROM sys.database_files;';
@@ -49,10 +54,11 @@ log_used AS (
       AND RTRIM(instance_name) IN (SELECT name FROM sys.databases)
 ),
 databases AS (
-    SELECT COUNT(*) AS total,
-           (SELECT MIN(pct_free) FROM data_free) AS min_data_free,
+    SELECT COUNT(*) AS total FROM sys.databases
+),
+space AS (
+    SELECT (SELECT MIN(pct_free) FROM data_free) AS min_data_free,
            (SELECT 100 - MAX(pct_used) FROM log_used) AS min_log_free
-    FROM sys.databases
 ),
 lock_rows AS (
     SELECT resource_database_id, resource_type, resource_associated_entity_id, request_status
@@ -60,9 +66,13 @@ lock_rows AS (
 ),
 locks AS (
     SELECT COUNT_BIG(*) AS current_locks,
-           SUM(CASE WHEN request_status = N'WAIT' THEN 1 ELSE 0 END) AS waiting,
-           (SELECT NULLIF(CAST(value_in_use AS int), 0) FROM sys.configurations WHERE name = N'locks') AS max_locks
+           COUNT(CASE WHEN request_status = N'WAIT' THEN 1 END) AS waiting
     FROM lock_rows
+),
+lock_limit AS (
+    SELECT NULLIF(CAST(value_in_use AS int), 0) AS max_locks
+    FROM sys.configurations
+    WHERE name = N'locks'
 ),
 most_locked_db AS (
     SELECT TOP (1) DB_NAME(resource_database_id) AS name
@@ -108,7 +118,7 @@ errors AS (
 error_summary AS (
     SELECT MAX(msg_time) AS last_time,
            MAX(severity) AS max_severity,
-           SUM(CASE WHEN severity >= 17 THEN 1 ELSE 0 END) AS severe
+           COUNT(CASE WHEN severity >= 17 THEN 1 END) AS severe
     FROM errors
 ),
 worst_error AS (
@@ -122,14 +132,14 @@ version AS (
 SELECT
     CAST(SERVERPROPERTY('MachineName') AS nvarchar(64)) AS HOSTNAME,
     N'Active' AS COLLSTATUS,
-    l.current_locks * 100 / l.max_locks AS PCTLOCKS,
+    l.current_locks * 100 / ll.max_locks AS PCTLOCKS,
     c.sql_pct AS PCTCPU,
     100 - c.idle_pct AS PCTOSCPU,
     DATEDIFF(second, i.sqlserver_start_time, GETDATE()) AS SRVAGE,
     PARSENAME(v.full_version, 4) + N'.' + PARSENAME(v.full_version, 3) AS SRVVERSN,
     d.total AS NUMDBS,
-    d.min_data_free AS MINDBFREE,
-    d.min_log_free AS MINLOGFREE,
+    sp.min_data_free AS MINDBFREE,
+    sp.min_log_free AS MINLOGFREE,
     l.current_locks AS NUMLOCKS,
     l.waiting AS NUMCONFL,
     mld.name AS MAXLOCK,
@@ -155,7 +165,9 @@ SELECT
     v.full_version AS SQLVER
 FROM sys.dm_os_sys_info AS i
 CROSS JOIN databases AS d
+CROSS JOIN space AS sp
 CROSS JOIN locks AS l
+CROSS JOIN lock_limit AS ll
 CROSS JOIN sessions AS s
 CROSS JOIN error_summary AS es
 CROSS JOIN version AS v

@@ -55,9 +55,13 @@ cpu AS (
 ),
 locks AS (
     SELECT COUNT_BIG(*) AS current_locks,
-           SUM(CASE WHEN request_status = N'WAIT' THEN 1 ELSE 0 END) AS waiting,
-           (SELECT NULLIF(CAST(value_in_use AS int), 0) FROM sys.configurations WHERE name = N'locks') AS max_locks
+           COUNT(CASE WHEN request_status = N'WAIT' THEN 1 END) AS waiting
     FROM sys.dm_tran_locks
+),
+lock_limit AS (
+    SELECT NULLIF(CAST(value_in_use AS int), 0) AS max_locks
+    FROM sys.configurations
+    WHERE name = N'locks'
 ),
 jobs AS (
     SELECT COUNT(*) AS failed
@@ -74,7 +78,7 @@ SELECT
     N'Active' AS COLLSTATUS,
     p.data_cache_kb AS DATACHSZ,
     p.plan_cache_kb AS PROCCHSZ,
-    l.current_locks * 100 / l.max_locks AS PCTLOCKS,
+    l.current_locks * 100 / ll.max_locks AS PCTLOCKS,
     c.sql_pct AS PCTCPU,
     100 - c.idle_pct AS PCTOSCPU,
     DATEDIFF(second, i.sqlserver_start_time, GETDATE()) AS SRVAGE,
@@ -84,7 +88,7 @@ SELECT
     j.failed AS SQLFAILJ,
     c.idle_pct AS PCTCPUIDLE,
     l.waiting AS BLKLCKREQ,
-    l.max_locks - l.current_locks AS LOCKSREM,
+    ll.max_locks - l.current_locks AS LOCKSREM,
     p.lazy_writes AS LAZYWRTSEC,
     p.stolen_kb / 8 AS STOLENPGS,
     p.page_reads AS PAGERDSSEC,
@@ -109,6 +113,7 @@ SELECT
 FROM sys.dm_os_sys_info AS i
 CROSS JOIN perf AS p
 CROSS JOIN locks AS l
+CROSS JOIN lock_limit AS ll
 CROSS JOIN jobs AS j
 CROSS JOIN version AS v
 LEFT JOIN cpu AS c ON 1 = 1;

@@ -32,7 +32,7 @@ sessions AS (
 ),
 connections AS (
     SELECT COUNT(*) AS clients,
-           SUM(CASE WHEN net_transport <> N'Shared memory' THEN 1 ELSE 0 END) AS remote
+           COUNT(CASE WHEN net_transport <> N'Shared memory' THEN 1 END) AS remote
     FROM sys.dm_exec_connections
     WHERE parent_connection_id IS NULL
 ),

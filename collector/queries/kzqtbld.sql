@@ -17,7 +17,12 @@ DECLARE @each_db nvarchar(max) = N'';
 SELECT @each_db = @each_db + N'EXEC ' + QUOTENAME(name)
                  + N'.sys.sp_executesql @q, N''@max_rows int'', @max_rows = @max_rows;'
 FROM sys.databases
-WHERE database_id > 4 AND state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1;
+WHERE database_id > 4 AND state = 0 AND user_access <> 1 AND HAS_DBACCESS(name) = 1
+  AND database_id NOT IN (SELECT rs.database_id
+                          FROM sys.dm_hadr_database_replica_states AS rs
+                          JOIN sys.availability_replicas AS ar ON ar.replica_id = rs.replica_id
+                          WHERE rs.is_local = 1 AND rs.is_primary_replica = 0
+                            AND ar.secondary_role_allow_connections <> 2);
 INSERT INTO @indexes (database_id, object_id, index_id, table_name, index_name,
                       stats_age, used_pages, fragmentation)
 EXEC sys.sp_executesql @each_db, N'@q nvarchar(max), @max_rows int',
