@@ -14,11 +14,15 @@ WITH sessions AS (
            s.nt_user_name, s.database_id, s.group_id, s.last_request_start_time,
            r.status AS request_status, r.command, r.blocking_session_id, r.start_time,
            r.database_id AS request_database_id, r.task_address,
-           SUM(CAST(s.cpu_time AS bigint)) OVER () AS all_cpu,
            ROW_NUMBER() OVER (PARTITION BY s.session_id ORDER BY r.request_id) AS request_rank
     FROM sys.dm_exec_sessions AS s
     LEFT JOIN sys.dm_exec_requests AS r ON r.session_id = s.session_id
     WHERE s.is_user_process = 1
+),
+all_cpu AS (
+    SELECT SUM(CAST(cpu_time AS bigint)) AS total
+    FROM sys.dm_exec_sessions
+    WHERE is_user_process = 1
 ),
 blockers AS (
     SELECT DISTINCT blocking_session_id AS session_id
@@ -31,7 +35,7 @@ SELECT TOP (@max_rows)
     DB_NAME(COALESCE(x.request_database_id, x.database_id)) AS DBNAME,
     COALESCE(x.request_status, x.status) AS STATUS,
     x.cpu_time AS CPU,
-    x.cpu_time * 100 / NULLIF(x.all_cpu, 0) AS PCTCPU,
+    x.cpu_time * 100 / NULLIF(ac.total, 0) AS PCTCPU,
     CAST(x.reads AS bigint) + x.writes AS IO,
     x.memory_usage AS MEMORY,
     CAST(ISNULL(x.blocking_session_id, 0) AS nvarchar(8)) AS BLOCKID,
@@ -49,6 +53,7 @@ SELECT TOP (@max_rows)
     DATEDIFF(second, COALESCE(x.start_time, x.last_request_start_time), GETDATE()) AS PROCDURSEC,
     CASE WHEN x.nt_user_name <> N'' THEN x.nt_domain + N'\' + x.nt_user_name END AS PROCNTUSER
 FROM sessions AS x
+CROSS JOIN all_cpu AS ac
 LEFT JOIN sys.dm_resource_governor_workload_groups AS wg ON wg.group_id = x.group_id
 LEFT JOIN blockers AS b ON b.session_id = x.session_id
 OUTER APPLY (
