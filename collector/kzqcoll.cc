@@ -7,6 +7,8 @@
 // collector takes its server id and service number from the same place.
 // As for the agent, the server id is taken from the key only when "-Hkey"
 // follows the program's name.
+// Without --replay or --sql the source is the one the instance's settings
+// name (KZQ_COLLECTOR_SOURCE, KZQ_REPLAY_DIR).
 // With --service it runs under the service manager (the Windows service
 // control manager, or systemd with Type=notify); otherwise it runs until
 // Ctrl-C or SIGTERM.
@@ -25,6 +27,7 @@
 #include "kvc/diagnostic_log.h"
 #include "kzq/instance_start.h"
 #include "kzq/service_control.h"
+#include "platform/environment.h"
 #include "platform/semaphore.h"
 #include "platform/stop_signal.h"
 
@@ -78,7 +81,27 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     }
   }
   if (options->sql) return options->replay.empty();
-  return !options->replay.empty() && options->queries.empty() && options->record.empty();
+  return options->queries.empty() && options->record.empty();
+}
+
+// Without a source on the command line, the instance's settings name it,
+// so a service switches from replayed rows to SQL Server by a setting:
+// KZQ_COLLECTOR_SOURCE "sql", or "replay" (the default) with the rows in
+// KZQ_REPLAY_DIR. False with *error when they name none.
+bool SourceFromSettings(Options* options, std::string* error) {
+  if (options->sql || !options->replay.empty()) return true;
+  const std::string source = platform::GetEnv("KZQ_COLLECTOR_SOURCE").value_or("");
+  if (source == "sql") {
+    options->sql = true;
+    return true;
+  }
+  options->replay = platform::GetEnv("KZQ_REPLAY_DIR").value_or("");
+  if (!source.empty() && source != "replay") {
+    *error = "KZQ_COLLECTOR_SOURCE='" + source + "' is neither sql nor replay";
+    return false;
+  }
+  if (options->replay.empty()) *error = "no rows to answer with: give --replay or --sql, or set KZQ_COLLECTOR_SOURCE";
+  return !options->replay.empty();
 }
 
 // The source the options name; null with *error when it cannot be made.
@@ -125,7 +148,7 @@ int main(int argc, char** argv) {
   // Bad replay data or queries fail the start at once, before any service
   // report; an unreachable SQL Server does not (it is data, not a failure).
   std::string error;
-  g_source = MakeSource(g_options, &error);
+  if (SourceFromSettings(&g_options, &error)) g_source = MakeSource(g_options, &error);
   if (g_source == nullptr) {
     kvc::Log('e', "col0003", "kzqcoll: %s\n", error.c_str());
     return 3;

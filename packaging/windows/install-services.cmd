@@ -8,7 +8,8 @@ rem directory of this script). The instance's settings are the values of
 rem HKLM\SOFTWARE\Orvane\kzq\<instance>\Environment; values already there
 rem are kept, so settings can be made before installing. The instance's
 rem data and logs live in %ProgramData%\kzq\<instance>, the collector's
-rem rows in its replay folder. /remove deletes both services and the key and
+rem rows in its replay folder (KZQ_REPLAY_DIR) until the setting
+rem KZQ_COLLECTOR_SOURCE=sql makes it read SQL Server instead. /remove deletes both services and the key and
 rem leaves the data directory, which /purge deletes too.
 setlocal EnableExtensions DisableDelayedExpansion
 if "%~1"=="" goto usage
@@ -62,10 +63,12 @@ reg add "HKLM\!KEY!\Environment" /v COLL_BINPATH /t REG_SZ /d "!DIR!" /f >nul
 if errorlevel 1 goto no_key
 reg add "HKLM\!KEY!\Environment" /v COLL_PREFIX /t REG_SZ /d kzq /f >nul
 if errorlevel 1 goto no_key
+reg add "HKLM\!KEY!\Environment" /v KZQ_REPLAY_DIR /t REG_SZ /d "!DATA!\replay" /f >nul
+if errorlevel 1 goto no_key
 
 rem -Hkey with a capital H right after the program, the key in quotes: both
 rem programs take the server id from this form of their command line.
-set "COLLECTOR_COMMAND=\"!DIR!\kzqcoll.exe\" -Hkey \"!KEY!\" --service --replay \"!DATA!\replay\""
+set "COLLECTOR_COMMAND=\"!DIR!\kzqcoll.exe\" -Hkey \"!KEY!\" --service"
 set "AGENT_COMMAND=\"!DIR!\kzqagent.exe\" -Hkey \"!KEY!\""
 sc create "!COLLECTOR!" binPath= "!COLLECTOR_COMMAND!" start= auto DisplayName= "kzq collector (!INSTANCE!)"
 if errorlevel 1 exit /b 5
