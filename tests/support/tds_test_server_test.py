@@ -1,0 +1,244 @@
+#!/usr/bin/env python3
+"""Checks the TDS test double against the real ODBC driver: unixODBC's isql
+for logins and typed rows, the ODBC API through ctypes where isql cannot go
+(query timeouts, a result cut off, values longer than isql shows)."""
+
+import ctypes
+import json
+import pathlib
+import select
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+SERVER = pathlib.Path(__file__).with_name("tds_test_server.py")
+TYPES = [("I", "int"), ("BI", "bigint"), ("SI", "smallint"), ("TI", "tinyint"), ("B", "bit"),
+         ("D", "decimal(38,4)"), ("N", "numeric(5,2)"), ("F", "float"), ("R", "real"),
+         ("NV", "nvarchar(20)"), ("NM", "nvarchar(max)"), ("V", "varchar(20)"), ("DT", "datetime"),
+         ("DT2", "datetime2(7)"), ("G", "uniqueidentifier")]
+LONG_TEXT = "é" * 50000 + "😀"
+SCRIPT = {
+    "login": {"user": "kzqmon", "password": "secret"},
+    "results": [
+        {"match": "-- table KZQDBD",
+         "columns": [{"name": "DBNAME", "type": "nvarchar(128)"}, {"name": "DBSIZE", "type": "bigint"}],
+         "rows": [["master", 6], [None, 2147483648], ["Café Zürich 中文 😀", -1]]},
+        {"match": "-- types", "columns": [{"name": n, "type": t} for n, t in TYPES],
+         "rows": [[-2147483648, 9223372036854775807, -32768, 255, True,
+                   "-1234567890123456789012345678901234.5678", 123.45, 1.5e300, 0.25, "Zürich", "big",
+                   "Café", "2024-02-29T23:59:59.997", "2024-02-29T23:59:59.1234567",
+                   "6F9619FF-8B86-D011-B42D-00C04FC964FF"],
+                  [None] * len(TYPES)]},
+        {"match": "-- long", "columns": [{"name": "M", "type": "nvarchar(max)"}], "rows": [[LONG_TEXT]]},
+        {"match": "-- missing",
+         "error": {"number": 208, "severity": 16, "state": 1, "message": "Invalid object name 'x'."}},
+        {"match": "-- midway", "columns": [{"name": "A", "type": "int"}], "rows": [[1], [2], [3]],
+         "close_after_rows": 1},
+        {"match": "-- hang", "hang": True},
+    ],
+    "default": "done",
+}
+
+
+def connection_string(port, password="secret"):
+    return ("Driver=FreeTDS;Server=127.0.0.1;Port=%d;Database=master;UID=kzqmon;PWD=%s;"
+            "TDS_Version=7.4;ClientCharset=UTF-8" % (port, password))
+
+
+class Double:
+    """The test double run as its own process on a free port."""
+
+    def __init__(self, script):
+        self.directory = tempfile.TemporaryDirectory()
+        folder = pathlib.Path(self.directory.name)
+        self.log_path, script_path = folder / "batches.jsonl", folder / "script.json"
+        script_path.write_text(json.dumps(script), encoding="utf-8")
+        self.process = subprocess.Popen(
+            [sys.executable, str(SERVER), "--script", str(script_path), "--log", str(self.log_path)],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        ready, _, _ = select.select([self.process.stdout], [], [], 10)
+        line = self.process.stdout.readline() if ready else ""
+        if not line.startswith("listening on "):
+            self.process.kill()
+            raise RuntimeError("the double did not start: %r %s" % (line, self.process.stderr.read()))
+        self.port = int(line.split()[-1])
+
+    def stop(self):
+        """Ends it as a test harness would; returns its exit code and stderr."""
+        self.process.send_signal(signal.SIGTERM)
+        _, errors = self.process.communicate(timeout=10)
+        self.directory.cleanup()
+        return self.process.returncode, errors
+
+    def journal(self):
+        return [json.loads(line) for line in self.log_path.read_text(encoding="utf-8").splitlines()]
+
+
+def isql(port, sql, password="secret"):
+    return subprocess.run(["isql", "-v", "-b", "-d|", "-k", connection_string(port, password)],
+                          input=sql + "\n", capture_output=True, text=True, timeout=30)
+
+
+def within(seconds, call):
+    """call()'s value, or a test failure if the client is still waiting after `seconds`."""
+    outcome = []
+    worker = threading.Thread(target=lambda: outcome.append(call()), daemon=True)
+    worker.start()
+    worker.join(seconds)
+    if not outcome:
+        raise AssertionError("the client still waits after %d s" % seconds)
+    return outcome[0]
+
+
+class Odbc:
+    """Just enough of the ODBC API to execute, fetch one text column and read diagnostics."""
+    lib = ctypes.CDLL("libodbc.so.2")
+    HANDLE_ENV, HANDLE_DBC, HANDLE_STMT, NTS, ATTR_QUERY_TIMEOUT = 1, 2, 3, -3, 0
+
+    def __init__(self, port):
+        self.env, self.dbc, self.stmt = ctypes.c_void_p(), ctypes.c_void_p(), ctypes.c_void_p()
+        self.lib.SQLAllocHandle(self.HANDLE_ENV, None, ctypes.byref(self.env))
+        self.lib.SQLSetEnvAttr(self.env, 200, ctypes.c_void_p(3), 0)  # ODBC 3
+        self.lib.SQLAllocHandle(self.HANDLE_DBC, self.env, ctypes.byref(self.dbc))
+        text = connection_string(port).encode()
+        rc = self.lib.SQLDriverConnect(self.dbc, None, text, self.NTS, None, 0, None, 0)
+        if rc not in (0, 1):
+            raise RuntimeError("connect failed: %s" % self.diagnostics(self.HANDLE_DBC, self.dbc))
+        self.lib.SQLAllocHandle(self.HANDLE_STMT, self.dbc, ctypes.byref(self.stmt))
+
+    def execute(self, sql, timeout=0):
+        self.lib.SQLFreeStmt(self.stmt, 0)  # close any open cursor
+        self.lib.SQLSetStmtAttr(self.stmt, self.ATTR_QUERY_TIMEOUT, ctypes.c_void_p(timeout), 0)
+        return self.lib.SQLExecDirect(self.stmt, sql.encode(), self.NTS)
+
+    def fetch_text(self):
+        """The first column of the next row as text, None for NULL; or the fetch's return code."""
+        rc = self.lib.SQLFetch(self.stmt)
+        if rc not in (0, 1):
+            return rc
+        buffer, length = ctypes.create_string_buffer(1 << 20), ctypes.c_ssize_t()
+        self.lib.SQLGetData(self.stmt, 1, 1, buffer, ctypes.c_ssize_t(len(buffer)), ctypes.byref(length))
+        return None if length.value == -1 else buffer.raw[:length.value].decode()
+
+    def diagnostics(self, kind=HANDLE_STMT, handle=None):
+        found, state, text = [], ctypes.create_string_buffer(6), ctypes.create_string_buffer(1024)
+        native, size = ctypes.c_int(), ctypes.c_short()
+        while self.lib.SQLGetDiagRec(kind, handle or self.stmt, len(found) + 1, state, ctypes.byref(native),
+                                     text, len(text), ctypes.byref(size)) == 0:
+            found.append((state.value.decode(), text.value.decode()))
+        return found
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        self.lib.SQLFreeHandle(self.HANDLE_STMT, self.stmt)
+        self.lib.SQLDisconnect(self.dbc)
+        self.lib.SQLFreeHandle(self.HANDLE_DBC, self.dbc)
+        self.lib.SQLFreeHandle(self.HANDLE_ENV, self.env)
+
+
+class TdsTestServerTest(unittest.TestCase):
+    def setUp(self):
+        self.double = Double(SCRIPT)
+
+    def tearDown(self):
+        if self.double.process.poll() is None:
+            self.double.stop()
+
+    def test_every_type_and_its_null_reach_the_client(self):
+        answer = isql(self.double.port, "-- types")
+        self.assertEqual(answer.stdout.splitlines(), [
+            "-2147483648|9223372036854775807|-32768|255|1|-1234567890123456789012345678901234.5678|123.45|"
+            "1.5000000000000001e+300|0.25|Zürich|big|Café|2024-02-29 23:59:59.997|"
+            "2024-02-29 23:59:59.1234567|6F9619FF-8B86-D011-B42D-00C04FC964FF",
+            "|" * (len(TYPES) - 1)], answer.stderr)
+
+    def test_unicode_and_wide_values_with_the_batch_logged(self):
+        answer = isql(self.double.port, "-- table KZQDBD")
+        self.assertEqual(answer.stdout.splitlines(), ["master|6", "|2147483648", "Café Zürich 中文 😀|-1"])
+        with Odbc(self.double.port) as client:
+            self.assertEqual(client.execute("-- long"), 0)
+            self.assertEqual(client.fetch_text(), LONG_TEXT)  # many packets and PLP chunks
+            self.assertEqual(client.fetch_text(), 100)  # no more rows
+        journal = self.double.journal()
+        self.assertIn("-- table KZQDBD", journal)
+        self.assertIn("-- long", journal)
+        self.assertEqual(journal[0], {"login": {"user": "kzqmon", "database": "master", "app": "",
+                                                "accepted": True}})
+
+    def test_wrong_password_is_refused_and_never_logged(self):
+        answer = isql(self.double.port, "-- types", password="Wr0ng")
+        self.assertNotEqual(answer.returncode, 0)
+        self.assertIn("Login failed for user 'kzqmon'.", answer.stdout + answer.stderr)
+        self.assertEqual(self.double.journal(), [{"login": {"user": "kzqmon", "database": "master",
+                                                            "app": "", "accepted": False}}])
+        self.assertNotIn("Wr0ng", self.double.log_path.read_text())
+
+    def test_scripted_error_reaches_the_client(self):
+        answer = isql(self.double.port, "-- missing")
+        self.assertIn("[S0002]", answer.stdout + answer.stderr)
+        self.assertIn("Invalid object name 'x'.", answer.stdout + answer.stderr)
+
+    def test_hanging_batch_ends_with_the_query_timeout_and_the_connection_survives(self):
+        with Odbc(self.double.port) as client:
+            started = time.monotonic()
+            self.assertEqual(within(10, lambda: client.execute("-- hang", timeout=1)), -1)
+            self.assertGreaterEqual(time.monotonic() - started, 1)
+            self.assertIn("HYT00", [state for state, _ in client.diagnostics()])
+            self.assertEqual(within(10, lambda: client.execute("-- table KZQDBD")), 0)  # attention answered
+            self.assertEqual(client.fetch_text(), "master")
+
+    def test_result_cut_off_midway_is_an_error_not_a_hang(self):
+        with Odbc(self.double.port) as client:
+            self.assertEqual(client.execute("-- midway"), 0)
+            self.assertEqual(client.fetch_text(), "1")
+            self.assertEqual(within(10, client.fetch_text), -1)
+            self.assertIn("Unexpected EOF from the server", " ".join(t for _, t in client.diagnostics()))
+
+    def test_malformed_packet_closes_only_that_connection(self):
+        with socket.create_connection(("127.0.0.1", self.double.port)) as raw:
+            raw.sendall(bytes([0x12, 1, 0, 4, 0, 0, 0, 0]))  # length shorter than the header
+            raw.settimeout(10)
+            self.assertEqual(raw.recv(100), b"")
+        self.assertEqual(isql(self.double.port, "-- table KZQDBD").returncode, 0)
+        code, errors = self.double.stop()
+        self.assertEqual(code, 0)
+        self.assertIn("packet length 4 is shorter than its header", errors)
+
+
+class ScriptCheckTest(unittest.TestCase):
+    def refusal(self, script):
+        with tempfile.NamedTemporaryFile("w", suffix=".json") as file:
+            json.dump(script, file)
+            file.flush()
+            run = subprocess.run([sys.executable, str(SERVER), "--script", file.name],
+                                 capture_output=True, text=True, timeout=30)
+        self.assertEqual(run.returncode, 2)
+        return run.stderr
+
+    def test_bad_scripts_are_refused_saying_where(self):
+        def result(**entry):
+            return {"login": {"user": "u", "password": "p"}, "results": [dict(match="x", **entry)]}
+        int_column = [{"name": "A", "type": "int"}]
+        self.assertIn("results[0].rows[1][0]: expected an integer",
+                      self.refusal(result(columns=int_column, rows=[[1], [2147483648]])))
+        self.assertIn("results[0].columns[0].type: unsupported type 'money'",
+                      self.refusal(result(columns=[{"name": "A", "type": "money"}])))
+        self.assertIn("has more than 2 decimals", self.refusal(
+            result(columns=[{"name": "A", "type": "decimal(5,2)"}], rows=[["1.234"]])))
+        self.assertIn("cannot be written in cp1252", self.refusal(
+            result(columns=[{"name": "A", "type": "varchar(5)"}], rows=[["中"]])))
+        self.assertIn("'close_after_row'", self.refusal(result(close_after_row=1)))
+
+
+if __name__ == "__main__":
+    unittest.main()
