@@ -80,8 +80,7 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       return false;
     }
   }
-  if (options->sql) return options->replay.empty();
-  return options->queries.empty() && options->record.empty();
+  return !(options->sql && !options->replay.empty());
 }
 
 // Without a source on the command line, the instance's settings name it,
@@ -102,6 +101,13 @@ bool SourceFromSettings(Options* options, std::string* error) {
   }
   if (options->replay.empty()) *error = "no rows to answer with: give --replay or --sql, or set KZQ_COLLECTOR_SOURCE";
   return !options->replay.empty();
+}
+
+// --queries and --record belong to the SQL Server source.
+bool SourceOptionsFit(const Options& options, std::string* error) {
+  if (options.sql || (options.queries.empty() && options.record.empty())) return true;
+  *error = "--queries and --record need the SQL Server source (--sql or KZQ_COLLECTOR_SOURCE=sql)";
+  return false;
 }
 
 // The source the options name; null with *error when it cannot be made.
@@ -148,7 +154,8 @@ int main(int argc, char** argv) {
   // Bad replay data or queries fail the start at once, before any service
   // report; an unreachable SQL Server does not (it is data, not a failure).
   std::string error;
-  if (SourceFromSettings(&g_options, &error)) g_source = MakeSource(g_options, &error);
+  if (SourceFromSettings(&g_options, &error) && SourceOptionsFit(g_options, &error))
+    g_source = MakeSource(g_options, &error);
   if (g_source == nullptr) {
     kvc::Log('e', "col0003", "kzqcoll: %s\n", error.c_str());
     return 3;

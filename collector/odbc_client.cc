@@ -22,9 +22,9 @@ std::u16string Wide(const std::string& utf8) { return platform::Utf8ToUtf16(utf8
 
 SQLWCHAR* WideArgument(std::u16string& text) { return reinterpret_cast<SQLWCHAR*>(text.data()); }
 
-// Every diagnostic record of a handle as "[SQLSTATE] text; ...", and the
-// first record's SQLSTATE.
-std::string Diagnostics(SQLSMALLINT type, SQLHANDLE handle, std::string* first_state) {
+// Every diagnostic record of a handle as "[SQLSTATE] text; ...", and
+// their SQLSTATEs.
+std::string Diagnostics(SQLSMALLINT type, SQLHANDLE handle, std::vector<std::string>* states) {
   std::string all;
   for (SQLSMALLINT record = 1; record <= 8; ++record) {
     SQLWCHAR state[6] = {};
@@ -35,7 +35,7 @@ std::string Diagnostics(SQLSMALLINT type, SQLHANDLE handle, std::string* first_s
                                         static_cast<SQLSMALLINT>(sizeof message / sizeof message[0]), &length);
     if (!SQL_SUCCEEDED(rc)) break;
     const std::string state_text = platform::Utf16ToUtf8(std::u16string_view(reinterpret_cast<char16_t*>(state), 5));
-    if (record == 1 && first_state != nullptr) *first_state = state_text;
+    if (states != nullptr) states->push_back(state_text);
     std::string text = platform::Utf16ToUtf8(reinterpret_cast<char16_t*>(message));
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     if (!all.empty()) all += "; ";
@@ -145,10 +145,15 @@ bool ReadColumns(SQLHSTMT statement, SQLSMALLINT count, ResultSet* result, std::
   return true;
 }
 
-QueryOutcome Classify(const std::string& state) {
-  if (state == "HYT00" || state == "HYT01") return QueryOutcome::kTimedOut;
-  if (state.compare(0, 2, "08") == 0) return QueryOutcome::kLost;
-  return QueryOutcome::kFailed;
+// A driver may put a warning before the record that tells what happened
+// (a lost link after "unexpected end of data"), so every record counts.
+QueryOutcome Classify(const std::vector<std::string>& states) {
+  QueryOutcome outcome = QueryOutcome::kFailed;
+  for (const std::string& state : states) {
+    if (state.compare(0, 2, "08") == 0) return QueryOutcome::kLost;
+    if (state == "HYT00" || state == "HYT01") outcome = QueryOutcome::kTimedOut;
+  }
+  return outcome;
 }
 
 }  // namespace
@@ -224,9 +229,9 @@ QueryOutcome OdbcConnection::Query(const std::string& batch, int timeout_seconds
   }
   QueryOutcome outcome = QueryOutcome::kOk;
   if (rc != SQL_NO_DATA && !SQL_SUCCEEDED(rc)) {
-    std::string state;
-    *error = Diagnostics(SQL_HANDLE_STMT, statement, &state);
-    outcome = Classify(state);
+    std::vector<std::string> states;
+    *error = Diagnostics(SQL_HANDLE_STMT, statement, &states);
+    outcome = Classify(states);
   }
   SQLFreeHandle(SQL_HANDLE_STMT, statement);
   if (outcome == QueryOutcome::kTimedOut || outcome == QueryOutcome::kLost) Disconnect();

@@ -68,6 +68,12 @@ SqlServerSettings ReadSqlServerSettings(std::vector<std::string>* problems) {
   }
   s.trust_certificate = IsOn(Setting("COLL_SQL_TRUST_CERT"));
   s.options = Setting("COLL_SQL_OPTIONS");
+  // The FreeTDS driver reads a value in braces up to the first '}', so it
+  // cannot be given one that holds it; say so rather than fail the login.
+  for (const auto& [name, value] : {std::pair<const char*, const std::string*>{"COLL_LOGON", &s.login},
+                                    {"COLL_PASSWORD", &s.password}})
+    if (IsFreeTds(s.driver) && value->find('}') != std::string::npos)
+      problems->push_back(std::string(name) + " holds a '}', which the FreeTDS driver cannot take: the login will fail");
   s.login_timeout = Number("COLL_SQL_LOGIN_TIMEOUT", 1, 600, s.login_timeout, problems);
   s.query_timeout = Number("COLL_SQL_QUERY_TIMEOUT", 1, 3600, s.query_timeout, problems);
   s.lock_timeout_ms = Number("COLL_SQL_LOCK_TIMEOUT", 0, 600000, s.lock_timeout_ms, problems);
