@@ -2,11 +2,11 @@
 # Each target installs what it needs on a fresh Debian machine.
 
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev \
-  libsystemd-dev systemd prometheus chromium python3 unixodbc tdsodbc
+  libsystemd-dev systemd prometheus chromium python3 unixodbc unixodbc-dev tdsodbc
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
 FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
-  nlohmann-json3-dev libsystemd-dev
-DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libsystemd-dev
+  nlohmann-json3-dev libsystemd-dev unixodbc-dev
+DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libsystemd-dev unixodbc-dev
 JOBS ?= 2
 
 .PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench soak deps-native deps-windows build build-windows clean
@@ -92,10 +92,11 @@ demo:
 # Benchmarks run on an optimised build without sanitizers.
 bench: deps-native
 	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build-bench -j $(JOBS) --target channel_bench errorlog_bench http_bench kzqagent kzqcoll
+	@cmake --build build-bench -j $(JOBS) --target channel_bench errorlog_bench http_bench sql_source_bench kzqagent kzqcoll
 	build-bench/bench/channel_bench
 	build-bench/bench/errorlog_bench
 	build-bench/bench/http_bench
+	build-bench/bench/sql_source_bench
 
 # A soak of the optimised agent beside the collector and the demo's errorlog
 # writer, under scrapes, table reads and event consumers coming and going;
