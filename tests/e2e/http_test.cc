@@ -266,7 +266,7 @@ int Kzqctl(const std::string& arguments, const std::string& output, std::string*
   return code;
 }
 
-TEST_F(Http, TablesSamplesAndFiltersAsJsonAndThroughKzqctl) {
+TEST_F(Http, TablesSamplesFiltersAndMetricsAsJsonTextAndThroughKzqctl) {
   agent_ = StartAgent();
   const Json tables = GetJson(agent_.Url(), "/tables");
   ASSERT_EQ(tables.size(), 33u);
@@ -303,15 +303,10 @@ TEST_F(Http, TablesSamplesAndFiltersAsJsonAndThroughKzqctl) {
   EXPECT_EQ(Json::parse(text)["rows"].size(), 2u);
   EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQNOPE", home_.File("ctl4"), &text), 1);
   EXPECT_THAT(text, HasSubstr("the agent answered 404: unknown table 'KZQNOPE'"));
-  KillAgent();
-  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl5"), &text), 1);
-  EXPECT_THAT(text, HasSubstr("no agent answers at " + url));
-}
 
-TEST_F(Http, MetricsCarryTheCachedSamplesAndTheAgentsHealth) {
-  agent_ = StartAgent();
-  ASSERT_TRUE(Eventually([&] { return Sampled(agent_.Url()); }));
-  httplib::Client client(agent_.Url());
+  // The metrics carry the scheduler's cached samples and the agent's health.
+  ASSERT_TRUE(Eventually([&] { return Sampled(url); }));
+  httplib::Client client(url);
   auto scrape = client.Get("/metrics");
   ASSERT_TRUE(scrape);
   EXPECT_EQ(scrape->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
@@ -326,6 +321,9 @@ TEST_F(Http, MetricsCarryTheCachedSamplesAndTheAgentsHealth) {
   const int promtool = system(("promtool check metrics < " + home_.File("scrape.txt")).c_str());
   EXPECT_EQ(promtool, 0) << "promtool check metrics found problems";
 #endif
+  KillAgent();
+  EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl5"), &text), 1);
+  EXPECT_THAT(text, HasSubstr("no agent answers at " + url));
 }
 
 // Each consumer gets every error once, also when the server cycles its log
