@@ -6,6 +6,7 @@
 
 #include "collector/replay_source.h"
 #include "kzq/catalogue.h"
+#include "tests/support/table_rows.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -25,19 +26,15 @@ Parsed Parse(const kzq::TableSpec& table, const std::string& text) {
   return p;
 }
 
-int32_t IntAt(const kzq::TableSpec& table, const std::string& rows, int row, const char* name) {
-  int32_t v;
-  const size_t at = static_cast<size_t>(row) * (table.row_size - table.CollectorOffset()) +
-                    (table.offsets[table.IndexOf(name)] - table.CollectorOffset());
-  memcpy(&v, rows.data() + at, sizeof v);
-  return v;
-}
-
+// A field of row `row` of the collector's rows.
 std::string TextAt(const kzq::TableSpec& table, const std::string& rows, int row, const char* name) {
-  const int i = table.IndexOf(name);
-  const size_t at = static_cast<size_t>(row) * (table.row_size - table.CollectorOffset()) +
-                    (table.offsets[i] - table.CollectorOffset());
-  return rows.substr(at, table.attributes[i].width);
+  const size_t length = static_cast<size_t>(table.row_size - table.CollectorOffset());
+  return kzq_test::FieldBytes(table, rows.substr(row * length, length), name, table.CollectorOffset());
+}
+int32_t IntAt(const kzq::TableSpec& table, const std::string& rows, int row, const char* name) {
+  int32_t value = 0;
+  memcpy(&value, TextAt(table, rows, row, name).data(), sizeof value);
+  return value;
 }
 
 TEST(ReplayRows, PacksNamedValuesIntoTheCollectorLayout) {

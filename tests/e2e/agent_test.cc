@@ -126,35 +126,6 @@ TEST_F(AgentProcess, ServiceReportsEachStateAndStopsOnTheStopControl) {
   EXPECT_EQ(manager->ExitCode(), 0) << manager->Log();
 }
 
-// A service that cannot serve does not stay reported as running: it stops
-// with its work's code, and col.log says why.
-TEST_F(AgentProcess, ServiceThatCannotServeStopsWithItsCodeAndTheReason) {
-#ifdef _WIN32
-  GTEST_SKIP() << "a Windows service does not inherit this process's settings; the installation test covers it";
-#endif
-  platform::SetEnv("KZQ_HTTP_LISTEN", "no-port-here");
-  auto manager = kzq_test::ServiceManager::Create(logs_.Path());
-  ASSERT_TRUE(manager->Start(Agent(), {"-serverid", "SQLF"})) << manager->Log();
-  platform::SetEnv("KZQ_HTTP_LISTEN", "");
-  EXPECT_TRUE(manager->WaitFor(kzq_test::ServiceManager::kStopped)) << manager->Log();
-  EXPECT_NE(manager->ExitCode(), 0) << manager->Log();
-  const std::string log = kzq_test::ReadFile(logs_.File("col.log"));
-  EXPECT_THAT(log, HasSubstr("no-port-here"));
-  EXPECT_THAT(log, HasSubstr("CTC5010E"));
-}
-
-TEST_F(AgentProcess, CollectorRunsAsAServiceToo) {
-  kzq_test::TempDir replay;
-  kzq_test::WriteFile(replay.File("kzqdbd.jsonl"), "{\"SERVERID\": \"SQL1\"}\n");
-  auto manager = kzq_test::ServiceManager::Create(logs_.Path());
-  ASSERT_TRUE(manager->Start(kzq_test::BuiltProgram("collector", "kzqcoll"), {"--service", "--replay", replay.Path()}))
-      << manager->Log();
-  EXPECT_TRUE(manager->WaitFor(kzq_test::ServiceManager::kRunning)) << manager->Log();
-  ASSERT_TRUE(manager->Stop()) << manager->Log();
-  EXPECT_TRUE(manager->WaitFor(kzq_test::ServiceManager::kStopped)) << manager->Log();
-  EXPECT_EQ(manager->ExitCode(), 0) << manager->Log();
-}
-
 TEST_F(AgentProcess, ConsoleCollectorStopsOnRequestAndRemovesItsPidFile) {
   kzq_test::TempDir replay;
   platform::SetEnv("COLL_SERVICENUMBER", "77");

@@ -21,6 +21,7 @@
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
 #include "tests/e2e/channel_pattern.h"
+#include "tests/e2e/channel_peer_process.h"
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temp_dir.h"
@@ -29,8 +30,6 @@
 namespace {
 
 using testing::HasSubstr;
-
-std::string PeerPath() { return kzq_test::BuiltProgram("tests", "kvc_channel_peer"); }
 
 // The agent side of the channel, opened under a prefix of this process;
 // each test talks to a fresh collector process.
@@ -52,25 +51,11 @@ class Channel : public testing::Test {
     }
   }
 
-  std::unique_ptr<platform::ChildProcess> StartPeer(std::vector<std::string> args) {
-    args.insert(args.begin(), {PeerPath(), first_, "1"});
-    int error = 0;
-    auto peer = platform::StartProcess(args, &error);
-    EXPECT_NE(peer, nullptr) << "cannot start the peer: " << error;
-    return peer;
+  static std::unique_ptr<platform::ChildProcess> StartPeer(const std::vector<std::string>& args) {
+    return kzq_test::StartChannelPeer(first_, "1", args);
   }
-
-  // A peer that has opened the channel: an exchange waits only seconds
-  // for its answer, and a process starts slowly under Wine.
-  std::unique_ptr<platform::ChildProcess> StartReadyPeer(std::vector<std::string> args) {
-    kzq_test::TempDir scratch;
-    const std::string ready = scratch.File("ready");
-    platform::SetEnv("KVC_PEER_READY_FILE", ready);
-    auto peer = StartPeer(std::move(args));
-    platform::SetEnv("KVC_PEER_READY_FILE", "");
-    platform::FileStatus st;
-    EXPECT_TRUE(kzq_test::Eventually([&] { return platform::StatPath(ready, &st) == 0; }));
-    return peer;
+  static std::unique_ptr<platform::ChildProcess> StartReadyPeer(const std::vector<std::string>& args) {
+    return kzq_test::StartChannelPeer(first_, "1", args, true);
   }
 
   // The real collector, replaying two databases and one job.

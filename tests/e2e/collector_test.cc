@@ -83,10 +83,4 @@ TEST_F(Collector, AnswersATableWithItsReplayedRowsTheHeartbeatAndTablesWithoutRo
   }
 }
 
-TEST_F(Collector, WritesItsPidFileWhereTheProbeLooks) {
-  const std::string pid_file = platform::PidFilePath("KZQCOLL93");
-  ASSERT_TRUE(kzq_test::Eventually([&] { return std::filesystem::exists(pid_file); }, 20000));
-  EXPECT_GT(atoi(kzq_test::ReadFile(pid_file).c_str()), 0);
-}
-
 }  // namespace

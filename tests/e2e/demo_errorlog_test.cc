@@ -16,6 +16,7 @@
 #include "platform/clock.h"
 #include "platform/process.h"
 #include "tests/support/binaries.h"
+#include "tests/support/table_rows.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -52,19 +53,12 @@ Entries Reported(const std::string& output) {
   return entries;
 }
 
+const int kEventStart = kzq::kzqerror_spec.offsets[kzq::kzqerror_spec.IndexOf("MSGTIME")];
 std::string EventText(const std::string& event, const char* name) {
-  const kzq::TableSpec& spec = kzq::kzqerror_spec;
-  const int i = spec.IndexOf(name);
-  const int from = spec.offsets[spec.IndexOf("MSGTIME")];
-  std::string text = event.substr(static_cast<size_t>(spec.offsets[i] - from), spec.attributes[i].width);
-  while (!text.empty() && text.back() == ' ') text.pop_back();
-  return text;
+  return kzq_test::FieldText(kzq::kzqerror_spec, event, name, kEventStart);
 }
-
 int32_t EventInt(const std::string& event, const char* name) {
-  int32_t value = 0;
-  memcpy(&value, EventText(event, name).data(), sizeof value);
-  return value;
+  return kzq_test::FieldInt(kzq::kzqerror_spec, event, name, kEventStart);
 }
 
 class DemoErrorlog : public testing::Test {

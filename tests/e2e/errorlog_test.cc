@@ -30,7 +30,10 @@
 #include "platform/clock.h"
 #include "platform/environment.h"
 #include "tests/support/errorlog_writer.h"
+#include "tests/support/eventually.h"
+#include "tests/support/table_rows.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/trace_capture.h"
 
 namespace {
 
@@ -46,11 +49,10 @@ class CollectingSink final : public kzq::ErrorEventSink {
 };
 
 std::string Field(const std::string& row, const char* name) {
-  const kzq::TableSpec& spec = kzq::kzqerror_spec;
-  const int i = spec.IndexOf(name);
-  std::string text = row.substr(spec.offsets[i], spec.attributes[i].width);
-  while (!text.empty() && text.back() == ' ') text.pop_back();
-  return text;
+  return kzq_test::FieldText(kzq::kzqerror_spec, row, name);
+}
+int32_t IntField(const std::string& row, const char* name) {
+  return kzq_test::FieldInt(kzq::kzqerror_spec, row, name);
 }
 
 // A counter of the monitor's that has no labels.
@@ -61,10 +63,10 @@ uint64_t Counted(const kzq::ErrorlogMonitor& monitor, const std::string& family)
   return 0;
 }
 
-int32_t IntField(const std::string& row, const char* name) {
-  int32_t value = 0;
-  memcpy(&value, row.data() + kzq::kzqerror_spec.offsets[kzq::kzqerror_spec.IndexOf(name)], sizeof value);
-  return value;
+// Ten seconds of patience for what the monitor's thread does.
+template <typename F>
+bool Soon(F done) {
+  return kzq_test::Eventually(done, 10000, 5);
 }
 
 class Errorlog : public testing::Test {
@@ -99,27 +101,18 @@ class Errorlog : public testing::Test {
     queue_.Clear();
     auto monitor = std::make_unique<kzq::ErrorlogMonitor>(sink_, queue_, platform::NowUnixSeconds);
     monitor->RequestStarted();
-    const uint64_t deadline = platform::MonotonicMillis() + 10000;
-    while (!monitor->Watching() && platform::MonotonicMillis() < deadline) platform::SleepMillis(5);
-    EXPECT_TRUE(monitor->Watching());
+    EXPECT_TRUE(Soon([&] { return monitor->Watching(); }));
     return monitor;
-  }
-  void TearDown() override {
-    if (trace_ == nullptr) return;
-    framework::SetTraceStream(nullptr);
-    framework::SetTraceLevel(0);
-    fclose(trace_);
   }
   // The rows emitted so far, once `count` have come (or 10 s passed).
   std::vector<std::string> RowsWhen(size_t count) {
-    const uint64_t deadline = platform::MonotonicMillis() + 10000;
-    for (;;) {
-      {
-        std::lock_guard<std::mutex> guard(sink_.lock);
-        if (sink_.rows.size() >= count || platform::MonotonicMillis() > deadline) return sink_.rows;
-      }
-      platform::SleepMillis(10);
-    }
+    std::vector<std::string> rows;
+    Soon([&] {
+      std::lock_guard<std::mutex> guard(sink_.lock);
+      rows = sink_.rows;
+      return rows.size() >= count;
+    });
+    return rows;
   }
   // The rows of the events the start-up scan queued for report samples.
   std::vector<std::string> QueuedRows() {
@@ -136,22 +129,17 @@ class Errorlog : public testing::Test {
     return texts;
   }
   // The monitor's failure lines go to a file of the test's own.
-  void TraceFailures() {
-    trace_ = fopen(trace_dir_.File("trace.txt").c_str(), "w");
-    ASSERT_NE(trace_, nullptr);
-    framework::SetTraceStream(trace_);
-    framework::SetTraceLevel(framework::kTraceError);
-  }
+  void TraceFailures() { trace_.emplace(framework::kTraceError); }
   // How many traced lines hold `text`, once at least one does (or 10 s passed).
   int TracedLines(const std::string& text) {
-    const uint64_t deadline = platform::MonotonicMillis() + 10000;
-    for (;;) {
-      int lines = 0;
-      std::istringstream traced(kzq_test::ReadFile(trace_dir_.File("trace.txt")));
+    int lines = 0;
+    Soon([&] {
+      std::istringstream traced(trace_->Text());
+      lines = 0;
       for (std::string line; std::getline(traced, line);) lines += line.find(text) != std::string::npos ? 1 : 0;
-      if (lines > 0 || platform::MonotonicMillis() > deadline) return lines;
-      platform::SleepMillis(10);
-    }
+      return lines > 0;
+    });
+    return lines;
   }
 
   // ERRORLOG.1 as an older generation: its error lies beyond every offset
@@ -165,8 +153,7 @@ class Errorlog : public testing::Test {
   kzq_test::LogClock clock_;
   CollectingSink sink_;
   kzq::ErrorEventQueue queue_;
-  kzq_test::TempDir trace_dir_;
-  FILE* trace_ = nullptr;
+  std::optional<kzq_test::TraceCapture> trace_;
 };
 
 TEST_F(Errorlog, LiveErrorsAtOrAboveTheMinimumSeverityBecomeRows) {
@@ -197,25 +184,15 @@ TEST_F(Errorlog, LiveErrorsAtOrAboveTheMinimumSeverityBecomeRows) {
   EXPECT_EQ(queue_.Size(), 0);
 }
 
-TEST_F(Errorlog, AMinimumSeverityFromTheEnvironmentIsHonoured) {
-  platform::SetEnv("COLL_ALERT_SEV", "14");
-  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
-  auto monitor = StartMonitor();
-  writer.Error("Logon", 18456, 13, 8, "below").Error("Logon", 18456, 14, 8, "at the minimum");
-  const auto rows = RowsWhen(1);
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "at the minimum");
-}
-
 // The monitor may start before the server has created its log, which on
-// Linux it names "errorlog" while COLL_ERRORLOG says "ERRORLOG".
+// Linux it names "errorlog" while COLL_ERRORLOG says "ERRORLOG". A minimum
+// severity from the environment is honoured.
 TEST_F(Errorlog, ALogCreatedAfterTheMonitorStartedIsFoundInAnyCase) {
+  platform::SetEnv("COLL_ALERT_SEV", "14");
   auto monitor = StartMonitor();
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("errorlog"), clock_);
-  writer.Error("spid52", 823, 17, 2, "I/O error 1117 detected.");
-  const auto rows = RowsWhen(1);
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "I/O error 1117 detected.");
+  writer.Error("Logon", 18456, 13, 8, "below").Error("Logon", 18456, 14, 8, "at the minimum");
+  EXPECT_EQ(TextsWhen(1), std::vector<std::string>{"at the minimum"});
 }
 
 #ifndef _WIN32
@@ -263,9 +240,10 @@ TEST_F(Errorlog, ARestartedMonitorResumesWhereTheLastOneStopped) {
 TEST_F(Errorlog, AnErrorWhoseMessageIsNotYetWrittenIsReadWhenItIs) {
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
   auto monitor = StartMonitor();
+  const uint64_t reads = Counted(*monitor, "kzq_errorlog_reads_total");
   writer.Bytes(kzq_test::Utf16Bytes(kzq_test::LogLineText(clock_, "spid60", "Error: 5, Severity: 18, State: 1.") +
                                     "\r\n" + kzq_test::LogLineText(clock_, "spid60", "half a mess")));
-  platform::SleepMillis(500);
+  ASSERT_TRUE(Soon([&] { return Counted(*monitor, "kzq_errorlog_reads_total") > reads; }));
   writer.Bytes(kzq_test::Utf16Bytes("age\r\n"));
   const auto rows = RowsWhen(1);
   ASSERT_EQ(rows.size(), 1u);
@@ -495,26 +473,13 @@ TEST_F(Errorlog, AReportSampleAnswersTheNewestErrorsOnce) {
 
 // Through the framework, as the agent runs it: an event request on the
 // error table starts the agent's own monitor and receives each error.
-class Listener : public framework::RowConsumer {
- public:
-  int Deliver(const framework::tavra& table) override {
-    std::lock_guard<std::mutex> guard(lock);
-    for (int i = 0; i < table.NumDataItems(); ++i)
-      rows.emplace_back(reinterpret_cast<const char*>(table.Data()) + static_cast<size_t>(i) * table.RowSize(),
-                        static_cast<size_t>(table.RowSize()));
-    return 0;
-  }
-  std::mutex lock;
-  std::vector<std::string> rows;
-};
-
 TEST_F(Errorlog, AnEventRequestOnTheErrorTableReceivesEachErrorAtOnce) {
   // Registered tables live as long as the process, and so do their sources.
   static auto* paths = new kzq::AgentDataPaths(kvc::SharedChannel());
   kzq::RegisterAllTables(*paths);
   kzq::ErrorlogMonitor& monitor = paths->Monitor();
   auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
-  Listener listener;
+  kzq_test::CollectedRows listener;
   framework::RequestDetail detail;
   detail.table = "KZQERROR";
   detail.type = framework::kSampleEvent;
@@ -525,21 +490,15 @@ TEST_F(Errorlog, AnEventRequestOnTheErrorTableReceivesEachErrorAtOnce) {
   framework::tavra* request = manager->OpenRequest(&detail, &context);
   ASSERT_NE(request, nullptr);
   EXPECT_EQ(monitor.RequestCount(), 1);
-  const uint64_t deadline = platform::MonotonicMillis() + 10000;
-  while (!monitor.Watching() && platform::MonotonicMillis() < deadline) platform::SleepMillis(5);
+  EXPECT_TRUE(Soon([&] { return monitor.Watching(); }));
   writer.Error("spid99", 9001, 21, 1, "The log for database 'sales' is not available.");
-  size_t received = 0;
-  while (received == 0 && platform::MonotonicMillis() < deadline) {
-    platform::SleepMillis(5);
-    std::lock_guard<std::mutex> guard(listener.lock);
-    received = listener.rows.size();
-  }
+  EXPECT_TRUE(Soon([&] { return !listener.Rows().empty(); }));
   manager->CloseRequest(request);
   EXPECT_EQ(monitor.RequestCount(), 0);
-  std::lock_guard<std::mutex> guard(listener.lock);
-  ASSERT_EQ(listener.rows.size(), 1u);
-  EXPECT_EQ(Field(listener.rows[0], "ERRORID"), "9001");
-  EXPECT_EQ(Field(listener.rows[0], "UMSGTEXT"), "The log for database 'sales' is not available.");
+  const std::vector<std::string> rows = listener.Rows();
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(Field(rows[0], "ERRORID"), "9001");
+  EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "The log for database 'sales' is not available.");
 }
 
 }  // namespace

@@ -29,42 +29,22 @@
 #include "platform/semaphore.h"
 #include "platform/shared_memory.h"
 #include "platform/service_probe.h"
+#include "tests/e2e/channel_peer_process.h"
 #include "tests/support/binaries.h"
+#include "tests/support/eventually.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/table_rows.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/trace_capture.h"
 
 namespace {
 
 using testing::HasSubstr;
 using testing::Not;
 
-// Keeps the rows a sample delivered.
-class Rows : public framework::RowConsumer {
- public:
-  int Deliver(const framework::tavra& table) override {
-    for (int i = 0; i < table.NumDataItems(); ++i)
-      rows.emplace_back(reinterpret_cast<const char*>(table.Data()) + static_cast<size_t>(i) * table.RowSize(),
-                        static_cast<size_t>(table.RowSize()));
-    return 0;
-  }
-  std::vector<std::string> rows;
-};
-
-std::string FieldOf(const kzq::TableSpec& spec, const std::string& row, const char* name) {
-  const int i = spec.IndexOf(name);
-  return row.substr(spec.offsets[i], spec.attributes[i].width);
-}
-
-int32_t IntOf(const kzq::TableSpec& spec, const std::string& row, const char* name) {
-  int32_t value = 0;
-  memcpy(&value, row.data() + spec.offsets[spec.IndexOf(name)], sizeof value);
-  return value;
-}
-
-std::string Trimmed(std::string text) {
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\0')) text.pop_back();
-  return text;
-}
+using kzq_test::FieldBytes;
+using kzq_test::FieldInt;
+using kzq_test::FieldText;
 
 // Distinct values for every collector attribute of a table, as JSON lines
 // and as the collector bytes they must arrive as.
@@ -131,8 +111,6 @@ class Sampling : public testing::Test {
       platform::RemoveSharedArea(name);
       platform::RemoveSemaphore(name);
     }
-    framework::SetTraceLevel(0);
-    framework::SetTraceStream(nullptr);
   }
 
   void StartCollector() {
@@ -161,27 +139,14 @@ class Sampling : public testing::Test {
     collector_.reset();
   }
   std::vector<std::string> Sample(const kzq::TableSpec& spec, const char* filter_text = nullptr) {
-    Rows rows;
+    kzq_test::CollectedRows rows;
     framework::RequestDetail detail;
     detail.table = spec.key;
     detail.consumer = &rows;
-    std::optional<framework::SituationFilter> filter;
-    if (filter_text != nullptr) {
-      std::string error;
-      filter = framework::SituationFilter::Parse(filter_text, LookupFor(spec), &error);
-      EXPECT_TRUE(filter.has_value()) << error;
-      detail.filter = filter ? &*filter : nullptr;
-    }
+    const auto filter = filter_text ? kzq_test::FilterFor(spec, filter_text) : std::nullopt;
+    detail.filter = filter ? &*filter : nullptr;
     EXPECT_EQ(framework::RunReportSample(detail, nullptr, nullptr), framework::kRequestOk);
-    return rows.rows;
-  }
-  static framework::AttributeKindLookup LookupFor(const kzq::TableSpec& spec) {
-    return [&spec](std::string_view name) -> std::optional<framework::AttributeKind> {
-      const int i = spec.IndexOf(name);
-      if (i < 0) return std::nullopt;
-      return spec.attributes[i].type == kzq::kTypeText ? framework::AttributeKind::kText
-                                                       : framework::AttributeKind::kInteger;
-    };
+    return rows.Rows();
   }
   void MarkServiceRunning(const char* service) {
     kzq_test::WriteFile(platform::PidFilePath(service), std::to_string(platform::CurrentProcessId()));
@@ -213,50 +178,44 @@ TEST_F(Sampling, EveryCollectorTableReturnsItsReplayedRowsCompletedByTheAgent) {
     const std::vector<std::string> rows = Sample(spec);
     ASSERT_EQ(rows.size(), 2u);
     for (int r = 0; r < 2; ++r) {
-      EXPECT_EQ(FieldOf(spec, rows[r], "ORIGINNODE"), origin);
-      const std::string stamp = FieldOf(spec, rows[r], "TIMESTAMP");
+      EXPECT_EQ(FieldBytes(spec, rows[r], "ORIGINNODE"), origin);
+      const std::string stamp = FieldBytes(spec, rows[r], "TIMESTAMP");
       EXPECT_EQ(stamp.find_first_not_of("0123456789"), std::string::npos) << stamp;
       if (spec.IndexOf("ROWNO") >= 0) {
-        EXPECT_EQ(IntOf(spec, rows[r], "SAMPLENO"), 1);
-        EXPECT_EQ(IntOf(spec, rows[r], "ROWNO"), r + 1);
+        EXPECT_EQ(FieldInt(spec, rows[r], "SAMPLENO"), 1);
+        EXPECT_EQ(FieldInt(spec, rows[r], "ROWNO"), r + 1);
       }
       EXPECT_EQ(rows[r].substr(static_cast<size_t>(spec.CollectorOffset())), expected[t].collector_bytes[r]);
     }
   }
 }
 
-TEST_F(Sampling, AFilterKeepsOnlyTheMatchingRows) {
-  kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"),
-                      "{\"DBNAME\": \"master\", \"DBSIZE\": 512}\n{\"DBNAME\": \"tempdb\", \"DBSIZE\": 64}\n");
-  StartCollector();
-  const auto rows = Sample(kzq::kzqdbd_spec, "DBSIZE LT 100");
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(Trimmed(FieldOf(kzq::kzqdbd_spec, rows[0], "DBNAME")), "tempdb");
-  // The row number is its place among the collector's rows, before the filter.
-  EXPECT_EQ(IntOf(kzq::kzqdbd_spec, rows[0], "ROWNO"), 2);
-}
-
-// The collector sends texts in the server's code page (1252 by default);
-// consumers and filters see UTF-8, and a text that grows past its field is
-// cut at a character, never inside one.
-TEST_F(Sampling, TextsInTheServersCodePageReachConsumersAsUtf8) {
+// A filter keeps only the matching rows. The collector sends texts in the
+// server's code page (1252 by default); consumers and filters see UTF-8,
+// and a text that grows past its field is cut at a character, never inside
+// one.
+TEST_F(Sampling, AFilterKeepsTheMatchingRowsAndTextsReachItAsUtf8) {
   const std::string long_name(29, 'x');  // with the e: 30 bytes sent, 31 in UTF-8
-  kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"), "{\"DBNAME\": \"Caf\u00e9 Z\u00fcrich\"}\n{\"DBNAME\": \"" +
-                                                        long_name + "\u00e9\"}\n");
+  kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"), "{\"DBNAME\": \"master\", \"DBSIZE\": 512}\n"
+                                                    "{\"DBNAME\": \"tempdb\", \"DBSIZE\": 64}\n"
+                                                    "{\"DBNAME\": \"Caf\u00e9 Z\u00fcrich\", \"DBSIZE\": 512}\n"
+                                                    "{\"DBNAME\": \"" + long_name + "\u00e9\", \"DBSIZE\": 512}\n");
   StartCollector();
-  const auto rows = Sample(kzq::kzqdbd_spec, "DBNAME EQ 'Caf\u00e9 Z\u00fcrich'");
+  auto rows = Sample(kzq::kzqdbd_spec, "DBSIZE LT 100");
   ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(Trimmed(FieldOf(kzq::kzqdbd_spec, rows[0], "DBNAME")), "Caf\u00e9 Z\u00fcrich");
-  const auto all = Sample(kzq::kzqdbd_spec);
-  ASSERT_EQ(all.size(), 2u);
-  EXPECT_EQ(Trimmed(FieldOf(kzq::kzqdbd_spec, all[1], "DBNAME")), long_name);
+  EXPECT_EQ(FieldText(kzq::kzqdbd_spec, rows[0], "DBNAME"), "tempdb");
+  // The row number is its place among the collector's rows, before the filter.
+  EXPECT_EQ(FieldInt(kzq::kzqdbd_spec, rows[0], "ROWNO"), 2);
+  rows = Sample(kzq::kzqdbd_spec, "DBNAME EQ 'Caf\u00e9 Z\u00fcrich'");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(FieldText(kzq::kzqdbd_spec, rows[0], "DBNAME"), "Caf\u00e9 Z\u00fcrich");
+  rows = Sample(kzq::kzqdbd_spec);
+  ASSERT_EQ(rows.size(), 4u);
+  EXPECT_EQ(FieldText(kzq::kzqdbd_spec, rows[3], "DBNAME"), long_name);
 }
 
 TEST_F(Sampling, WithoutACollectorServerTablesSayWhyAndOthersAreEmpty) {
-  std::string trace_path = runtime_.File("trace.txt");
-  FILE* trace = fopen(trace_path.c_str(), "w");
-  framework::SetTraceStream(trace);
-  framework::SetTraceLevel(framework::kTraceFlow);
+  kzq_test::TraceCapture trace(framework::kTraceFlow);
   kzq::SetAgentStartTime(platform::NowUnixSeconds() - 500);
   const auto srvre = Sample(kzq::kzqsrvre_spec);
   kzq::SetAgentStartTime(platform::NowUnixSeconds() - 600);
@@ -264,22 +223,20 @@ TEST_F(Sampling, WithoutACollectorServerTablesSayWhyAndOthersAreEmpty) {
   EXPECT_EQ(Sample(kzq::kzqsrvr_spec).size(), 1u);
   EXPECT_EQ(Sample(kzq::kzqsrvs_spec).size(), 1u);
   const auto dbd = Sample(kzq::kzqdbd_spec);
-  framework::SetTraceStream(nullptr);
-  fclose(trace);
-  const std::string traced = kzq_test::ReadFile(trace_path);
+  const std::string traced = trace.Text();
 
   EXPECT_TRUE(dbd.empty());
   ASSERT_EQ(srvre.size(), 1u);
   ASSERT_EQ(srvd.size(), 1u);
   const kzq::TableSpec& spec = kzq::kzqsrvre_spec;
-  EXPECT_EQ(Trimmed(FieldOf(spec, srvre[0], "SERVERID")), "SQLT");
-  EXPECT_EQ(Trimmed(FieldOf(spec, srvre[0], "HOSTNAME")), "dbhost7");
-  EXPECT_EQ(FieldOf(spec, srvre[0], "COLLSTATUS"), std::string("Inactive  \0\0", 12));
-  EXPECT_EQ(FieldOf(spec, srvre[0], "SAMPTIME"), FieldOf(spec, srvre[0], "TIMESTAMP"));
-  EXPECT_EQ(IntOf(spec, srvre[0], "ROWNO"), 1);
+  EXPECT_EQ(FieldText(spec, srvre[0], "SERVERID"), "SQLT");
+  EXPECT_EQ(FieldText(spec, srvre[0], "HOSTNAME"), "dbhost7");
+  EXPECT_EQ(FieldBytes(spec, srvre[0], "COLLSTATUS"), std::string("Inactive  \0\0", 12));
+  EXPECT_EQ(FieldBytes(spec, srvre[0], "SAMPTIME"), FieldBytes(spec, srvre[0], "TIMESTAMP"));
+  EXPECT_EQ(FieldInt(spec, srvre[0], "ROWNO"), 1);
   // Everything the collector would have sent stays 0xFF.
-  EXPECT_EQ(FieldOf(spec, srvre[0], "SRVSTATUS"), std::string(12, '\xFF'));
-  EXPECT_EQ(IntOf(spec, srvre[0], "NUMDBS"), -1);
+  EXPECT_EQ(FieldBytes(spec, srvre[0], "SRVSTATUS"), std::string(12, '\xFF'));
+  EXPECT_EQ(FieldInt(spec, srvre[0], "NUMDBS"), -1);
   EXPECT_THAT(traced, HasSubstr("Collector Inactive, Collector Initializing"));
   EXPECT_THAT(traced, HasSubstr("Collector Inactive, Data Collector Timeout"));
   EXPECT_THAT(traced, HasSubstr("Collector service : <KZQCOLL61> is down.(kvcsampl)"));
@@ -313,31 +270,31 @@ TEST_F(Sampling, TheSummaryTableReportsBothServicesThroughTheHeartbeat) {
   const kzq::TableSpec& spec = kzq::kzqsrvs_spec;
   auto rows = Sample(spec);
   ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "SRVTYPE")), "SQL Server");
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "SQLVER")), "16.0.4135.4");
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "SRVVERSN")), "16.0.413");
+  EXPECT_EQ(FieldText(spec, rows[0], "SRVTYPE"), "SQL Server");
+  EXPECT_EQ(FieldText(spec, rows[0], "SQLVER"), "16.0.4135.4");
+  EXPECT_EQ(FieldText(spec, rows[0], "SRVVERSN"), "16.0.413");
 #ifdef _WIN32
   // Neither runs as a service of the service manager here.
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "SRVSTATUS")), "Unknown");
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "COLLSTATUS")), "Inactive");
+  EXPECT_EQ(FieldText(spec, rows[0], "SRVSTATUS"), "Unknown");
+  EXPECT_EQ(FieldText(spec, rows[0], "COLLSTATUS"), "Inactive");
 #else
   // The collector's pid file says it runs; SQL Server has none yet.
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "SRVSTATUS")), "Inactive");
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "COLLSTATUS")), "Active");
+  EXPECT_EQ(FieldText(spec, rows[0], "SRVSTATUS"), "Inactive");
+  EXPECT_EQ(FieldText(spec, rows[0], "COLLSTATUS"), "Active");
 
   MarkServiceRunning("MSSQLSERVER");
   rows = Sample(spec);
   ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "SRVSTATUS")), "Active");
+  EXPECT_EQ(FieldText(spec, rows[0], "SRVSTATUS"), "Active");
 
   // A named instance is its own service.
   platform::SetEnv("KZQ_NAMED_INSTANCE", "1");
   rows = Sample(spec);
   ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows[0], "SRVSTATUS")), "Inactive");
+  EXPECT_EQ(FieldText(spec, rows[0], "SRVSTATUS"), "Inactive");
   MarkServiceRunning("MSSQL$SQLT");
   rows = Sample(spec);
-  EXPECT_EQ(Trimmed(FieldOf(spec, rows.at(0), "SRVSTATUS")), "Active");
+  EXPECT_EQ(FieldText(spec, rows.at(0), "SRVSTATUS"), "Active");
 #endif
 }
 
@@ -345,18 +302,8 @@ TEST_F(Sampling, TheSummaryTableReportsBothServicesThroughTheHeartbeat) {
 class GarbageCollector : public Sampling {
  protected:
   void Answer(const std::vector<std::string>& args) {
-    std::vector<std::string> argv{kzq_test::BuiltProgram("tests", "kvc_channel_peer"), prefix_first_, "SQLT"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const std::string ready = runtime_.File("peer.ready");
-    std::remove(ready.c_str());  // left by the peer before
-    platform::SetEnv("KVC_PEER_READY_FILE", ready);
-    int error = 0;
-    peer_ = platform::StartProcess(argv, &error);
-    platform::SetEnv("KVC_PEER_READY_FILE", "");
-    ASSERT_NE(peer_, nullptr) << error;
-    platform::FileStatus st;
-    const uint64_t deadline = platform::MonotonicMillis() + 30000;
-    while (platform::StatPath(ready, &st) != 0 && platform::MonotonicMillis() < deadline) platform::SleepMillis(20);
+    peer_ = kzq_test::StartChannelPeer(prefix_first_, "SQLT", args, true);
+    ASSERT_NE(peer_, nullptr);
   }
   void TearDown() override {
     if (peer_ != nullptr) peer_->Wait();

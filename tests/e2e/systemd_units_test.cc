@@ -273,7 +273,8 @@ TEST_F(InstalledUnits, AgentStartFailsWhenItsPortIsTaken) {
   if (!stopped) agent->Stop();
   EXPECT_TRUE(stopped) << "the agent kept running without its endpoint\n" << Output("kzqagent");
   EXPECT_NE(agent->ExitCode(), 0) << Output("kzqagent");
-  EXPECT_THAT(kzq_test::ReadFile(LogFile()), HasSubstr("cannot listen on 127.0.0.1:"));
+  EXPECT_THAT(kzq_test::ReadFile(LogFile()), HasSubstr("cannot listen on " + taken.Address()));
+  EXPECT_THAT(kzq_test::ReadFile(LogFile()), HasSubstr("CTC5010E"));
 }
 
 // A local account that makes the channel's objects before the instance

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -14,8 +13,6 @@
 #include "platform/process.h"
 
 namespace {
-
-using testing::ElementsAre;
 
 // A minimal table with a two-byte row, enough to exercise the manager.
 class TinyTable : public framework::tavra {
@@ -85,15 +82,6 @@ TEST(AgentIdentity, VersionBufferNeedsNineBytesAndTheProductCode) {
   EXPECT_EQ(AVR_SetVersionUsingProduct("XX", buffer, 9), 2);
   EXPECT_EQ(AVR_SetVersionUsingProduct("ZQ", buffer, 9), 0);
   EXPECT_STREQ(buffer, "01.00.00");
-  AVR_SetAffinity("AFF_A");
-  AVR_SetAffinity("AFF_B");
-  AVR_SetNodeType("MSS");
-  AVR_SetCurrency(1, 0);
-  const framework::AgentIdentity id = framework::Identity();
-  EXPECT_EQ(id.version, "01.00.00");
-  EXPECT_THAT(id.affinities, ElementsAre("AFF_A", "AFF_B"));
-  EXPECT_EQ(id.node_type, "MSS");
-  EXPECT_EQ(id.currency_major, 1);
 }
 
 TEST(AgentIdentity, LocalHostIsCutToTheLimit) {

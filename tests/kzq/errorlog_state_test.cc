@@ -13,36 +13,27 @@ namespace {
 
 using kzq_test::Utf16Bytes;
 
-TEST(ErrorlogState, ResumePointIsOneUtf16LineWrittenWhole) {
+// The resume point is one UTF-16 line. The file is never truncated, so a
+// kill at any instant leaves a whole line: a shorter one (a log that started
+// over) is read back alone, and a writer of the next run overwrites in place.
+TEST(ErrorlogState, AWriterLeavesExactlyTheLastPointAsOneUtf16Line) {
   kzq_test::TempDir home;
   const std::string path = kzq::ErrorStateFilePath(home.Path(), "kvc", "SQL1");
-  EXPECT_EQ(path.substr(home.Path().size() + 1), std::string("tmp") + path[home.Path().size()] + "kvc" +
-                                                     path[home.Path().size()] + "SQL1" + path[home.Path().size()] +
-                                                     "SQL1_KZQERROR_EVENT");
+  const char sep = path[home.Path().size()];
+  EXPECT_EQ(path.substr(home.Path().size() + 1),
+            std::string("tmp") + sep + "kvc" + sep + "SQL1" + sep + "SQL1_KZQERROR_EVENT");
   ASSERT_TRUE(kzq::WriteResumePoint(path, {u"2026-11-23", u"10:15:02.31", 123456, 3}));
   EXPECT_EQ(kzq_test::ReadFile(path), Utf16Bytes("2026-11-23 10:15:02.31 123456\n"));
-  // A shorter point replaces the file, leaving nothing of the old one.
-  ASSERT_TRUE(kzq::WriteResumePoint(path, {u"2026-11-24", u"00:00:01.00", 7, 3}));
+  kzq::ResumePointWriter writer(path);
+  ASSERT_TRUE(writer.Save({u"2026-11-23", u"10:15:03.00", 999999, 3}));
+  EXPECT_EQ(kzq_test::ReadFile(path), Utf16Bytes("2026-11-23 10:15:03.00 999999\n"));
+  ASSERT_TRUE(writer.Save({u"2026-11-24", u"00:00:01.00", 714, 3}));
   const auto point = kzq::ReadResumePoint(path, 50);
   ASSERT_TRUE(point.has_value());
   EXPECT_EQ(point->values, 3);
   EXPECT_EQ(point->date_word, u"2026-11-24");
   EXPECT_EQ(point->time_word, u"00:00:01.00");
-  EXPECT_EQ(point->offset, 7);
-}
-
-TEST(ErrorlogState, AnOpenWriterLeavesExactlyTheLastPoint) {
-  kzq_test::TempDir home;
-  const std::string path = kzq::ErrorStateFilePath(home.Path(), "kvc", "SQL2");
-  kzq::ResumePointWriter writer(path);
-  ASSERT_TRUE(writer.Save({u"2026-11-23", u"10:15:02.31", 123456, 3}));
-  ASSERT_TRUE(writer.Save({u"2026-11-23", u"10:15:03.00", 999999, 3}));
-  EXPECT_EQ(kzq_test::ReadFile(path), Utf16Bytes("2026-11-23 10:15:03.00 999999\n"));
-  // The file is never truncated, so a kill at any instant leaves a whole
-  // line: a shorter one (a log that started over) is read back alone, and
-  // a writer of the next run overwrites in place too.
-  ASSERT_TRUE(writer.Save({u"2026-11-24", u"00:00:01.00", 714, 3}));
-  EXPECT_EQ(kzq::ReadResumePoint(path, 50)->offset, 714);
+  EXPECT_EQ(point->offset, 714);
   kzq::ResumePointWriter next_run(path);
   ASSERT_TRUE(next_run.Save({u"2026-11-24", u"00:00:02.00", 9, 3}));
   EXPECT_EQ(kzq_test::ReadFile(path).substr(0, 2 * 25), Utf16Bytes("2026-11-24 00:00:02.00 9\n"));

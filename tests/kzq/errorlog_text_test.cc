@@ -12,6 +12,7 @@
 #include "platform/clock.h"
 #include "platform/text.h"
 #include "tests/support/errorlog_writer.h"
+#include "tests/support/table_rows.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -205,15 +206,10 @@ TEST(ErrorlogLine, DumpWordsAreFoundByWholeUnitsAndTheSeverityOnlyAtTheTextsStar
 
 // A field of a kzqerror row or, with `from` the event's offset, of an event.
 std::string Field(const std::string& bytes, const char* name, int from = 0) {
-  const kzq::TableSpec& spec = kzq::kzqerror_spec;
-  const int i = spec.IndexOf(name);
-  return bytes.substr(static_cast<size_t>(spec.offsets[i] - from), spec.attributes[i].width);
+  return kzq_test::FieldBytes(kzq::kzqerror_spec, bytes, name, from);
 }
-
 int32_t IntField(const std::string& bytes, const char* name, int from = 0) {
-  int32_t value = 0;
-  memcpy(&value, Field(bytes, name, from).data(), sizeof value);
-  return value;
+  return kzq_test::FieldInt(kzq::kzqerror_spec, bytes, name, from);
 }
 
 const int kEventOffset = kzq::kzqerror_spec.offsets[kzq::kzqerror_spec.IndexOf("MSGTIME")];
@@ -289,30 +285,6 @@ TEST(ErrorEvent, RowPutsTheAgentsFieldsBeforeTheEvent) {
   const std::string bare = kzq::BuildErrorRow("short", "agent01", nullptr, nullptr, "");
   EXPECT_EQ(Field(bare, "SERVERID") + Field(bare, "HOSTNAME"), std::string(96, ' '));
   EXPECT_EQ(bare.substr(static_cast<size_t>(kEventOffset)), Padded("short", event.size()));
-}
-
-// A written log read back line by line gives the error's event.
-TEST(ErrorEvent, ComesFromAWrittenLogsErrorAndMessageLines) {
-  kzq_test::TempDir dir;
-  ErrorlogWriter writer = ErrorlogWriter::Create(dir.File("log"), {2026, 11, 23, 10, 15, 2, 31}).InfoLines(3);
-  ErrorlogWriter::Append(dir.File("log"), writer.Clock())
-      .Advance(8 * 86400 - 3)
-      .Error("Logon", 18456, 14, 8, kzq_test::kEmojiText);
-  const ReadBack back = ReadAll(dir.File("log"), 64, 2048);
-  ASSERT_EQ(back.lines.size(), 10u);
-  EXPECT_EQ(back.lines[9].substr(0, 22), u"2026-12-01 10:14:59.31");
-  kzq::LogLine error_line, message_line;
-  ASSERT_TRUE(kzq::SplitLogLine(back.lines[8], &error_line));
-  ASSERT_TRUE(kzq::SplitLogLine(back.lines[9], &message_line));
-  kzq::EventInputs in = Inputs(message_line.text);
-  in.source_word = error_line.source_word;
-  ASSERT_TRUE(kzq::IsErrorLine(back.lines[8]));
-  ASSERT_TRUE(kzq::ParseErrorNumbers(error_line.text, &in.error, &in.severity, &in.state));
-  ASSERT_TRUE(kzq::ParseLineTime(error_line, &in.time));
-  kzq::EventInputs expected = Inputs(U16(kzq_test::kEmojiText));
-  expected.source_word = u"Logon";
-  expected.time = {126, 12, 1, 10, 14, 59};
-  EXPECT_EQ(kzq::BuildErrorEvent(in), kzq::BuildErrorEvent(expected));
 }
 
 }  // namespace

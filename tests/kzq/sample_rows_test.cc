@@ -7,6 +7,7 @@
 #include "kzq/sample_rows.h"
 #include "kzq/sql_filter_walk.h"
 #include "kzq/tables.h"
+#include "tests/support/table_rows.h"
 
 namespace {
 
@@ -80,15 +81,7 @@ TEST(StatusRow, TablesWithOwnFieldsBeforeTheServerIdSendThemFromTheCollector) {
 
 // The SQL text table takes the session to ask for from a PID comparison.
 std::string SessionFor(const char* filter_text) {
-  std::string error;
-  auto lookup = [](std::string_view name) -> std::optional<framework::AttributeKind> {
-    const int i = kzq::kzqsql_spec.IndexOf(name);
-    if (i < 0) return std::nullopt;
-    return kzq::kzqsql_spec.attributes[i].type == kzq::kTypeText ? framework::AttributeKind::kText
-                                                                   : framework::AttributeKind::kInteger;
-  };
-  auto filter = framework::SituationFilter::Parse(filter_text, lookup, &error);
-  EXPECT_TRUE(filter.has_value()) << error;
+  const auto filter = kzq_test::FilterFor(kzq::kzqsql_spec, filter_text);
   framework::RequestDetail detail;
   detail.table = "KZQSQL";
   detail.filter = &*filter;

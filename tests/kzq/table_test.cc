@@ -13,7 +13,8 @@
 #include "framework/serve/row_json.h"
 #include "kzq/table_descriptions.h"
 #include "kzq/tables.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/table_rows.h"
+#include "tests/support/trace_capture.h"
 
 namespace {
 
@@ -47,19 +48,8 @@ class RowBuilder {
   std::vector<char> bytes_;
 };
 
-// Collects what the framework hands to a consumer.
-class CollectingConsumer : public framework::RowConsumer {
- public:
-  int Deliver(const framework::tavra& table) override {
-    ++deliveries;
-    for (int i = 0; i < table.NumDataItems(); ++i)
-      rows.emplace_back(reinterpret_cast<const char*>(table.Data()) + i * table.RowSize(), table.RowSize());
-    return result;
-  }
-  int deliveries = 0;
-  int result = 0;
-  std::vector<std::string> rows;
-};
+using CollectingConsumer = kzq_test::CollectedRows;
+using kzq_test::FilterFor;
 
 // Stands in for the collector: the rows a test gives it.
 class GivenRows final : public kzq::RowSource {
@@ -96,21 +86,6 @@ class Tables : public testing::Test {
   static inline GivenRows source_;
   static inline CountingListener listener_;
 };
-
-std::optional<framework::SituationFilter> FilterFor(const kzq::TableSpec& spec, const char* text) {
-  std::string error;
-  auto filter = framework::SituationFilter::Parse(
-      text,
-      [&](std::string_view name) -> std::optional<framework::AttributeKind> {
-        const int i = spec.IndexOf(name);
-        if (i < 0) return std::nullopt;
-        return spec.attributes[i].type == kzq::kTypeText ? framework::AttributeKind::kText
-                                                         : framework::AttributeKind::kInteger;
-      },
-      &error);
-  EXPECT_TRUE(filter.has_value()) << error;
-  return filter;
-}
 
 TEST(Catalogue, PublishedPlacesOfOddLayouts) {
   EXPECT_EQ(kzq::kzqsrvre_spec.row_size - kzq::kzqsrvre_spec.CollectorOffset(), 1516);
@@ -188,18 +163,12 @@ TEST_F(Tables, AddRowsSkipsRefusedRowsAndStopsAtTheFirstFailedInsert) {
   // after it is offered.
   const auto one = RowBuilder(kzq::kzqbtchs_spec).Bytes();
   while (object.NumDataItems() < framework::tavra::kMaxRowsPerSample - 1) object.InsertRow(one.data());
-  kzq_test::TempDir dir;
-  FILE* trace = fopen(dir.File("trace").c_str(), "wb+");
-  framework::SetTraceStream(trace);
-  framework::SetTraceLevel(framework::kTraceDetail);
+  kzq_test::TraceCapture trace(framework::kTraceDetail);
   const int rc = object.AddRows(rows.data(), 4);
-  framework::SetTraceLevel(0);
-  framework::SetTraceStream(nullptr);
-  fclose(trace);
+  trace.Stop();
   EXPECT_NE(rc, 0);
   EXPECT_EQ(object.NumDataItems(), framework::tavra::kMaxRowsPerSample);
-  EXPECT_EQ(kzq_test::ReadFile(dir.File("trace")),
-            "Passing row 0 to InsertRow().Passing row 2 to InsertRow().");
+  EXPECT_EQ(trace.Text(), "Passing row 0 to InsertRow().Passing row 2 to InsertRow().");
 }
 
 TEST_F(Tables, DumpWritesTheObjectAndEveryField) {
@@ -215,13 +184,9 @@ TEST_F(Tables, DumpWritesTheObjectAndEveryField) {
                        .Set("CURRINTL", -3)
                        .Bytes();
   object.InsertRow(row.data());
-  kzq_test::TempDir dir;
-  FILE* trace = fopen(dir.File("dump").c_str(), "wb+");
-  framework::SetTraceStream(trace);
+  kzq_test::TraceCapture trace(0);
   object.Dump();
-  framework::SetTraceStream(nullptr);
-  fclose(trace);
-  const std::string text = kzq_test::ReadFile(dir.File("dump"));
+  const std::string text = trace.Text();
   char head[64];
   snprintf(head, sizeof head, "kzq_kzqsrvr_base @%p <0,1>\n", static_cast<void*>(&object));
   const std::string expected = std::string(head) +
@@ -264,10 +229,10 @@ TEST_F(Tables, ReportSampleThroughTheFrameworkAppliesTheFilter) {
   ASSERT_EQ(framework::RunReportSample(detail, &sampled, nullptr), framework::kRequestOk);
   source_.rows.clear();
   EXPECT_EQ(sampled, 0);
-  ASSERT_EQ(consumer.rows.size(), 2u);
+  ASSERT_EQ(consumer.Rows().size(), 2u);
   const int at = kzq::kzqdbd_spec.offsets[kzq::kzqdbd_spec.IndexOf("DBNAME")];
-  EXPECT_EQ(consumer.rows[0].substr(at, 6), "master");
-  EXPECT_EQ(consumer.rows[1].substr(at, 6), "tempdb");
+  EXPECT_EQ(consumer.Rows()[0].substr(at, 6), "master");
+  EXPECT_EQ(consumer.Rows()[1].substr(at, 6), "tempdb");
   EXPECT_EQ(kzq::kzqdbd_manager()->OpenObjects(), 0u);
 
   detail.table = "KZQNOPE";
@@ -305,18 +270,18 @@ TEST_F(Tables, PushReachesEveryOpenEventRequestThroughItsOwnFilter) {
   }
   only_severe.result = 7;
   EXPECT_EQ(kzq::kzqerror_push(rows.data(), 2), 7);
-  EXPECT_EQ(all.rows.size(), 2u);
-  ASSERT_EQ(only_severe.rows.size(), 1u);
+  EXPECT_EQ(all.Rows().size(), 2u);
+  ASSERT_EQ(only_severe.Rows().size(), 1u);
   EXPECT_EQ(a->NumDataItems(), 0);  // cleared after each push
   EXPECT_EQ(b->NumDataItems(), 0);
-  EXPECT_TRUE(sampled.rows.empty());
+  EXPECT_TRUE(sampled.Rows().empty());
   manager->CloseRequest(c);
 
   manager->CloseRequest(a);
   only_severe.result = 0;
   EXPECT_EQ(kzq::kzqerror_push(rows.data(), 2), 0);
-  EXPECT_EQ(all.rows.size(), 2u);  // closed: no more rows
-  EXPECT_EQ(only_severe.rows.size(), 2u);
+  EXPECT_EQ(all.Rows().size(), 2u);  // closed: no more rows
+  EXPECT_EQ(only_severe.Rows().size(), 2u);
   manager->CloseRequest(b);
   EXPECT_EQ(listener_.ended, 2);
 }

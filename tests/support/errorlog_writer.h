@@ -15,10 +15,9 @@
 
 namespace kzq_test {
 
-// Messages beyond ASCII: two-byte, three-byte and four-byte UTF-8.
+// Messages beyond ASCII: two-byte and three-byte UTF-8.
 inline constexpr const char* kGermanText = "Anmeldung für Benutzer „Jürgen“ fehlgeschlagen: Größe überschritten.";
 inline constexpr const char* kJapaneseText = "ユーザー 'sa' のログインに失敗しました。";
-inline constexpr const char* kEmojiText = "Sicherung 💾 abgeschlossen ✅ 🚀";
 
 using kzq_demo::LogClock;
 using kzq_demo::LogLineText;
@@ -35,8 +34,6 @@ class ErrorlogWriter {
     writer.Bytes(kzq_demo::LogLines(start, "Server", kzq_demo::StartupHeader(facts)));
     return writer;
   }
-  // Appends to the file as it is.
-  static ErrorlogWriter Append(const std::string& path, const LogClock& start) { return ErrorlogWriter(path, start); }
   // Cycles the log as the server does: each ERRORLOG.n moves up to
   // ERRORLOG.n+1, oldest first, ERRORLOG becomes ERRORLOG.1, and a new log
   // starts with its header.
@@ -68,13 +65,12 @@ class ErrorlogWriter {
     return Bytes(kzq_demo::LogLines(clock_, source, {kzq_demo::ErrorNumbersText(error, severity, state), message}));
   }
   // A symptom dump: the line that starts it (`first_text` should hold
-  // "create symptom dump"), `detail_lines` lines of detail and, when
-  // `finished`, the line that names the dump file.
-  ErrorlogWriter& SymptomDump(const std::string& source, const std::string& first_text, int detail_lines,
-                              bool finished = true) {
+  // "create symptom dump"), `detail_lines` lines of detail and the line
+  // that names the dump file.
+  ErrorlogWriter& SymptomDump(const std::string& source, const std::string& first_text, int detail_lines) {
     std::vector<std::string> texts{first_text};
     for (int i = 0; i < detail_lines; ++i) texts.push_back("* Short Stack Dump frame " + std::to_string(i));
-    if (finished) texts.push_back(kzq_demo::StackDumpSentText("C:\\Data\\Log\\SQLDump0001.txt"));
+    texts.push_back(kzq_demo::StackDumpSentText("C:\\Data\\Log\\SQLDump0001.txt"));
     return Bytes(kzq_demo::LogLines(clock_, source, texts));
   }
   // `count` numbered informational lines, written in large blocks.
