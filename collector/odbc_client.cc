@@ -232,6 +232,13 @@ QueryOutcome OdbcConnection::Query(const std::string& batch, int timeout_seconds
     std::vector<std::string> states;
     *error = Diagnostics(SQL_HANDLE_STMT, statement, &states);
     outcome = Classify(states);
+    // A result cut short may report only a warning; the driver knows
+    // whether the link itself is gone.
+    SQLUINTEGER dead = SQL_CD_FALSE;
+    if (outcome == QueryOutcome::kFailed &&
+        SQL_SUCCEEDED(SQLGetConnectAttr(connection_, SQL_ATTR_CONNECTION_DEAD, &dead, 0, nullptr)) &&
+        dead == SQL_CD_TRUE)
+      outcome = QueryOutcome::kLost;
   }
   SQLFreeHandle(SQL_HANDLE_STMT, statement);
   if (outcome == QueryOutcome::kTimedOut || outcome == QueryOutcome::kLost) Disconnect();
