@@ -2,7 +2,9 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <thread>
 
 #include "framework/action_log.h"
@@ -32,6 +34,9 @@ struct HttpEndpoint::Impl {
   std::atomic<bool> listener_done{false};
   std::atomic<int> event_consumers{0};
   std::mutex action_lock;  // one action at a time, so its log lines are its own
+  // Requests refused before any route ran, by reason; any thread.
+  std::atomic<uint64_t> rejected_host{0};
+  std::atomic<uint64_t> rejected_token{0};
 };
 
 namespace {
@@ -66,6 +71,48 @@ bool Authorised(const std::string& token, const httplib::Request& req) {
   // never for an action.
   return req.method == "GET" && req.has_param("access_token") &&
          SameSecret(req.get_param_value("access_token"), token);
+}
+
+// The host a Host header names, without its port ("[::1]:9433" -> "::1").
+std::string HostOf(const std::string& header) {
+  if (!header.empty() && header[0] == '[') return header.substr(1, header.find(']') - 1);
+  return header.substr(0, header.rfind(':'));
+}
+
+// "localhost", "::1" or a dotted address in 127/8 - and not a name that
+// merely starts like one ("127.0.0.1.example.com").
+bool IsLoopbackName(const std::string& host) {
+  if (host == "localhost" || host == "::1") return true;
+  int parts = 0;
+  for (size_t at = 0; at <= host.size(); ++parts) {
+    const size_t dot = std::min(host.find('.', at), host.size());
+    const std::string part = host.substr(at, dot - at);
+    if (part.empty() || part.size() > 3 || part.find_first_not_of("0123456789") != std::string::npos) return false;
+    at = dot + 1;
+  }
+  return parts == 4 && host.rfind("127.", 0) == 0;
+}
+
+// A page of any web site can make a browser send requests to a name that
+// it then resolves to 127.0.0.1 (DNS rebinding); such requests carry that
+// name. On a loopback listen only loopback names, or the one configured,
+// reach the routes. A client without a Host header is no browser.
+bool HostAllowed(const HttpSettings& settings, const httplib::Request& req) {
+  if (!IsLoopbackHost(settings.host) || !req.has_header("Host")) return true;
+  std::string host = HostOf(req.get_header_value("Host"));
+  for (char& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return IsLoopbackName(host) || host == settings.host;
+}
+
+std::string RejectionCounters(const HttpEndpoint::Impl& impl, const MetricsContext& context) {
+  std::string text =
+      "# HELP kzq_http_rejected_total Requests the endpoint refused before answering them, by reason.\n"
+      "# TYPE kzq_http_rejected_total counter\n";
+  for (const auto& [reason, count] : {std::pair<const char*, uint64_t>{"host", impl.rejected_host.load()},
+                                      {"token", impl.rejected_token.load()}})
+    text += "kzq_http_rejected_total{server_id=\"" + EscapeLabelValue(context.server_id) + "\",host=\"" +
+            EscapeLabelValue(context.host) + "\",reason=\"" + reason + "\"} " + std::to_string(count) + "\n";
+  return text;
 }
 
 MetricsContext CurrentContext(const AgentDescription& description) {
@@ -228,7 +275,14 @@ void Route(HttpEndpoint::Impl& impl) {
   s.set_tcp_nodelay(true);
   s.new_task_queue = [] { return new httplib::ThreadPool(kMaxEventConsumers + 8); };
   s.set_pre_routing_handler([&impl](const httplib::Request& req, httplib::Response& res) {
+    if (!HostAllowed(impl.settings, req)) {
+      ++impl.rejected_host;
+      Refuse(res, 403, "this agent answers requests for its loopback address, not for '" +
+                           req.get_header_value("Host") + "'");
+      return httplib::Server::HandlerResponse::Handled;
+    }
     if (Authorised(impl.settings.token, req)) return httplib::Server::HandlerResponse::Unhandled;
+    ++impl.rejected_token;
     res.set_header("WWW-Authenticate", "Bearer");
     Refuse(res, 401, "this agent needs its token: send 'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
     return httplib::Server::HandlerResponse::Handled;
@@ -248,7 +302,8 @@ void Route(HttpEndpoint::Impl& impl) {
     MetricsContext context = CurrentContext(*impl.description);
     context.stale_after = 2 * static_cast<int64_t>(impl.settings.sample_interval);
     res.set_content(MetricsText(impl.cache->Snapshot(), impl.description->tables, impl.description->ProbeServices(),
-                                context),
+                                context) +
+                        RejectionCounters(impl, context),
                     "text/plain; version=0.0.4; charset=utf-8");
   });
   s.Get(R"(/events/([A-Za-z0-9]+))",

@@ -367,8 +367,10 @@ TEST_F(Http, TwoEventConsumersEachReceiveEveryErrorOnceAcrossALogCycle) {
   EXPECT_EQ(second.Messages(), expected);
   // The monitor's and the channel's counters say what they went through:
   // reads, the one cycle, no overflow or failed write; exchanges with the
-  // collector. (The resume point this test starts from names no line of
-  // the log, so the log was read from its start once.)
+  // collector. (The resume point this test starts from names the log's end:
+  // a monitor whose first read comes before the test's first lines finds no
+  // line there and reads the log from its start once; one that comes after
+  // finds the first of them, which carries the point's time.)
   httplib::Client client(agent_.Url());
   auto scrape = client.Get("/metrics");
   ASSERT_TRUE(scrape);
@@ -378,7 +380,7 @@ TEST_F(Http, TwoEventConsumersEachReceiveEveryErrorOnceAcrossALogCycle) {
   EXPECT_THAT(scrape->body, HasSubstr("# TYPE kzq_errorlog_reads_total counter\n"));
   EXPECT_TRUE(counted("kzq_errorlog_reads_total", "[1-9][0-9]*")) << scrape->body;
   EXPECT_TRUE(counted("kzq_errorlog_cycles_total", "1")) << scrape->body;
-  EXPECT_TRUE(counted("kzq_errorlog_truncations_total", "1")) << scrape->body;
+  EXPECT_TRUE(counted("kzq_errorlog_truncations_total", "[01]")) << scrape->body;
   for (const char* trouble : {"kzq_errorlog_watch_overflows_total", "kzq_errorlog_state_write_failures_total",
                               "kzq_channel_refused_answers_total", "kzq_channel_header_repairs_total"})
     EXPECT_TRUE(counted(trouble, "0")) << trouble;
@@ -499,6 +501,14 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->status, 403);
   EXPECT_THAT(refused->body, HasSubstr("KZQ_HTTP_TOKEN"));
+  // A web page that had a browser resolve its own name to the agent's
+  // loopback address (DNS rebinding) sends that name: refused, counted.
+  const std::string port = std::to_string(agent_.port);
+  for (const std::string& host : {"attacker.example:" + port, "127.0.0.1.attacker.example:" + port, std::string("[::2]")})
+    EXPECT_EQ(open.Get("/tables", {{"Host", host}})->status, 403) << host;
+  for (const std::string& host : {"localhost:" + port, "127.0.0.1:" + port, std::string("[::1]:") + port})
+    EXPECT_EQ(open.Get("/tables", {{"Host", host}})->status, 200) << host;
+  EXPECT_THAT(open.Get("/metrics")->body, HasSubstr(R"(reason="host"} 3)"));
   KillAgent();
 
   platform::SetEnv("KZQ_HTTP_TOKEN", "t0ken");
@@ -516,6 +526,7 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   httplib::Client holder(agent_.Url());
   holder.set_bearer_token_auth("t0ken");
   EXPECT_EQ(holder.Get("/tables")->status, 200);
+  EXPECT_THAT(holder.Get("/metrics")->body, HasSubstr(R"(reason="token"} 6)"));
   EXPECT_EQ(anonymous.Get("/tables?access_token=t0ken")->status, 200);
   EXPECT_EQ(anonymous.Post("/actions?access_token=t0ken", R"({"command": "echo hi"})", "application/json")->status,
             401);
