@@ -199,9 +199,11 @@ class InstalledUnits : public testing::Test {
   const std::string instance_ = "U" + std::to_string(platform::CurrentProcessId());
 };
 
+// A fresh sample may wait the channel's whole time-out; a short read keeps
+// the test's own deadline, so that a failure is reported with the log.
 Json GetJson(int port, const std::string& path) {
   httplib::Client client("127.0.0.1", port);
-  client.set_read_timeout(60);
+  client.set_read_timeout(10);
   const auto result = client.Get(path);
   if (!result || result->status != 200) return Json();
   return Json::parse(result->body, nullptr, false);
