@@ -257,8 +257,9 @@ Gauges Measure(const Agent& agent) {
 // ---- the attacks ----
 
 // Runs on a thread of its own until `stop` is set or it has nothing left
-// to do, closes its sockets, and says what the agent did.
-using AttackRun = std::function<std::string(int port, const std::atomic<bool>& stop)>;
+// to do, closes its sockets, and says what the agent did. It sets `ready`
+// once its clients are in place (or starting, for those that come at once).
+using AttackRun = std::function<std::string(int port, const std::atomic<bool>& stop, std::atomic<bool>& ready)>;
 
 struct Attack {
   std::string name;
@@ -284,7 +285,7 @@ int LeftByAgent(Sockets* sockets) {
 
 // Clients that start a request and send one more byte of a header every
 // two seconds.
-std::string SlowClients(int port, int count, const std::atomic<bool>& stop) {
+std::string SlowClients(int port, int count, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
   const std::string head = "GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\nX-a: ";
   Sockets clients;
   ConnectAll(port, count, &clients);
@@ -294,6 +295,7 @@ std::string SlowClients(int port, int count, const std::atomic<bool>& stop) {
       clients.Close(i);
       ++left;
     }
+  ready = true;
   while (!stop) {
     SleepUnless(stop, seconds(2));
     left += LeftByAgent(&clients);
@@ -307,9 +309,10 @@ std::string SlowClients(int port, int count, const std::atomic<bool>& stop) {
 }
 
 // Connections that never send anything.
-std::string IdleConnections(int port, int count, const std::atomic<bool>& stop) {
+std::string IdleConnections(int port, int count, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
   Sockets idle;
   ConnectAll(port, count, &idle);
+  ready = true;
   SleepUnless(stop, std::chrono::hours(1));
   return Format("%zu of %d connected, %d closed by the agent by the end", idle.Size(), count, LeftByAgent(&idle));
 }
@@ -338,7 +341,7 @@ Step Advance(int fd, short revents, size_t* sent, AnswerReader* reader) {
 
 // `count` connections opened as fast as possible, each sending GET
 // /metrics and reading the whole answer.
-std::string ManyAtOnce(int port, int count, const std::atomic<bool>& stop) {
+std::string ManyAtOnce(int port, int count, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
   const auto start = Clock::now();
   Sockets clients;
   ManyTally tally;
@@ -349,6 +352,7 @@ std::string ManyAtOnce(int port, int count, const std::atomic<bool>& stop) {
     else
       clients.Add(fd);
   }
+  ready = true;
   std::vector<size_t> sent(clients.Size(), 0);
   std::vector<AnswerReader> readers(clients.Size());
   for (size_t live = clients.Size(); live > 0 && !stop;) {
@@ -386,7 +390,7 @@ std::string ManyAtOnce(int port, int count, const std::atomic<bool>& stop) {
 // `block` is one MB with its framing; `tail` ends the request, if anything
 // is to end it.
 std::string Flood(int port, const std::string& head, const std::string& block, const std::string& tail,
-                  int megabytes) {
+                  int megabytes, std::atomic<bool>& ready) {
   const auto start = Clock::now();
   const auto cap = start + kFloodCap;
   Sockets socket;
@@ -394,6 +398,7 @@ std::string Flood(int port, const std::string& head, const std::string& block, c
   const int fd = socket[0];
   if (fd < 0 || !Connected(fd, Clock::now() + kSocketPatience)) return "could not connect";
   Sent sent = SendAll(fd, head.data(), head.size(), cap);
+  ready = true;
   int written = 0;
   std::string said;
   while (written < megabytes && sent == Sent::kAll && (said = AgentSaid(fd)).empty()) {
@@ -423,15 +428,24 @@ std::vector<Attack> Attacks(int many, int megabytes) {
       "POST /actions HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/octet-stream\r\n"
       "Transfer-Encoding: chunked\r\n\r\n";
   const auto flood = [=](const std::string& head, const std::string& block, const std::string& tail) {
-    return [=](int port, const std::atomic<bool>&) { return Flood(port, head, block, tail, megabytes); };
+    return [=](int port, const std::atomic<bool>&, std::atomic<bool>& ready) {
+      return Flood(port, head, block, tail, megabytes, ready);
+    };
   };
   const std::string mbs = std::to_string(megabytes) + " MB";
   return {
-      {"100 slow clients", [](int port, const std::atomic<bool>& stop) { return SlowClients(port, 100, stop); }},
+      {"100 slow clients",
+       [](int port, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
+         return SlowClients(port, 100, stop, ready);
+       }},
       {"200 idle connections",
-       [](int port, const std::atomic<bool>& stop) { return IdleConnections(port, 200, stop); }},
+       [](int port, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
+         return IdleConnections(port, 200, stop, ready);
+       }},
       {std::to_string(many) + " connections at once",
-       [many](int port, const std::atomic<bool>& stop) { return ManyAtOnce(port, many, stop); }},
+       [many](int port, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
+         return ManyAtOnce(port, many, stop, ready);
+       }},
       {mbs + " request line", flood("GET /", mb, ""), true},
       {mbs + " header line", flood(header, mb, ""), true},
       {mbs + " chunked POST /actions", flood(chunked_post, chunk, "0\r\n\r\n"), true},
@@ -472,11 +486,11 @@ Gauges Settle(const Agent& agent, const Gauges& before) {
 
 void Phase(const Agent& agent, const Attack& attack, seconds length) {
   const Gauges before = Measure(agent);
-  std::atomic<bool> stop{false}, finished{false};
+  std::atomic<bool> stop{false}, ready{false}, finished{false};
   std::atomic<long> peak_rss{before.rss_kb};
   std::string outcome;
   std::thread attacker([&] {
-    outcome = attack.run(agent.Port(), stop);
+    outcome = attack.run(agent.Port(), stop, ready);
     finished = true;
   });
   std::thread sampler([&] {
@@ -487,6 +501,8 @@ void Phase(const Agent& agent, const Attack& attack, seconds length) {
       // The agent is gone; the measure after the attack says so.
     }
   });
+  // Setting up takes at most a connect's and a write's patience.
+  while (!ready && !finished) std::this_thread::sleep_for(milliseconds(10));
   Latencies scrapes;
   const auto start = Clock::now();
   const auto on = [&] { return Clock::now() < start + length || (attack.ends_itself && !finished); };
