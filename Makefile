@@ -92,10 +92,11 @@ demo:
 # Benchmarks run on an optimised build without sanitizers.
 bench: deps-native
 	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build-bench -j $(JOBS) --target channel_bench errorlog_bench http_bench sql_source_bench kzqagent kzqcoll
+	@cmake --build build-bench -j $(JOBS) --target channel_bench errorlog_bench http_bench http_attack_bench sql_source_bench kzqagent kzqcoll
 	build-bench/bench/channel_bench
 	build-bench/bench/errorlog_bench
 	build-bench/bench/http_bench
+	build-bench/bench/http_attack_bench
 	build-bench/bench/sql_source_bench
 
 # A soak of the optimised agent beside the collector and the demo's errorlog
