@@ -3,7 +3,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -70,7 +72,18 @@ class NotifySocketManager final : public ServiceManager {
       if (n > 0) log_.append(message, static_cast<size_t>(n)).append("\n---\n");
     }
   }
-  int ExitCode() override { return child_ ? child_->Wait() : -1; }
+  // A program that does not end within a minute of its stop is a failure
+  // to report, not a test run that hangs until the runner kills it: it is
+  // killed, and the log says so.
+  int ExitCode() override {
+    if (!child_) return -1;
+    auto ended = std::async(std::launch::async, [this] { return child_->Wait(); });
+    if (ended.wait_for(std::chrono::seconds(60)) == std::future_status::ready) return ended.get();
+    log_ += "the program did not end within 60 s of its stop: killed\n";
+    kill(static_cast<pid_t>(child_->Id()), SIGKILL);
+    ended.get();
+    return -1;
+  }
   std::string Log() const override { return log_; }
 
  private:
