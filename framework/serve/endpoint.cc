@@ -1,24 +1,23 @@
 #include "framework/serve/endpoint.h"
 
-#include <httplib.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <thread>
+#include <cstring>
+#include <mutex>
 
 #include "framework/action_log.h"
 #include "framework/agent.h"
 #include "framework/request.h"
 #include "framework/serve/catalogue_json.h"
 #include "framework/serve/event_stream.h"
+#include "framework/serve/http_server.h"
 #include "framework/serve/metrics_text.h"
 #include "framework/serve/row_json.h"
 #include "framework/serve/status_page.h"
 #include "framework/table_manager.h"
 #include "kvc/channel_entry.h"
 #include "platform/clock.h"
-#include "platform/listen_socket.h"
 
 namespace framework {
 
@@ -26,17 +25,10 @@ struct HttpEndpoint::Impl {
   HttpSettings settings;
   const SampleCache* cache = nullptr;
   std::shared_ptr<const AgentDescription> description;
-  std::string catalogue;  // GET /tables, made once
-  httplib::Server server;
-  std::thread listener;
-  int port = 0;
-  std::atomic<bool> stopping{false};
-  std::atomic<bool> listener_done{false};
-  std::atomic<int> event_consumers{0};
+  std::shared_ptr<const std::string> catalogue;  // GET /tables, made once
   std::mutex action_lock;  // one action at a time, so its log lines are its own
-  // Requests refused before any route ran, by reason; any thread.
-  std::atomic<uint64_t> rejected_host{0};
-  std::atomic<uint64_t> rejected_token{0};
+  HttpCounters counters;   // written by the server, read by /metrics and /status
+  std::unique_ptr<HttpServer> server;
 };
 
 namespace {
@@ -45,14 +37,9 @@ using Json = nlohmann::ordered_json;
 
 constexpr int kFreshSamplePatienceMs = 2000;
 
-void Answer(httplib::Response& res, int status, const Json& body) {
-  res.status = status;
-  res.set_content(WireText(body), "application/json");
-}
+HttpResponse Answer(int status, const Json& body) { return HttpResponse::With(status, "application/json", WireText(body)); }
 
-void Refuse(httplib::Response& res, int status, const std::string& message) {
-  Answer(res, status, {{"error", message}});
-}
+HttpResponse Refuse(int status, const std::string& message) { return Answer(status, {{"error", message}}); }
 
 // Compares in time that does not depend on where the texts differ.
 bool SameSecret(const std::string& a, const std::string& b) {
@@ -62,15 +49,16 @@ bool SameSecret(const std::string& a, const std::string& b) {
   return difference == 0;
 }
 
-bool Authorised(const std::string& token, const httplib::Request& req) {
+// The token must match exactly: not with blanks after it either.
+bool Authorised(const std::string& token, const HttpRequest& req) {
   if (token.empty()) return true;
-  const std::string header = req.get_header_value("Authorization");
+  const std::string header = req.Header("Authorization");
   if (header.rfind("Bearer ", 0) == 0 && SameSecret(header.substr(7), token)) return true;
   // A token in the address ends up in logs and histories; it is taken only
   // where a browser cannot send the header (reading pages and streams),
   // never for an action.
-  return req.method == "GET" && req.has_param("access_token") &&
-         SameSecret(req.get_param_value("access_token"), token);
+  return (req.method == "GET" || req.method == "HEAD") && req.HasParam("access_token") &&
+         SameSecret(req.Param("access_token"), token);
 }
 
 // The host a Host header names, without its port ("[::1]:9433" -> "::1").
@@ -97,21 +85,34 @@ bool IsLoopbackName(const std::string& host) {
 // it then resolves to 127.0.0.1 (DNS rebinding); such requests carry that
 // name. On a loopback listen only loopback names, or the one configured,
 // reach the routes. A client without a Host header is no browser.
-bool HostAllowed(const HttpSettings& settings, const httplib::Request& req) {
-  if (!IsLoopbackHost(settings.host) || !req.has_header("Host")) return true;
-  std::string host = HostOf(req.get_header_value("Host"));
+bool HostAllowed(const HttpSettings& settings, const HttpRequest& req) {
+  if (!IsLoopbackHost(settings.host) || !req.HasHeader("Host")) return true;
+  std::string host = HostOf(req.Header("Host"));
   for (char& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return IsLoopbackName(host) || host == settings.host;
 }
 
-std::string RejectionCounters(const HttpEndpoint::Impl& impl, const MetricsContext& context) {
+// What a person needs to see why a scrape waits or a client was turned
+// away: refusals by reason, connections and event consumers now, answers.
+std::string EndpointCounters(const HttpCounters& counters, const MetricsContext& context) {
+  const std::string labels =
+      "server_id=\"" + EscapeLabelValue(context.server_id) + "\",host=\"" + EscapeLabelValue(context.host) + "\"";
   std::string text =
-      "# HELP kzq_http_rejected_total Requests the endpoint refused before answering them, by reason.\n"
+      "# HELP kzq_http_rejected_total Requests and connections the endpoint refused or closed before answering "
+      "them, by reason.\n"
       "# TYPE kzq_http_rejected_total counter\n";
-  for (const auto& [reason, count] : {std::pair<const char*, uint64_t>{"host", impl.rejected_host.load()},
-                                      {"token", impl.rejected_token.load()}})
-    text += "kzq_http_rejected_total{server_id=\"" + EscapeLabelValue(context.server_id) + "\",host=\"" +
-            EscapeLabelValue(context.host) + "\",reason=\"" + reason + "\"} " + std::to_string(count) + "\n";
+  for (size_t i = 0; i < kRefusalNames.size(); ++i)
+    text += "kzq_http_rejected_total{" + labels + ",reason=\"" + kRefusalNames[i] + "\"} " +
+            std::to_string(counters.refused[i].load()) + "\n";
+  text += "# HELP kzq_http_answers_total Answers the endpoint has begun to send.\n"
+          "# TYPE kzq_http_answers_total counter\n"
+          "kzq_http_answers_total{" + labels + "} " + std::to_string(counters.answered.load()) + "\n"
+          "# HELP kzq_http_connections Connections the endpoint holds, event streams included.\n"
+          "# TYPE kzq_http_connections gauge\n"
+          "kzq_http_connections{" + labels + "} " + std::to_string(counters.connections.load()) + "\n"
+          "# HELP kzq_http_event_consumers Consumers following an event stream.\n"
+          "# TYPE kzq_http_event_consumers gauge\n"
+          "kzq_http_event_consumers{" + labels + "} " + std::to_string(counters.streams.load()) + "\n";
   return text;
 }
 
@@ -137,22 +138,31 @@ const TableDescription* KnownTable(const HttpEndpoint::Impl& impl, const std::st
   return TableManager::Find(table) != nullptr ? impl.description->Find(table) : nullptr;
 }
 
-void ServeSample(const HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
-  const std::string table = req.matches[1];
-  const TableDescription* described = KnownTable(impl, table);
-  if (described == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+// The name after the route's prefix, if it is a table's name at all.
+std::string NameAfter(const HttpRequest& req, size_t prefix) {
+  const std::string name = req.path.substr(prefix);
+  const bool plain = !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0;
+  });
+  return plain ? name : "";
+}
+
+HttpResponse ServeSample(const HttpEndpoint::Impl& impl, const HttpRequest& req) {
+  const std::string table = NameAfter(req, std::strlen("/tables/"));
+  const TableDescription* described = table.empty() ? nullptr : KnownTable(impl, table);
+  if (described == nullptr) return Refuse(404, "unknown table '" + req.path.substr(8) + "'");
   std::optional<SituationFilter> filter;
-  if (req.has_param("filter")) {
+  if (req.HasParam("filter")) {
     std::string error;
-    filter = ParseTableFilter(*described, req.get_param_value("filter"), &error);
-    if (!filter) return Refuse(res, 400, "bad filter: " + error);
+    filter = ParseTableFilter(*described, req.Param("filter"), &error);
+    if (!filter) return Refuse(400, "bad filter: " + error);
   }
   CapturedSample sample;
   // During an outage every exchange runs out its time-out: a consumer is
   // told within seconds that the channel is busy, not queued behind them.
   const kvc::ChannelPatience patience(kFreshSamplePatienceMs);
   if (CaptureReportSample(table, filter ? &*filter : nullptr, &sample) != kRequestOk)
-    return Refuse(res, 500, "the table made no object for the request");
+    return Refuse(500, "the table made no object for the request");
   Json body = SampleJson(sample);
   body["sample_result"] = sample.sample_result;
   // An empty table and one whose data could not be had must not look alike.
@@ -161,7 +171,7 @@ void ServeSample(const HttpEndpoint::Impl& impl, const httplib::Request& req, ht
   if (failed)
     body["reason"] = !sample.failure.empty() ? sample.failure
                                              : "the table's sample ended with " + std::to_string(sample.sample_result);
-  Answer(res, failed ? 503 : 200, body);
+  return Answer(failed ? 503 : 200, body);
 }
 
 Json StatusJson(const HttpEndpoint::Impl& impl) {
@@ -196,122 +206,126 @@ Json StatusJson(const HttpEndpoint::Impl& impl) {
   }
   return {{"server_id", context.server_id}, {"host", context.host},      {"services", services},
           {"tables", tables},               {"recent_errors", recent}, {"events_emitted", context.events_emitted},
-          {"event_consumers", impl.event_consumers.load()}};
+          {"event_consumers", impl.counters.streams.load()}};
 }
 
-void ServeEvents(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
-  const std::string table = req.matches[1];
-  const TableDescription* described = KnownTable(impl, table);
-  if (described == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+void ServeEvents(HttpEndpoint::Impl& impl, const HttpRequest& req, HttpStream& stream) {
+  const std::string table = NameAfter(req, std::strlen("/events/"));
+  const TableDescription* described = table.empty() ? nullptr : KnownTable(impl, table);
+  if (described == nullptr) return stream.Answer(Refuse(404, "unknown table '" + req.path.substr(8) + "'"));
   if (described->sampling != SamplingForm::kPushed)
-    return Refuse(res, 404, "table '" + table + "' has no events: it is sampled, read /tables/" + table);
-  if (++impl.event_consumers > kMaxEventConsumers) {
-    --impl.event_consumers;
-    return Refuse(res, 503, "too many event consumers (at most " + std::to_string(kMaxEventConsumers) + ")");
+    return stream.Answer(
+        Refuse(404, "table '" + table + "' has no events: it is sampled, read /tables/" + table));
+  std::shared_ptr<EventSubscription> subscription = EventSubscription::Open(table, req.Header("Last-Event-ID"));
+  if (!subscription) return stream.Answer(Refuse(500, "the table made no object for the event request"));
+  // The first line tells the consumer its request is open; later comments
+  // find consumers that left.
+  if (!stream.Begin("text/event-stream", {{"Cache-Control", "no-cache"}}) || !stream.Write(": subscribed\n\n", 14))
+    return;
+  while (!stream.Stopping()) {
+    const auto frame = subscription->NextFrame(std::chrono::milliseconds(1000));
+    if (!frame) {
+      if (!stream.Write(": keep-alive\n\n", 14)) return;
+      continue;
+    }
+    if (!stream.Write(frame->data(), frame->size())) return;
+    subscription->Written();
   }
-  std::shared_ptr<EventSubscription> subscription =
-      EventSubscription::Open(table, req.get_header_value("Last-Event-ID"));
-  if (!subscription) {
-    --impl.event_consumers;
-    return Refuse(res, 500, "the table made no object for the event request");
-  }
-  res.set_header("Cache-Control", "no-cache");
-  res.set_chunked_content_provider(
-      "text/event-stream",
-      [&impl, subscription](size_t offset, httplib::DataSink& sink) {
-        if (impl.stopping) return false;
-        // The first line tells the consumer its request is open; later
-        // comments find consumers that left.
-        if (offset == 0) return sink.write(": subscribed\n\n", 14);
-        const auto frame = subscription->NextFrame(std::chrono::milliseconds(1000));
-        if (!frame) return sink.write(": keep-alive\n\n", 14);
-        if (!sink.write(frame->data(), frame->size())) return false;
-        subscription->Written();
-        return true;
-      },
-      [&impl](bool) { --impl.event_consumers; });
 }
 
-void ServeAction(HttpEndpoint::Impl& impl, const httplib::Request& req, httplib::Response& res) {
+HttpResponse ServeAction(HttpEndpoint::Impl& impl, const HttpRequest& req) {
   if (impl.settings.token.empty())
-    return Refuse(res, 403, "actions are disabled: they run commands on the database host, so the agent takes "
-                            "them only when KZQ_HTTP_TOKEN is set and the request carries it");
+    return Refuse(403, "actions are disabled: they run commands on the database host, so the agent takes "
+                        "them only when KZQ_HTTP_TOKEN is set and the request carries it");
   std::string command = req.body;
   std::string table = "KZQSRVR";
-  if (req.get_header_value("Content-Type").rfind("application/json", 0) == 0) {
+  if (req.Header("Content-Type").rfind("application/json", 0) == 0) {
     const Json body = Json::parse(req.body, nullptr, false);
     if (!body.is_object() || !body.contains("command") || !body["command"].is_string())
-      return Refuse(res, 400, "expected {\"command\": \"...\"}");
+      return Refuse(400, "expected {\"command\": \"...\"}");
     command = body["command"].get<std::string>();
     if (body.contains("table") && body["table"].is_string()) table = body["table"].get<std::string>();
   }
-  if (command.empty() || command.size() > 1024) return Refuse(res, 400, "the command must have 1 to 1024 characters");
+  if (command.empty() || command.size() > 1024) return Refuse(400, "the command must have 1 to 1024 characters");
   TableManager* manager = TableManager::Find(table);
-  if (manager == nullptr) return Refuse(res, 404, "unknown table '" + table + "'");
+  if (manager == nullptr) return Refuse(404, "unknown table '" + table + "'");
   std::lock_guard<std::mutex> guard(impl.action_lock);
   const uint64_t before = ActionLogLast();
   RequestDetail detail;
   detail.table = manager->Table();
   const ContextInfo context{manager->Application()};
   tavra* object = manager->OpenRequest(&detail, &context);
-  if (object == nullptr) return Refuse(res, 500, "the table made no object for the action");
+  if (object == nullptr) return Refuse(500, "the table made no object for the action");
   TavraAutomationCapsule capsule;
   capsule.command = command;
   const int taken = object->ExecuteCommand(&capsule);
   manager->CloseRequest(object);
-  if (taken != 0) return Refuse(res, 501, "no take-action handler is registered");
+  if (taken != 0) return Refuse(501, "no take-action handler is registered");
   Json lines = Json::array();
   for (const ActionLogEntry& e : ActionLogSince(before))
     lines.push_back({{"id", e.id}, {"line", e.line}, {"title", e.title}});
-  Answer(res, 200, {{"command", command}, {"result", capsule.result}, {"finished", capsule.finished},
-                    {"lines", lines}});
+  return Answer(200, {{"command", command}, {"result", capsule.result}, {"finished", capsule.finished},
+                      {"lines", lines}});
 }
 
-void Route(HttpEndpoint::Impl& impl) {
-  httplib::Server& s = impl.server;
-  s.set_payload_max_length(kMaxRequestBody);
-  // A small answer's body would otherwise wait for the client's delayed
-  // acknowledgement of its headers: 40 ms on a kept-alive connection.
-  s.set_tcp_nodelay(true);
-  s.new_task_queue = [] { return new httplib::ThreadPool(kMaxEventConsumers + 8); };
-  s.set_pre_routing_handler([&impl](const httplib::Request& req, httplib::Response& res) {
-    if (!HostAllowed(impl.settings, req)) {
-      ++impl.rejected_host;
-      Refuse(res, 403, "this agent answers requests for its loopback address, not for '" +
-                           req.get_header_value("Host") + "'");
-      return httplib::Server::HandlerResponse::Handled;
-    }
-    if (Authorised(impl.settings.token, req)) return httplib::Server::HandlerResponse::Unhandled;
-    ++impl.rejected_token;
-    res.set_header("WWW-Authenticate", "Bearer");
-    Refuse(res, 401, "this agent needs its token: send 'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
-    return httplib::Server::HandlerResponse::Handled;
-  });
-  s.Get("/", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(StatusPageHtml(), "text/html; charset=utf-8");
-  });
-  s.Get("/status", [&impl](const httplib::Request&, httplib::Response& res) {
-    Answer(res, 200, StatusJson(impl));
-  });
-  s.Get("/tables", [&impl](const httplib::Request&, httplib::Response& res) {
-    res.set_content(impl.catalogue, "application/json");
-  });
-  s.Get(R"(/tables/([A-Za-z0-9]+))",
-        [&impl](const httplib::Request& req, httplib::Response& res) { ServeSample(impl, req, res); });
-  s.Get("/metrics", [&impl](const httplib::Request&, httplib::Response& res) {
+// Checked on every request before its route, after it was read whole.
+std::optional<std::pair<Refusal, HttpResponse>> Admit(const HttpEndpoint::Impl& impl,
+                                                                 const HttpRequest& req) {
+  if (!HostAllowed(impl.settings, req))
+    return std::pair{Refusal::kHost,
+                     Refuse(403, "this agent answers requests for its loopback address, not for '" +
+                                      req.Header("Host") + "'")};
+  if (Authorised(impl.settings.token, req)) return std::nullopt;
+  HttpResponse refused =
+      Refuse(401, "this agent needs its token: send 'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
+  refused.headers.emplace_back("WWW-Authenticate", "Bearer");
+  return std::pair{Refusal::kToken, refused};
+}
+
+HttpRoute Route(std::string method, std::string path, HttpRoute::Kind kind,
+                std::function<HttpResponse(const HttpRequest&)> answer) {
+  HttpRoute route;
+  route.method = std::move(method);
+  route.prefix = path.back() == '/' && path.size() > 1;  // "/tables/" answers "/tables/<name>"
+  route.path = std::move(path);
+  route.kind = kind;
+  route.answer = std::move(answer);
+  return route;
+}
+
+HttpResponse Shared(std::shared_ptr<const std::string> body, std::string content_type) {
+  HttpResponse response;
+  response.content_type = std::move(content_type);
+  response.body = std::move(body);
+  return response;
+}
+
+std::vector<HttpRoute> Routes(HttpEndpoint::Impl& impl) {
+  using Kind = HttpRoute::Kind;
+  const auto page = std::make_shared<const std::string>(StatusPageHtml());
+  std::vector<HttpRoute> routes;
+  routes.push_back(Route("GET", "/", Kind::kShared,
+                         [page](const HttpRequest&) { return Shared(page, "text/html; charset=utf-8"); }));
+  routes.push_back(Route("GET", "/status", Kind::kShared,
+                         [&impl](const HttpRequest&) { return Answer(200, StatusJson(impl)); }));
+  routes.push_back(Route("GET", "/tables", Kind::kShared,
+                         [&impl](const HttpRequest&) { return Shared(impl.catalogue, "application/json"); }));
+  routes.push_back(Route("GET", "/metrics", Kind::kShared, [&impl](const HttpRequest&) {
     MetricsContext context = CurrentContext(*impl.description);
     context.stale_after = 2 * static_cast<int64_t>(impl.settings.sample_interval);
-    res.set_content(MetricsText(impl.cache->Snapshot(), impl.description->tables, impl.description->ProbeServices(),
-                                context) +
-                        RejectionCounters(impl, context),
-                    "text/plain; version=0.0.4; charset=utf-8");
-  });
-  s.Get(R"(/events/([A-Za-z0-9]+))",
-        [&impl](const httplib::Request& req, httplib::Response& res) { ServeEvents(impl, req, res); });
-  s.Post("/actions", [&impl](const httplib::Request& req, httplib::Response& res) { ServeAction(impl, req, res); });
-  s.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
-    if (res.body.empty()) Refuse(res, res.status, "no such resource: " + req.method + " " + req.path);
-  });
+    return HttpResponse::With(200, "text/plain; version=0.0.4; charset=utf-8",
+                              MetricsText(impl.cache->Snapshot(), impl.description->tables,
+                                          impl.description->ProbeServices(), context) +
+                                  EndpointCounters(impl.counters, context));
+  }));
+  routes.push_back(
+      Route("GET", "/tables/", Kind::kWork, [&impl](const HttpRequest& req) { return ServeSample(impl, req); }));
+  routes.push_back(
+      Route("POST", "/actions", Kind::kWork, [&impl](const HttpRequest& req) { return ServeAction(impl, req); }));
+  HttpRoute events = Route("GET", "/events/", Kind::kStream, nullptr);
+  events.stream = [&impl](const HttpRequest& req, HttpStream& stream) { ServeEvents(impl, req, stream); };
+  routes.push_back(std::move(events));
+  return routes;
 }
 
 }  // namespace
@@ -327,38 +341,24 @@ std::unique_ptr<HttpEndpoint> HttpEndpoint::Start(const HttpSettings& settings, 
   impl->settings = settings;
   impl->cache = cache;
   impl->description = std::move(description);
-  impl->catalogue = WireText(CatalogueJson(impl->description->tables));
-  Route(*impl);
-  // One agent per address: the library's default lets a second listener
-  // share the port and take half of its requests.
-  impl->server.set_socket_options([](socket_t socket) {
-    platform::MakeListenerExclusive(static_cast<uintptr_t>(socket));
-  });
-  impl->port = settings.port == 0 ? impl->server.bind_to_any_port(settings.host)
-                                  : (impl->server.bind_to_port(settings.host, settings.port) ? settings.port : -1);
-  if (impl->port <= 0) {
-    *error = "cannot listen on " + settings.host + ":" + std::to_string(settings.port) +
-             " (address in use, or not an address of this host)";
+  impl->catalogue = std::make_shared<const std::string>(WireText(CatalogueJson(impl->description->tables)));
+  Impl& held = *impl;
+  std::string reason;
+  impl->server = HttpServer::Start(
+      settings.host, settings.port, Routes(held), [&held](const HttpRequest& req) { return Admit(held, req); },
+      &impl->counters, &reason);
+  if (!impl->server) {
+    *error = "cannot listen on " + settings.host + ":" + std::to_string(settings.port) + " (" + reason +
+             "; address in use, or not an address of this host)";
     return nullptr;
   }
-  Impl* raw = impl.get();
-  impl->listener = std::thread([raw] {
-    raw->server.listen_after_bind();
-    raw->listener_done = true;
-  });
   return std::unique_ptr<HttpEndpoint>(new HttpEndpoint(std::move(impl)));
 }
 
-int HttpEndpoint::Port() const { return impl_->port; }
+int HttpEndpoint::Port() const { return impl_->server->Port(); }
 
 void HttpEndpoint::Stop() {
-  if (!impl_->listener.joinable()) return;
-  impl_->stopping = true;
-  // The server stops only once it listens: a stop that came before would be
-  // lost and the listener would wait for connections for ever.
-  while (!impl_->server.is_running() && !impl_->listener_done) platform::SleepMillis(1);
-  impl_->server.stop();
-  impl_->listener.join();
+  if (impl_->server) impl_->server->Stop();
 }
 
 }  // namespace framework

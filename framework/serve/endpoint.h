@@ -12,11 +12,6 @@
 
 namespace framework {
 
-// Consumers following events at once; one more is answered 503.
-inline constexpr int kMaxEventConsumers = 16;
-// Largest request body taken (an action's command is at most 1024 characters).
-inline constexpr size_t kMaxRequestBody = 64 * 1024;
-
 class HttpEndpoint {
  public:
   // Binds and starts serving on threads of its own, answering from the
