@@ -45,7 +45,7 @@ test-tsan: deps-native
 # FUZZ_SECONDS per target, one target at a time, and leaves what it found in
 # build-fuzz/found/; test-fuzz only replays the committed corpora.
 FUZZ_TARGETS := errorlog_line_fuzz errorlog_parser_fuzz errorlog_state_fuzz situation_fuzz replay_rows_fuzz \
-  time_text_fuzz option_words_fuzz registry_values_fuzz channel_data_fuzz channel_request_fuzz
+  time_text_fuzz option_words_fuzz registry_values_fuzz channel_data_fuzz channel_request_fuzz http_request_fuzz
 FUZZ_SECONDS ?= 60
 build-fuzz:
 	@scripts/ensure-packages $(FUZZ_PACKAGES)

@@ -533,10 +533,11 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   httplib::Client wrong(agent_.Url());
   wrong.set_bearer_token_auth("t0kem");
   EXPECT_EQ(wrong.Get("/tables")->status, 401);
+  EXPECT_EQ(wrong.Get("/tables", {{"Authorization", "Bearer t0ken "}})->status, 401);
   httplib::Client holder(agent_.Url());
   holder.set_bearer_token_auth("t0ken");
   EXPECT_EQ(holder.Get("/tables")->status, 200);
-  EXPECT_THAT(holder.Get("/metrics")->body, HasSubstr(R"(reason="token"} 6)"));
+  EXPECT_THAT(holder.Get("/metrics")->body, HasSubstr(R"(reason="token"} 7)"));
   EXPECT_EQ(anonymous.Get("/tables?access_token=t0ken")->status, 200);
   EXPECT_EQ(anonymous.Post("/actions?access_token=t0ken", R"({"command": "echo hi"})", "application/json")->status,
             401);
@@ -774,6 +775,110 @@ TEST_F(Http, TheStatusPageShowsServicesTablesAndANewErrorWithoutAReload) {
   ASSERT_TRUE(ArrivesWithChanges([&] { return seen() && page["live"].size() == 1; })) << page.dump();
   EXPECT_THAT(page["live"][0].get<std::string>(), HasSubstr("The transaction log for database 'sales' is full."));
   EXPECT_THAT(page["live"][0].get<std::string>(), HasSubstr("9002"));
+}
+
+// A client no library would be: a plain blocking socket to the agent.
+class RawClient {
+ public:
+  explicit RawClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    const timeval patience{20, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  }
+  ~RawClient() { close(fd_); }
+  bool Connected() const { return connected_; }
+  bool Send(const std::string& bytes) {
+    return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  }
+  // The answer's status line; "closed" when the agent closed without one.
+  std::string StatusLine() {
+    std::string text;
+    char c;
+    while (text.find("\r\n") == std::string::npos && recv(fd_, &c, 1, 0) == 1) text += c;
+    return text.empty() ? "closed" : text.substr(0, text.find("\r\n"));
+  }
+
+ private:
+  int fd_;
+  bool connected_ = false;
+};
+
+long RssKib(uint32_t pid) {
+  std::istringstream status(kzq_test::ReadFile("/proc/" + std::to_string(pid) + "/status"));
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("VmRSS:", 0) == 0) return atol(line.c_str() + 6);
+  return -1;
+}
+
+// Clients that send slowly, send nothing, or come by the hundred cost the
+// agent a socket each: a scrape is answered beside them, and a request that
+// is not whole within its deadline is answered 408 however steadily its
+// bytes trickle in.
+TEST_F(Http, SlowIdleAndCrowdingClientsNeverHoldUpAScrape) {
+  agent_ = StartAgent();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 100; ++i) {
+    clients.push_back(std::make_unique<RawClient>(agent_.port));
+    ASSERT_TRUE(clients.back()->Send("GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\nX-a: "));
+  }
+  for (int i = 0; i < 200; ++i) clients.push_back(std::make_unique<RawClient>(agent_.port));
+  // Whole requests whose answers nobody reads.
+  for (int i = 0; i < 300; ++i) {
+    clients.push_back(std::make_unique<RawClient>(agent_.port));
+    ASSERT_TRUE(clients.back()->Send("GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+  }
+  for (const auto& c : clients) ASSERT_TRUE(c->Connected());
+  GetJson(agent_.Url(), "/status");
+  for (int second = 0; second < 11; ++second) {
+    clients[0]->Send("a");
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+  EXPECT_EQ(clients[0]->StatusLine(), "HTTP/1.1 408 Request Timeout");
+  EXPECT_EQ(clients[150]->StatusLine(), "closed");  // idle for longer than a kept-alive connection may be
+  EXPECT_EQ(clients[400]->StatusLine(), "HTTP/1.1 200 OK");
+  httplib::Client scrape(agent_.Url());
+  const auto metrics = scrape.Get("/metrics");
+  ASSERT_TRUE(metrics);
+  EXPECT_EQ(metrics->status, 200);
+  // The slow ones; an unread answer that stalls for as long counts too.
+  std::smatch deadline;
+  ASSERT_TRUE(std::regex_search(metrics->body, deadline, std::regex(R"(reason="deadline"\} (\d+))")));
+  EXPECT_GE(std::stoi(deadline[1]), 100);
+}
+
+// A request larger than its bounds is refused once it passes them; the
+// agent reads on only to let the client see the refusal, and keeps none
+// of it.
+TEST_F(Http, HugeRequestsAreRefusedAtTheirBoundsAndCostNoMemory) {
+  agent_ = StartAgent();
+  GetJson(agent_.Url(), "/metrics");
+  const long before = RssKib(agent_.process->Id());
+  const std::string megabyte(1 << 20, 'a');
+  struct Attack {
+    std::string start;
+    std::string piece;
+    const char* answer;
+  };
+  const Attack attacks[] = {
+      {"GET /", megabyte, "HTTP/1.1 414 URI Too Long"},
+      {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nX-a: ", megabyte, "HTTP/1.1 431 Request Header Fields Too Large"},
+      {"POST /actions HTTP/1.1\r\nHost: 127.0.0.1\r\nTransfer-Encoding: chunked\r\n\r\n",
+       "100000\r\n" + megabyte + "\r\n", "HTTP/1.1 413 Payload Too Large"},
+  };
+  for (const Attack& attack : attacks) {
+    RawClient client(agent_.port);
+    ASSERT_TRUE(client.Send(attack.start));
+    for (int i = 0; i < 20 && client.Send(attack.piece); ++i) {
+    }
+    EXPECT_EQ(client.StatusLine(), attack.answer);
+  }
+  EXPECT_LT(RssKib(agent_.process->Id()) - before, 4096);
+  EXPECT_EQ(GetJson(agent_.Url(), "/tables").size(), 33u);
 }
 
 }  // namespace
