@@ -1,6 +1,7 @@
 // HTTP endpoint under attack: a real kzqcoll replaying the demo's rows and a
 // real kzqagent -console, attacked from this process over loopback with
-// plain sockets - slow clients, idle connections, many connections at once,
+// plain sockets - slow clients, idle connections, many connections at once
+// (closed after their answer, or kept open),
 // a huge request line, a huge header line and a huge chunked body - one
 // attack at a time. During each, GET /metrics is timed on a fresh
 // connection every 200 ms and the agent's memory sampled; before and after
@@ -340,8 +341,10 @@ Step Advance(int fd, short revents, size_t* sent, AnswerReader* reader) {
 }
 
 // `count` connections opened as fast as possible, each sending GET
-// /metrics and reading the whole answer.
-std::string ManyAtOnce(int port, int count, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
+// /metrics and reading the whole answer; then closed, or with `keep_open`
+// kept open and idle, as a client that holds on to its connections does.
+std::string ManyAtOnce(int port, int count, bool keep_open, const std::atomic<bool>& stop,
+                       std::atomic<bool>& ready) {
   const auto start = Clock::now();
   Sockets clients;
   ManyTally tally;
@@ -355,6 +358,7 @@ std::string ManyAtOnce(int port, int count, const std::atomic<bool>& stop, std::
   ready = true;
   std::vector<size_t> sent(clients.Size(), 0);
   std::vector<AnswerReader> readers(clients.Size());
+  Sockets kept;
   for (size_t live = clients.Size(); live > 0 && !stop;) {
     std::vector<pollfd> watched;
     std::vector<size_t> which;
@@ -375,14 +379,21 @@ std::string ManyAtOnce(int port, int count, const std::atomic<bool>& stop, std::
       } else {
         ++tally.refused;
       }
-      clients.Close(i);
+      if (step == Step::kAnswered && keep_open) kept.Add(clients.Release(i));
+      else clients.Close(i);
       --live;
     }
   }
   const int unanswered = count - tally.not_opened - tally.answered - tally.refused;
+  std::string closed_later;
+  if (keep_open) {
+    SleepUnless(stop, seconds(3600));
+    closed_later = Format(", %d of the %zu kept open closed by the agent by the end", LeftByAgent(&kept), kept.Size());
+  }
   return Format("%d answered (the last %.1f s after the start), %d closed or refused, %d unanswered at the end,"
-                " %d not opened",
-                tally.answered, tally.last_answer, tally.refused, unanswered, tally.not_opened);
+                " %d not opened%s",
+                tally.answered, tally.last_answer, tally.refused, unanswered, tally.not_opened,
+                closed_later.c_str());
 }
 
 // One request whose line, header or body goes on for `megabytes` MB,
@@ -444,7 +455,11 @@ std::vector<Attack> Attacks(int many, int megabytes) {
        }},
       {std::to_string(many) + " connections at once",
        [many](int port, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
-         return ManyAtOnce(port, many, stop, ready);
+         return ManyAtOnce(port, many, false, stop, ready);
+       }},
+      {std::to_string(many) + " at once, kept open",
+       [many](int port, const std::atomic<bool>& stop, std::atomic<bool>& ready) {
+         return ManyAtOnce(port, many, true, stop, ready);
        }},
       {mbs + " request line", flood("GET /", mb, ""), true},
       {mbs + " header line", flood(header, mb, ""), true},
