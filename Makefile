@@ -15,11 +15,9 @@ test: test-native test-tsan test-fuzz test-windows
 
 deps-native:
 	@scripts/ensure-packages $(NATIVE_PACKAGES)
-	@scripts/ensure-httplib-header
 
 deps-windows:
 	@scripts/ensure-packages $(WINDOWS_PACKAGES)
-	@scripts/ensure-httplib-header
 
 # Native tests run with AddressSanitizer and UndefinedBehaviorSanitizer.
 build: deps-native
@@ -49,7 +47,6 @@ FUZZ_TARGETS := errorlog_line_fuzz errorlog_parser_fuzz errorlog_state_fuzz situ
 FUZZ_SECONDS ?= 60
 build-fuzz:
 	@scripts/ensure-packages $(FUZZ_PACKAGES)
-	@scripts/ensure-httplib-header
 	@cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
 	  -DCMAKE_CXX_COMPILER=clang++ -DKZQ_FUZZ=ON >/dev/null
 	@cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
@@ -84,7 +81,6 @@ test-windows: build-windows
 DEMO_PROGRAMS := kzqagent kzqcoll kzqdemolog kzqctl
 demo:
 	@scripts/ensure-packages $(DEMO_PACKAGES)
-	@scripts/ensure-httplib-header
 	@cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DKZQ_TESTS=OFF >/dev/null
 	@cmake --build build-demo -j $(JOBS) --target $(DEMO_PROGRAMS)
 	@scripts/demo build-demo
