@@ -18,6 +18,7 @@
 #include "framework/table_manager.h"
 #include "kvc/channel_entry.h"
 #include "platform/clock.h"
+#include "platform/process_usage.h"
 
 namespace framework {
 
@@ -113,6 +114,44 @@ std::string EndpointCounters(const HttpCounters& counters, const MetricsContext&
           "# HELP kzq_http_event_consumers Consumers following an event stream.\n"
           "# TYPE kzq_http_event_consumers gauge\n"
           "kzq_http_event_consumers{" + labels + "} " + std::to_string(counters.streams.load()) + "\n";
+  return text;
+}
+
+// The agent's own process, as every exporter reports it, and how long this
+// scrape has taken so far.
+std::string SelfMetrics(const MetricsContext& context, uint64_t started_ms) {
+  const std::string labels =
+      "{server_id=\"" + EscapeLabelValue(context.server_id) + "\",host=\"" + EscapeLabelValue(context.host) + "\"}";
+  std::string text;
+  const auto family = [&](const char* name, const char* type, const char* help, const std::string& value,
+                          const std::string& series_labels) {
+    text += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n" + name +
+            series_labels + " " + value + "\n";
+  };
+  family("kzq_build_info", "gauge", "The agent's version; always 1.", "1",
+         labels.substr(0, labels.size() - 1) + ",version=\"" KZQ_VERSION "\"}");
+  platform::ProcessUsage usage;
+  if (platform::CurrentProcessUsage(&usage)) {
+    char cpu[32];
+    snprintf(cpu, sizeof cpu, "%.3f", usage.cpu_seconds);
+    family("process_cpu_seconds_total", "counter", "CPU time the agent has used, user and system, in seconds.", cpu,
+           labels);
+    family("process_resident_memory_bytes", "gauge", "The agent's memory in RAM, in bytes.",
+           std::to_string(usage.resident_bytes), labels);
+    family("process_virtual_memory_bytes", "gauge", "The agent's address space (committed memory on Windows), in bytes.",
+           std::to_string(usage.virtual_bytes), labels);
+    if (usage.open_descriptors >= 0)
+      family("process_open_fds", "gauge", "Descriptors (handles on Windows) the agent holds open.",
+             std::to_string(usage.open_descriptors), labels);
+    if (usage.max_descriptors >= 0)
+      family("process_max_fds", "gauge", "The most descriptors the agent may hold open.",
+             std::to_string(usage.max_descriptors), labels);
+    family("process_start_time_seconds", "gauge", "When the agent started, in seconds since 1970-01-01 UTC.",
+           std::to_string(usage.start_unix_seconds), labels);
+  }
+  char took[32];
+  snprintf(took, sizeof took, "%.6f", static_cast<double>(platform::MonotonicMillis() - started_ms) / 1000.0);
+  family("kzq_scrape_duration_seconds", "gauge", "How long this answer took to make, in seconds.", took, labels);
   return text;
 }
 
@@ -275,7 +314,8 @@ std::optional<std::pair<Refusal, HttpResponse>> Admit(const HttpEndpoint::Impl& 
     return std::pair{Refusal::kHost,
                      Refuse(403, "this agent answers requests for its loopback address, not for '" +
                                       req.Header("Host") + "'")};
-  if (Authorised(impl.settings.token, req)) return std::nullopt;
+  // Probes say only whether the agent runs; they need no token.
+  if (req.path.rfind("/-/", 0) == 0 || Authorised(impl.settings.token, req)) return std::nullopt;
   HttpResponse refused =
       Refuse(401, "this agent needs its token: send 'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
   refused.headers.emplace_back("WWW-Authenticate", "Bearer");
@@ -311,12 +351,28 @@ std::vector<HttpRoute> Routes(HttpEndpoint::Impl& impl) {
   routes.push_back(Route("GET", "/tables", Kind::kShared,
                          [&impl](const HttpRequest&) { return Shared(impl.catalogue, "application/json"); }));
   routes.push_back(Route("GET", "/metrics", Kind::kShared, [&impl](const HttpRequest&) {
+    const uint64_t started = platform::MonotonicMillis();
     MetricsContext context = CurrentContext(*impl.description);
     context.stale_after = 2 * static_cast<int64_t>(impl.settings.sample_interval);
-    return HttpResponse::With(200, "text/plain; version=0.0.4; charset=utf-8",
-                              MetricsText(impl.cache->Snapshot(), impl.description->tables,
-                                          impl.description->ProbeServices(), context) +
-                                  EndpointCounters(impl.counters, context));
+    std::string text = MetricsText(impl.cache->Snapshot(), impl.description->tables,
+                                   impl.description->ProbeServices(), context) +
+                       EndpointCounters(impl.counters, context);
+    text += SelfMetrics(context, started);
+    return HttpResponse::With(200, "text/plain; version=0.0.4; charset=utf-8", std::move(text));
+  }));
+  // For probes: the process serves, and it has sampled every table once.
+  routes.push_back(Route("GET", "/-/healthy", Kind::kShared, [](const HttpRequest&) {
+    return HttpResponse::With(200, "text/plain; charset=utf-8", "kzq agent is healthy.\n");
+  }));
+  routes.push_back(Route("GET", "/-/ready", Kind::kShared, [&impl](const HttpRequest&) {
+    const auto snapshot = impl.cache->Snapshot();
+    const size_t tables = TableManager::Registered().size();
+    size_t sampled = 0;
+    for (const auto& [name, state] : snapshot) sampled += state.last != nullptr;
+    if (sampled >= tables) return HttpResponse::With(200, "text/plain; charset=utf-8", "kzq agent is ready.\n");
+    return HttpResponse::With(503, "text/plain; charset=utf-8",
+                              "kzq agent is not ready: " + std::to_string(sampled) + " of " + std::to_string(tables) +
+                                  " tables sampled.\n");
   }));
   routes.push_back(
       Route("GET", "/tables/", Kind::kWork, [&impl](const HttpRequest& req) { return ServeSample(impl, req); }));

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "framework/serve/time_stamp.h"
+
 namespace framework {
 namespace {
 
@@ -53,8 +55,14 @@ nlohmann::ordered_json FieldJson(const AttributeDescriptor& attribute, const uns
 
 nlohmann::ordered_json RowJson(const CapturedSample& sample, int row) {
   nlohmann::ordered_json object = nlohmann::ordered_json::object();
-  for (const AttributeDescriptor& a : sample.attributes)
-    if (a.offset + a.length <= sample.row_size) object[UpperName(a.name)] = FieldJson(a, sample.Row(row));
+  for (const AttributeDescriptor& a : sample.attributes) {
+    if (a.offset + a.length > sample.row_size) continue;
+    const std::string name = UpperName(a.name);
+    object[name] = FieldJson(a, sample.Row(row));
+    // A time stamp keeps its raw text and gains a form people and tools read.
+    if (a.type != kTextType || a.length != 16 || !object[name].is_string()) continue;
+    if (const auto moment = ReadTimeStamp(object[name].get<std::string>())) object[name + "_ISO"] = Iso8601(*moment);
+  }
   return object;
 }
 

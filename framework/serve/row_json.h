@@ -19,6 +19,8 @@ std::optional<int64_t> IntegerField(const AttributeDescriptor& attribute, const 
 // A text field without trailing blanks and NULs; std::nullopt when 0xFF-filled.
 std::optional<std::string> TextField(const AttributeDescriptor& attribute, const unsigned char* row);
 
+// {"NAME": value, ...}; a field holding a time stamp also as "NAME_ISO":
+// "2026-11-23T18:29:47.000+01:00".
 nlohmann::ordered_json RowJson(const CapturedSample& sample, int row);
 // {"table", "taken_at", "rows": [...]}
 nlohmann::ordered_json SampleJson(const CapturedSample& sample);

@@ -283,6 +283,14 @@ TEST_F(Http, TablesSamplesFiltersAndMetricsAsJsonTextAndThroughKzqctl) {
   EXPECT_EQ(sample["rows"][0]["DBNAME"], "master");
   EXPECT_EQ(sample["rows"][1]["DBSIZE"], 20480);
   EXPECT_EQ(sample["rows"][1]["OWNER"], "");
+  // Time stamps keep their text and gain ISO 8601 in local time.
+  const std::string stamp = sample["rows"][0]["TIMESTAMP"];
+  EXPECT_THAT(sample["rows"][0]["TIMESTAMP_ISO"].get<std::string>(),
+              testing::MatchesRegex("20" + stamp.substr(1, 2) + "-" + stamp.substr(3, 2) + "-" + stamp.substr(5, 2) +
+                                    "T" + stamp.substr(7, 2) + ":" + stamp.substr(9, 2) + ":" + stamp.substr(11, 2) +
+                                    "\\." + stamp.substr(13, 3) + "[+-][0-9][0-9]:[0-9][0-9]"))
+      << sample["rows"][0].dump();
+  EXPECT_FALSE(sample["rows"][0].contains("DBNAME_ISO"));
 
   const Json filtered = GetJson(agent_.Url(), "/tables/KZQDBD?filter=DBSIZE%20GT%20100%20AND%20DBNAME%20LIKE%20'sal%25'");
   ASSERT_EQ(filtered["rows"].size(), 1u) << filtered.dump();
@@ -319,6 +327,11 @@ TEST_F(Http, TablesSamplesFiltersAndMetricsAsJsonTextAndThroughKzqctl) {
   EXPECT_THAT(scrape->body, HasSubstr(",dbname=\"sales\"} 20480\n"));
   EXPECT_THAT(scrape->body, HasSubstr(",table=\"KZQDBD\"} 2\n"));  // kzq_sample_rows: both replayed rows
   EXPECT_THAT(scrape->body, HasSubstr("service=\"KZQCOLL1\"} "));
+  EXPECT_THAT(scrape->body, HasSubstr("kzq_build_info{" + server));
+  EXPECT_THAT(scrape->body, HasSubstr("\nprocess_resident_memory_bytes{" + server));
+  // Probes need no token and say whether every table has been sampled.
+  EXPECT_EQ(client.Get("/-/healthy")->status, 200);
+  EXPECT_EQ(client.Get("/-/ready")->status, 200);
 #ifndef _WIN32
   EXPECT_THAT(scrape->body, HasSubstr("service=\"KZQCOLL1\"} 1\n"));  // its pid file says it runs
   kzq_test::WriteFile(home_.File("scrape.txt"), scrape->body);

@@ -10,6 +10,8 @@
 #include "framework/serve/http_settings.h"
 #include "framework/serve/metrics_text.h"
 #include "framework/serve/row_json.h"
+#include "framework/serve/time_stamp.h"
+#include "platform/clock.h"
 #include "platform/environment.h"
 
 namespace {
@@ -174,6 +176,25 @@ TEST_F(Metrics, TheAgentsOwnHealthIsAlwaysThereAndAStaleTableLosesItsSeries) {
   EXPECT_THAT(text, HasSubstr("kzq_error_events_total{server_id=\"SQL\\\"1\",host=\"db01\"} 5\n"));
   EXPECT_EQ(framework::EscapeLabelValue("a\\b\nc"), "a\\\\b\\nc");
   EXPECT_EQ(framework::EscapeLabelValue("J\xC3\xBCrgen \xC3("), "J\xC3\xBCrgen \xEF\xBF\xBD(");
+}
+
+// Stamps are read only when they name a real moment; the offset is that
+// of the local time they were written in.
+TEST(TimeStamps, ReadAsMomentsAndWrittenAsIso8601) {
+  const auto moment = framework::ReadTimeStamp("1261123182947512");
+  ASSERT_TRUE(moment.has_value());
+  platform::LocalTime local;
+  ASSERT_TRUE(platform::ToLocal(moment->unix_seconds, &local));
+  EXPECT_EQ(local.hour, 18);
+  EXPECT_EQ(local.day, 23);
+  const std::string iso = framework::Iso8601(*moment);
+  EXPECT_EQ(iso.substr(0, 23), "2026-11-23T18:29:47.512");
+  EXPECT_THAT(iso.substr(23), testing::MatchesRegex("[+-][0-9][0-9]:[0-9][0-9]"));
+  EXPECT_EQ(framework::Iso8601(*framework::ReadTimeStamp("0991231235959000")).substr(0, 19), "1999-12-31T23:59:59");
+  EXPECT_TRUE(framework::ReadTimeStamp("1240229000000000").has_value());  // a leap day
+  for (const char* bad : {"1250229000000000", "1261131000000000", "1261123240000000", "2261123182947000",
+                          "126112318294700", "12611231829470a0", "SQLSERVER 2022  "})
+    EXPECT_FALSE(framework::ReadTimeStamp(bad).has_value()) << bad;
 }
 
 }  // namespace
