@@ -2,7 +2,7 @@
 # Each target installs what it needs on a fresh Debian machine.
 
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev libcli11-dev \
-  libsystemd-dev systemd prometheus chromium python3 unixodbc unixodbc-dev tdsodbc
+  libsystemd-dev systemd prometheus chromium python3 curl unixodbc unixodbc-dev tdsodbc
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev libcli11-dev
 FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
   nlohmann-json3-dev libsystemd-dev unixodbc-dev
