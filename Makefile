@@ -1,12 +1,12 @@
 # The two commands a newcomer needs: `make demo` and `make test`.
 # Each target installs what it needs on a fresh Debian machine.
 
-NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev \
-  libsystemd-dev systemd prometheus chromium python3 unixodbc unixodbc-dev tdsodbc
-WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev
+NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev libcli11-dev \
+  libsystemd-dev systemd prometheus chromium python3 curl unixodbc unixodbc-dev tdsodbc
+WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev libcli11-dev
 FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
   nlohmann-json3-dev libsystemd-dev unixodbc-dev
-DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libsystemd-dev unixodbc-dev
+DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libcli11-dev libsystemd-dev unixodbc-dev
 JOBS ?= 2
 
 .PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench soak deps-native deps-windows build build-windows clean

@@ -178,6 +178,17 @@ int ToTimeStamp(const char* text, int length, char* result) {
   return 0;
 }
 
+bool ReadTimeStamp(std::string_view stamp, platform::LocalTime* out) {
+  const std::string s(stamp);
+  DateFields f;
+  if (s.size() != kTimeStampLength || !ReadDigitForm(s, &f) || CheckFields(&f) != 0) return false;
+  *out = platform::LocalTime{};
+  int* const fields[] = {&out->year, &out->month, &out->day, &out->hour, &out->minute, &out->second};
+  for (int i = 0; i < 6; ++i) *fields[i] = f.value[i];
+  out->millisecond = DigitsAt(s, 13, 3);
+  return true;
+}
+
 int64_t StringToTime(const char* text, platform::LocalTime* out) {
   if (Options().trace_detail) Log('t', "str0002", "str2timet(\"%s\",%p)", text, static_cast<void*>(out));
   unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, hundredths = 0;

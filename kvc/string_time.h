@@ -39,6 +39,12 @@ char* FormatTime(const platform::LocalTime& time, char* buffer, int form);
 // text "DateFmtErr=<n>" in `result`.
 int ToTimeStamp(const char* text, int length, char* result);
 
+// Reads a 16-character stamp CYYMMDDHHMMSSmmm into `out` (date, time and
+// milliseconds; weekday and yearday are not set). False when `stamp` is
+// not 16 digits or names no real date and time, as the all-zero stamps
+// that stand for "no time" do.
+bool ReadTimeStamp(std::string_view stamp, platform::LocalTime* out);
+
 // Reads "year/month/day hour:minute:second[.hundredths]" ('-' and '.' also
 // accepted as separators). Returns seconds since 1970 and fills `out`, or -1.
 int64_t StringToTime(const char* text, platform::LocalTime* out);

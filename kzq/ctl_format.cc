@@ -1,11 +1,67 @@
 #include "kzq/ctl_format.h"
 
-#include <vector>
+#include <cctype>
+#include <cstdio>
+
+#include "kvc/string_time.h"
+#include "platform/clock.h"
 
 namespace kzq {
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+std::string Upper(std::string text) {
+  for (char& c : text) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  return text;
+}
+
+bool IsBookkeeping(const std::string& column) {
+  return column == "ORIGINNODE" || column == "SAMPLENO" || column == "ROWNO" || column == "TIMESTAMP";
+}
+
+bool AllDigits(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// The row's columns that hold something in at least one row, bookkeeping left out.
+std::vector<std::string> FilledColumns(const Json& rows) {
+  std::vector<std::string> columns;
+  for (const auto& [name, first] : rows[0].items()) {
+    if (IsBookkeeping(name)) continue;
+    for (const Json& row : rows) {
+      if (Shown(row.value(name, Json())).empty()) continue;
+      columns.push_back(name);
+      break;
+    }
+  }
+  return columns;
+}
+
+// The chosen columns as the rows spell them; nothing when one is missing.
+std::optional<std::vector<std::string>> ChosenColumns(const Json& rows, const std::vector<std::string>& chosen,
+                                                      std::string* error) {
+  std::vector<std::string> columns;
+  for (const std::string& wanted : chosen) {
+    const std::string name = Upper(wanted);
+    if (!rows[0].contains(name)) {
+      std::string known;
+      for (const auto& [column, value] : rows[0].items()) known += (known.empty() ? "" : ",") + column;
+      *error = "no column '" + wanted + "' in these rows; they have " + known;
+      return std::nullopt;
+    }
+    columns.push_back(name);
+  }
+  return columns;
+}
+
+std::string Cell(const Json& row, const std::string& column, const SampleView& view) {
+  const std::string text = Shown(row.value(column, Json()));
+  if (!view.stamp_columns.count(column)) return text;
+  return ReadableStamp(text, view.utc).value_or(text);
+}
+
+}  // namespace
 
 std::string Shown(const Json& value) {
   if (value.is_null()) return "";
@@ -13,65 +69,48 @@ std::string Shown(const Json& value) {
   return value.dump();
 }
 
-// Display width in characters, counting each UTF-8 sequence once.
-size_t Width(const std::string& text) {
-  size_t width = 0;
-  for (unsigned char c : text) width += (c & 0xC0) != 0x80;
-  return width;
-}
-
-std::string Fit(const std::string& text, size_t width) {
-  std::string out;
-  size_t shown = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const bool starts = (static_cast<unsigned char>(text[i]) & 0xC0) != 0x80;
-    if (starts && shown == width - 1 && Width(text) > width) return out + "~";
-    if (starts) ++shown;
-    out += text[i];
+std::optional<std::string> ReadableStamp(const std::string& text, bool utc) {
+  if (text.size() != kvc::kTimeStampLength || !AllDigits(text)) return std::nullopt;
+  platform::LocalTime t;
+  if (!kvc::ReadTimeStamp(text, &t)) return "";
+  if (utc) {
+    const int64_t moment = platform::FromLocal(&t);
+    if (moment == -1 || !platform::ToUtc(moment, &t)) return "";
   }
-  return out + std::string(width - shown, ' ');
+  char shown[32];
+  snprintf(shown, sizeof shown, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.minute, t.second);
+  return std::string(shown);
 }
 
-bool IsBookkeeping(const std::string& column) {
-  return column == "ORIGINNODE" || column == "SAMPLENO" || column == "ROWNO" || column == "TIMESTAMP";
-}
-
-}  // namespace
-
-std::string SampleTable(const Json& sample) {
-  const Json& rows = sample.contains("rows") ? sample["rows"] : Json::array();
-  if (rows.empty()) return "(no rows)\n";
-  std::vector<std::string> columns;
-  std::vector<size_t> widths;
-  for (const auto& [name, first] : rows[0].items()) {
-    if (IsBookkeeping(name)) continue;
-    size_t width = 0;
-    for (const Json& row : rows) width = std::max(width, Width(Shown(row.value(name, Json()))));
-    if (width == 0) continue;
-    columns.push_back(name);
-    widths.push_back(std::min(std::max(width, Width(name)), kMaxColumnWidth));
+std::set<std::string> StampColumns(const Json& catalogue, const std::string& table) {
+  std::set<std::string> columns;
+  for (const Json& entry : catalogue) {
+    if (Upper(entry.value("key", "")) != Upper(table) && Upper(entry.value("name", "")) != Upper(table)) continue;
+    for (const Json& attribute : entry.value("attributes", Json::array()))
+      if (attribute.value("type", 0) == 9 && attribute.value("length", 0) == int(kvc::kTimeStampLength))
+        columns.insert(Upper(attribute.value("name", "")));
   }
-  std::string out;
-  const auto line = [&](const std::vector<std::string>& cells) {
-    std::string text;
-    for (size_t i = 0; i < cells.size(); ++i) text += (i ? "  " : "") + Fit(cells[i], widths[i]);
-    while (!text.empty() && text.back() == ' ') text.pop_back();
-    out += text + "\n";
-  };
-  line(columns);
-  std::vector<std::string> rule;
-  for (size_t w : widths) rule.push_back(std::string(w, '-'));
-  line(rule);
+  return columns;
+}
+
+std::optional<TextTable> SampleTable(const Json& sample, const SampleView& view, std::string* error) {
+  const Json rows = sample.value("rows", Json::array());
+  if (rows.empty()) return TextTable{};
+  const std::optional<std::vector<std::string>> columns =
+      view.columns.empty() ? FilledColumns(rows) : ChosenColumns(rows, view.columns, error);
+  if (!columns) return std::nullopt;
+  TextTable table{*columns, {}};
   for (const Json& row : rows) {
     std::vector<std::string> cells;
-    for (const std::string& c : columns) cells.push_back(Shown(row.value(c, Json())));
-    line(cells);
+    for (const std::string& column : table.columns) cells.push_back(Cell(row, column, view));
+    table.rows.push_back(std::move(cells));
   }
-  return out;
+  return table;
 }
 
-std::string EventLine(const Json& event) {
-  return Shown(event.value("MSGTIME", Json())) + "  " + Shown(event.value("ERRORID", Json())) + "  sev " +
+std::string EventLine(const Json& event, bool utc) {
+  const std::string time = Shown(event.value("MSGTIME", Json()));
+  return ReadableStamp(time, utc).value_or(time) + "  " + Shown(event.value("ERRORID", Json())) + "  sev " +
          Shown(event.value("SEVERITY", Json())) + "  " + Shown(event.value("UMSGTEXT", Json()));
 }
 

@@ -1,39 +1,38 @@
 // kzqctl: the command-line companion of the agent; it talks to the
-// agent's HTTP endpoint.
-//   kzqctl [--url URL] [--token TOKEN] tables [--json]
-//   kzqctl ... sample <TABLE> [--filter TEXT] [--json]
-//   kzqctl ... events [--json]
-//   kzqctl ... action "<command>"
-#include <httplib.h>
-
+// agent's HTTP endpoint. `kzqctl --help` and `kzqctl <command> --help` say
+// what it takes.
 #include <cstdio>
-#include <sstream>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "kzq/ctl_agent.h"
 #include "kzq/ctl_format.h"
+#include "kzq/ctl_views.h"
 #include "platform/environment.h"
+#include "platform/terminal.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+using kzq::CtlAgent;
 
-constexpr const char* kUsage =
-    "usage: kzqctl [--url URL] [--token TOKEN] COMMAND\n"
-    "  tables [--json]                           the agent's tables\n"
-    "  sample TABLE [--filter TEXT] [--json]     a fresh sample of one table\n"
-    "  events [--json]                           follow the error events (Ctrl-C ends)\n"
-    "  action \"COMMAND\"                          run a take-action command\n"
-    "URL defaults to http://$KZQ_HTTP_LISTEN (127.0.0.1:9433), TOKEN to $KZQ_HTTP_TOKEN.\n";
+// How wide a table may be before its rows are shown one field a line.
+constexpr size_t kWidthWithoutTerminal = 120;
 
 struct Options {
   std::string url;
   std::string token;
+  std::string table;
   std::string filter;
+  std::string command;
+  std::vector<std::string> columns;
   bool json = false;
-  std::vector<std::string> words;  // the command and its operand
+  bool utc = false;
+  bool failed = false;
 };
 
 std::string DefaultUrl() {
@@ -41,151 +40,135 @@ std::string DefaultUrl() {
   return "http://" + (listen.empty() || listen == "off" ? std::string("127.0.0.1:9433") : listen);
 }
 
-bool ParseArguments(int argc, char** argv, Options* o) {
-  o->url = DefaultUrl();
-  o->token = platform::GetEnv("KZQ_HTTP_TOKEN").value_or("");
-  for (int i = 1; i < argc; ++i) {
-    const std::string word = argv[i];
-    const bool has_value = i + 1 < argc;
-    if (word == "--json") o->json = true;
-    else if (word == "--url" && has_value) o->url = argv[++i];
-    else if (word == "--token" && has_value) o->token = argv[++i];
-    else if (word == "--filter" && has_value) o->filter = argv[++i];
-    else if (word.rfind("--", 0) == 0) return false;
-    else o->words.push_back(word);
-  }
-  return !o->words.empty();
+// COLUMNS when set, else the terminal's width, else a width for files and pipes.
+size_t OutputWidth() {
+  const int columns = atoi(platform::GetEnv("COLUMNS").value_or("0").c_str());
+  if (columns > 0) return static_cast<size_t>(columns);
+  return static_cast<size_t>(platform::TerminalColumns().value_or(kWidthWithoutTerminal));
 }
 
-class Agent {
- public:
-  explicit Agent(const Options& o) : url_(o.url), client_(o.url) {
-    if (!o.token.empty()) client_.set_bearer_token_auth(o.token);
-    client_.set_connection_timeout(5);
-    client_.set_read_timeout(120);
-  }
+void PrintJson(const Json& value) { printf("%s\n", value.dump(2, ' ', false, Json::error_handler_t::replace).c_str()); }
 
-  // The answer's JSON, or std::nullopt after saying why on standard error.
-  std::optional<Json> Get(const std::string& path) { return Read(client_.Get(path)); }
-  std::optional<Json> Post(const std::string& path, const Json& body) {
-    return Read(client_.Post(path, body.dump(), "application/json"));
-  }
+int PrintTable(const kzq::TextTable& table, const char* when_empty) {
+  fputs(table.rows.empty() ? when_empty : kzq::RenderTable(table, OutputWidth()).c_str(), stdout);
+  return 0;
+}
 
-  // Calls `each` with every event's JSON until the stream ends.
-  bool Follow(const std::string& path, const std::function<void(const Json&)>& each) {
-    std::string pending;
-    int status = 0;
-    auto result = client_.Get(
-        path, httplib::Headers{},
-        [&](const httplib::Response& response) {
-          status = response.status;
-          return true;
-        },
-        [&](const char* data, size_t length) {
-          pending.append(data, length);
-          for (size_t end; (end = pending.find("\n\n")) != std::string::npos; pending.erase(0, end + 2))
-            TakeFrame(pending.substr(0, end), each);
-          return status == 200;
-        });
-    if (!result) return Unreachable(result.error());
-    if (status != 200) return Refused(status, pending);
-    return true;
-  }
-
- private:
-  // One server-sent-events frame: "id:" and "data:" lines; "event: gap"
-  // says how many events this consumer lost by falling behind.
-  static void TakeFrame(const std::string& frame, const std::function<void(const Json&)>& each) {
-    bool gap = false;
-    std::istringstream lines(frame);
-    for (std::string line; std::getline(lines, line);) {
-      if (line == "event: gap") gap = true;
-      if (line.rfind("data: ", 0) != 0) continue;
-      const Json data = Json::parse(line.substr(6), nullptr, false);
-      if (!data.is_object()) continue;
-      if (!gap) each(data);
-      else fprintf(stderr, "kzqctl: %s events were dropped: this consumer fell behind\n", data.value("dropped", Json(0)).dump().c_str());
-    }
-  }
-
-  bool Unreachable(httplib::Error error) {
-    fprintf(stderr, "kzqctl: no agent answers at %s (%s): is kzqagent running, and is the URL right?\n", url_.c_str(),
-            httplib::to_string(error).c_str());
-    return false;
-  }
-
-  bool Refused(int status, const std::string& body) {
-    const Json error = Json::parse(body, nullptr, false);
-    // A refusal says "error"; a sample that could not get its data, "reason".
-    const std::string message = error.is_object() ? error.value("error", error.value("reason", body)) : body;
-    fprintf(stderr, "kzqctl: the agent answered %d: %s\n", status, message.c_str());
-    return false;
-  }
-
-  std::optional<Json> Read(const httplib::Result& result) {
-    if (!result) return Unreachable(result.error()), std::nullopt;
-    if (result->status != 200) return Refused(result->status, result->body), std::nullopt;
-    Json body = Json::parse(result->body, nullptr, false);
-    if (body.is_discarded()) return fprintf(stderr, "kzqctl: the agent's answer is not JSON\n"), std::nullopt;
-    return body;
-  }
-
-  std::string url_;
-  httplib::Client client_;
-};
-
-void Print(const Json& value) { printf("%s\n", value.dump(2, ' ', false, Json::error_handler_t::replace).c_str()); }
-
-int Tables(Agent& agent, const Options& o) {
+int Tables(CtlAgent& agent, const Options& o) {
   const auto tables = agent.Get("/tables");
   if (!tables) return 1;
-  if (o.json) return Print(*tables), 0;
+  if (o.json) return PrintJson(*tables), 0;
   for (const Json& t : *tables)
     printf("%-10s %-8s %5d bytes  %s\n", t.value("key", "").c_str(), t.value("sampling", "").c_str(),
            t.value("row_size", 0), t.value("key", "") == "KZQERROR" ? "events: kzqctl events" : "");
   return 0;
 }
 
-int Sample(Agent& agent, const Options& o) {
-  if (o.words.size() != 2) return fputs(kUsage, stderr), 2;
-  std::string path = "/tables/" + o.words[1];
-  if (!o.filter.empty()) path += "?filter=" + httplib::detail::encode_query_param(o.filter);
-  const auto sample = agent.Get(path);
+int Sample(CtlAgent& agent, const Options& o) {
+  const auto sample = agent.Sample(o.table, o.filter);
   if (!sample) return 1;
-  if (o.json) return Print(*sample), 0;
-  fputs(kzq::SampleTable(*sample).c_str(), stdout);
-  return 0;
+  if (o.json) return PrintJson(*sample), 0;
+  const auto catalogue = agent.Get("/tables");
+  if (!catalogue) return 1;
+  const kzq::SampleView view{o.columns, kzq::StampColumns(*catalogue, o.table), o.utc};
+  std::string error;
+  const auto table = kzq::SampleTable(*sample, view, &error);
+  if (!table) return fprintf(stderr, "kzqctl: %s\n", error.c_str()), 1;
+  return PrintTable(*table, "(no rows)\n");
 }
 
-int Events(Agent& agent, const Options& o) {
+int Events(CtlAgent& agent, const Options& o) {
   const bool ended = agent.Follow("/events/KZQERROR", [&](const Json& event) {
     printf("%s\n", o.json ? event.dump(-1, ' ', false, Json::error_handler_t::replace).c_str()
-                          : kzq::EventLine(event).c_str());
+                          : kzq::EventLine(event, o.utc).c_str());
     fflush(stdout);
   });
   return ended ? 0 : 1;
 }
 
-int Action(Agent& agent, const Options& o) {
-  if (o.words.size() != 2) return fputs(kUsage, stderr), 2;
-  const auto answer = agent.Post("/actions", {{"command", o.words[1]}});
+int Action(CtlAgent& agent, const Options& o) {
+  const auto answer = agent.Post("/actions", {{"command", o.command}});
   if (!answer) return 1;
-  if (o.json) return Print(*answer), 0;
-  for (const Json& line : (*answer)["lines"]) printf("%s\n", line.value("line", "").c_str());
+  if (o.json) return PrintJson(*answer), 0;
+  for (const Json& line : answer->value("lines", Json::array())) printf("%s\n", line.value("line", "").c_str());
   return 0;
+}
+
+int Blocking(CtlAgent& agent, const Options&) {
+  const auto processes = agent.Sample("KZQPRCD", "");
+  if (!processes) return 1;
+  return PrintTable(kzq::BlockingTree(*processes), "No session waits for another.\n");
+}
+
+int Jobs(CtlAgent& agent, const Options& o) {
+  // LSTRUNSTAT 0: the job's last run failed.
+  const auto jobs = agent.Sample("KZQJOBD", o.failed ? "LSTRUNSTAT EQ 0" : "");
+  if (!jobs) return 1;
+  return PrintTable(kzq::JobTable(*jobs, o.utc), o.failed ? "No job failed its last run.\n" : "(no jobs)\n");
+}
+
+int Databases(CtlAgent& agent, const Options&) {
+  const auto databases = agent.Sample("KZQDBD", "");
+  if (!databases) return 1;
+  return PrintTable(kzq::DatabaseTable(*databases), "(no databases)\n");
+}
+
+using Command = int (*)(CtlAgent&, const Options&);
+
+struct CommandLine {
+  CLI::App app{"kzqctl: reads the kzq agent's tables, events and actions over its HTTP endpoint", "kzqctl"};
+  std::vector<std::pair<CLI::App*, Command>> commands;
+
+  CLI::App* Add(const char* name, const char* what, Command run) {
+    CLI::App* command = app.add_subcommand(name, what);
+    commands.emplace_back(command, run);
+    return command;
+  }
+};
+
+void DescribeCommands(CommandLine& line, Options& o) {
+  CLI::App& app = line.app;
+  app.set_version_flag("--version", std::string("kzqctl ") + KZQ_VERSION);
+  app.add_option("--url", o.url, "the agent's endpoint (default http://$KZQ_HTTP_LISTEN, else http://127.0.0.1:9433)");
+  app.add_option("--token", o.token, "the bearer token the agent asks for")->envname("KZQ_HTTP_TOKEN");
+  app.require_subcommand(1);
+  app.footer("Exit codes: 0 done; 1 no agent answered, it refused the request or a sample failed; 2 bad usage.");
+
+  line.Add("tables", "the agent's tables", Tables)->add_flag("--json", o.json, "the catalogue as JSON");
+  CLI::App* sample = line.Add("sample", "a fresh sample of one table", Sample);
+  sample->add_option("TABLE", o.table, "the table, e.g. KZQDBD (kzqctl tables lists them)")->required();
+  sample->add_option("--filter", o.filter, "a situation filter, e.g. \"PCTDBFREE LT 10\"");
+  sample->add_option("--columns", o.columns, "the columns to show, e.g. DBNAME,DBSIZE")->delimiter(',');
+  sample->add_flag("--json", o.json, "the agent's JSON, as it answered");
+  sample->add_flag("--utc", o.utc, "times in UTC rather than local time");
+  CLI::App* events = line.Add("events", "follow the error events (Ctrl-C ends)", Events);
+  events->add_flag("--json", o.json, "each event as a line of JSON");
+  events->add_flag("--utc", o.utc, "times in UTC rather than local time");
+  CLI::App* action = line.Add("action", "run a take-action command on the database host", Action);
+  action->add_option("COMMAND", o.command, "the command line, e.g. \"kyresql select @@version\"")->required();
+  action->add_flag("--json", o.json, "the agent's JSON answer");
+  line.Add("blocking", "sessions that block others, with those waiting for them indented below", Blocking);
+  CLI::App* jobs = line.Add("jobs", "the Agent jobs and their last run", Jobs);
+  jobs->add_flag("--failed", o.failed, "only jobs whose last run failed");
+  jobs->add_flag("--utc", o.utc, "times in UTC rather than local time");
+  line.Add("databases", "per database: state, data and log size, free share", Databases);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
-  if (!ParseArguments(argc, argv, &options)) return fputs(kUsage, stderr), 2;
-  Agent agent(options);
-  const std::string& command = options.words[0];
-  if (command == "tables") return Tables(agent, options);
-  if (command == "sample") return Sample(agent, options);
-  if (command == "events") return Events(agent, options);
-  if (command == "action") return Action(agent, options);
-  fputs(kUsage, stderr);
+  CommandLine line;
+  DescribeCommands(line, options);
+  try {
+    line.app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help and --version end here too, with exit code 0.
+    return line.app.exit(e) == 0 ? 0 : 2;
+  }
+  if (options.url.empty()) options.url = DefaultUrl();
+  CtlAgent agent(options.url, options.token);
+  for (const auto& [command, run] : line.commands)
+    if (command->parsed()) return run(agent, options);
   return 2;
 }

@@ -1,6 +1,7 @@
 // kzqagent: the agent process. "-console" runs it as a console program;
 // otherwise it is handed to the service dispatcher. "-hkey <key>" names
-// the registry key whose Environment values configure it.
+// the registry key whose Environment values configure it. "--help" ("-h")
+// and "--version" answer and end before anything starts.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -51,6 +52,31 @@ void AtExitQuit() {
   AVR_Shutdown(1);
 }
 
+constexpr const char* kUsage =
+    "usage: kzqagent -console [option words]   run in this terminal until Ctrl-C or SIGTERM\n"
+    "       kzqagent [option words]            run as a service (started by the service manager)\n"
+    "       kzqagent --help | -h | --version\n"
+    "Option words override the environment; three letters of a keyword are enough:\n"
+    "  -serverid -logonid (-loginid) -password -ctldir -logsdir -errlog -ltempdir -tempdir\n"
+    "  -maxread -dbhome -dbversion -initfile -version -debug   each followed by its value\n"
+    "  -rdbms -dbtype <value>   accepted, not used\n"
+    "  -filein <file>           further option words from a file\n"
+    "  -hkey <key>              import the Environment values of this registry key\n"
+    "  -Hkey \"<key>\"            right after the program: the service installation's instance key\n"
+    "Settings come from the environment (COLL_*, KZQ_*); the HTTP endpoint listens on\n"
+    "$KZQ_HTTP_LISTEN (127.0.0.1:9433). Read it with kzqctl (kzqctl --help).\n";
+
+// True after answering a request for help or the version: those words
+// start nothing. "-version" (one dash) stays the option word it is.
+bool AnsweredHelpOrVersion(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word == "--help" || word == "-h") return fputs(kUsage, stdout), true;
+    if (word == "--version") return printf("kzqagent %s\n", KZQ_VERSION), true;
+  }
+  return false;
+}
+
 // Console Ctrl-C and the service's stop alike: kxamain returns and the
 // agent's work ends before the exit routine shuts the channel.
 void StopAgent() { AVR_Shutdown(1); }
@@ -78,6 +104,7 @@ int AgentMain(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (AnsweredHelpOrVersion(argc, argv)) return 0;
   bool console = false;
   // Only the first of the two words counts: "-hkey" before "-console" means
   // a service, as it always has.

@@ -16,7 +16,8 @@ struct StampMoment {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
 };
 
-// The moment a stamp names; nothing when the text is no valid stamp.
+// The moment a stamp names; nothing when the text is no valid stamp (the
+// all-zero stamp that stands for "no time" included).
 std::optional<StampMoment> ReadTimeStamp(std::string_view text);
 
 // "2026-11-23T18:29:47.000+01:00": the stamp's local time and its offset.

@@ -72,6 +72,20 @@ TEST_F(AgentProcess, OutsideAServiceManagerWithoutConsoleItFailsLikeTheDispatche
   EXPECT_EQ(Output(), "In StartServiceCtrlDispatcher\nError number: 1063\n");
 }
 
+TEST_F(AgentProcess, HelpAndVersionAnswerAndStartNothing) {
+  for (const char* word : {"--help", "-h"}) {
+    auto agent = Start({word});
+    ASSERT_NE(agent, nullptr);
+    EXPECT_EQ(agent->Wait(), 0) << word;
+    EXPECT_THAT(Output(), testing::StartsWith("usage: kzqagent -console")) << word;
+    EXPECT_THAT(Output(), testing::HasSubstr("-filein <file>")) << word;
+  }
+  auto agent = Start({"-console", "--version"});
+  ASSERT_NE(agent, nullptr);
+  EXPECT_EQ(agent->Wait(), 0);
+  EXPECT_EQ(Output(), std::string("kzqagent ") + KZQ_VERSION + "\n");
+}
+
 // A console program is stopped by Ctrl-C or Ctrl-Break from its console;
 // under Wine the console-less test process cannot send either, so there the
 // stop is covered by the service tests.

@@ -307,7 +307,7 @@ TEST_F(Http, TablesSamplesFiltersAndMetricsAsJsonTextAndThroughKzqctl) {
   const std::string url = agent_.Url();
   EXPECT_EQ(Kzqctl("--url|" + url + "|tables", home_.File("ctl1"), &text), 0);
   EXPECT_THAT(text, HasSubstr("KZQERROR   pushed"));
-  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--filter|DBNAME EQ 'sales'", home_.File("ctl2"), &text), 0);
+  EXPECT_EQ(Kzqctl("--url|" + url + "|sample|KZQDBD|--filter|DBNAME EQ 'sales'|--columns|dbname,DBSIZE", home_.File("ctl2"), &text), 0);
   EXPECT_THAT(text, testing::ContainsRegex("DBNAME +DBSIZE"));
   EXPECT_THAT(text, testing::ContainsRegex("sales +20480"));
   EXPECT_THAT(text, testing::Not(HasSubstr("master")));

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "kvc/debug_switches.h"
 #include "kvc/string_time.h"
@@ -95,6 +96,18 @@ TEST(ToTimeStamp, ReadsOnlyNinetyNineCharactersAndTracesEachFieldAndItsSeparator
   EXPECT_THAT(text, HasSubstr("UDT8082T"));
   EXPECT_THAT(text, HasSubstr("tcpin:11-13 -"));
   EXPECT_THAT(text, HasSubstr("UDT8081T"));
+}
+
+TEST(ReadTimeStamp, ReadsEveryFieldOfARealStampAndNothingElse) {
+  platform::LocalTime t;
+  ASSERT_TRUE(kvc::ReadTimeStamp("1261123182947123", &t));
+  EXPECT_EQ(std::vector<int>({t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond}),
+            std::vector<int>({2026, 11, 23, 18, 29, 47, 123}));
+  ASSERT_TRUE(kvc::ReadTimeStamp("0991231235959000", &t));
+  EXPECT_EQ(t.year, 1999);
+  for (const char* not_a_time : {"0000000000000000", "0000000000000003", "1261323182947000", "1260229120000000",
+                                 "126112318294700", "12611231829470000", "1261123 82947000", ""})
+    EXPECT_FALSE(kvc::ReadTimeStamp(not_a_time, &t)) << not_a_time;
 }
 
 TEST(StringToTime, ReadsBothSeparatorStylesIntoTheCalendarAndRejectsTextWithoutATime) {
