@@ -313,8 +313,9 @@ std::vector<HttpRoute> Routes(HttpEndpoint::Impl& impl) {
   routes.push_back(Route("GET", "/metrics", Kind::kShared, [&impl](const HttpRequest&) {
     MetricsContext context = CurrentContext(*impl.description);
     context.stale_after = 2 * static_cast<int64_t>(impl.settings.sample_interval);
+    context.raw_tables = impl.settings.raw_metrics;
     return HttpResponse::With(200, "text/plain; version=0.0.4; charset=utf-8",
-                              MetricsText(impl.cache->Snapshot(), impl.description->tables,
+                              MetricsText(impl.cache->Snapshot(), impl.description->tables, impl.description->metrics,
                                           impl.description->ProbeServices(), context) +
                                   EndpointCounters(impl.counters, context));
   }));
