@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <set>
 #include <string_view>
 
@@ -46,7 +47,8 @@ std::optional<int64_t> Integer(std::string_view text) {
   return value;
 }
 
-// Turns one entry's texts into a description; false with *error.
+// Turns one entry's texts into a description, checking each part against
+// the catalogue. One entry, one thread.
 class EntryReader {
  public:
   EntryReader(const MetricEntry& entry, const std::vector<TableDescription>& tables) : entry_(entry), tables_(tables) {}
@@ -71,6 +73,10 @@ class EntryReader {
   bool Name() {
     const std::string_view name = entry_.name;
     if (!IsName(name) || name.rfind("kzq_", 0) != 0) return Fail("a name is kzq_ and lower-case letters, digits, _");
+    // The raw per-table gauges and the agent's own health families.
+    for (const char* taken : {"kzq_kzq", "kzq_sample", "kzq_collector_", "kzq_sqlserver_", "kzq_error_events",
+                              "kzq_errorlog_", "kzq_http_", "kzq_channel_"})
+      if (name.starts_with(taken)) return Fail("names starting " + std::string(taken) + " are the agent's own");
     if (family_.help.empty() || family_.help.find_first_of("\\\n") != std::string::npos)
       return Fail("the help is one line of text");
     return true;
@@ -112,17 +118,17 @@ class EntryReader {
         {"stamp", UnitConversion::kTimeStamp}, {"stamp-age", UnitConversion::kTimeStampAge},
         {"date-age", UnitConversion::kDateAge}};
     const std::string_view text = entry_.conversion;
-    bool known = false;
-    for (const auto& [name, conversion] : kNames)
-      if (text == name) family_.conversion = conversion, known = true;
-    if (!known && text.starts_with("=")) {
+    const auto named = std::find_if(std::begin(kNames), std::end(kNames), [&](const auto& n) { return n.first == text; });
+    if (named != std::end(kNames)) {
+      family_.conversion = named->second;
+    } else if (text.starts_with("=")) {
       const auto equals = Integer(text.substr(1));
       if (!equals) return Fail("'" + std::string(text) + "' is = and an integer");
       family_.conversion = UnitConversion::kEquals;
       family_.equals = *equals;
-      known = true;
+    } else {
+      return Fail("unknown conversion '" + std::string(text) + "'");
     }
-    if (!known) return Fail("unknown conversion '" + std::string(text) + "'");
     const bool text_field = Attribute(family_.attribute)->type == framework::kTextType;
     if (framework::ReadsTime(family_.conversion) && !text_field)
       return Fail("a time conversion reads a text attribute, not " + family_.attribute);

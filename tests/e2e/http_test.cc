@@ -650,7 +650,9 @@ TEST_F(Http, ACollectorKilledMidAnswerCostsSamplesNotTheAgentAndShowsAsFailure) 
 namespace {
 
 TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
+  platform::SetEnv("KZQ_METRICS_RAW", "1");  // the raw gauges beside the families
   agent_ = StartAgent();
+  platform::SetEnv("KZQ_METRICS_RAW", "");
   const int port = kzq_test::FreePort();
   kzq_test::WriteFile(home_.File("prometheus.yml"),
                       "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
@@ -677,6 +679,9 @@ TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
   EXPECT_EQ(series["value"][1], "21474836480");
   EXPECT_EQ(series["metric"]["job"], "kzq");
   EXPECT_EQ(series["metric"]["server_id"], platform::GetEnv("COLL_SERVERID").value());
+  auto scrape = httplib::Client(agent_.Url()).Get("/metrics");
+  ASSERT_TRUE(scrape);
+  EXPECT_THAT(scrape->body, HasSubstr(",dbname=\"sales\"} 20480\n"));  // kzq_kzqdbd_dbsize, in MB
 }
 
 // A headless browser driven over its debugging pipe (fd 3 in, fd 4 out,

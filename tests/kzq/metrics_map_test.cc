@@ -50,6 +50,7 @@ TEST(MetricsMap, EveryEntryFitsTheCatalogueAndBadOnesAreRefused) {
       {{"kzq_x_total", "gauge", "KZQSTATD.STATCUM", "", "", "", "X."}, "a counter's name ends in _total"},
       {{"kzq_X", "gauge", "KZQDBD.DBSIZE", "", "", "", "X."}, "a name is kzq_"},
       {{"x_bytes", "gauge", "KZQDBD.DBSIZE", "", "", "", "X."}, "a name is kzq_"},
+      {{"kzq_kzqdbd_dbsize", "gauge", "KZQDBD.DBSIZE", "", "", "", "X."}, "names starting kzq_kzq are the agent's own"},
       {{"kzq_x_bytes", "gauge", "KZQDBD.DBSIZE", "GB", "", "", "X."}, "unknown conversion 'GB'"},
       {{"kzq_x_bytes", "gauge", "KZQDBD.DBSIZE", "=up", "", "", "X."}, "is = and an integer"},
       {{"kzq_x_seconds", "gauge", "KZQDBD.DBSIZE", "stamp", "", "", "X."}, "reads a text attribute"},
