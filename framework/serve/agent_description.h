@@ -1,6 +1,7 @@
 // What the agent tells the framework about itself beyond its table
-// objects: the layout of every table, how to ask whether the services it
-// depends on run, and its own counters. The agent's loader hands it over
+// objects: the layout of every table, the metric families it publishes
+// from them, how to ask whether the services it depends on run, and its
+// own counters. The agent's loader hands it over
 // once, typed; the endpoint keeps it and turns it into JSON only where it
 // goes on the wire.
 #pragma once
@@ -11,6 +12,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "framework/serve/metric_family.h"
 
 namespace framework {
 
@@ -64,6 +67,7 @@ struct AgentDescription {
   std::vector<TableDescription> tables;  // in the order consumers see them
   ServiceProbe probe;                    // empty: no services to show
   ApplicationCounters counters;          // empty: none
+  std::vector<MetricFamilyDescription> metrics;  // what /metrics publishes from the tables
 
   // The table of that name or key (any case), or null.
   const TableDescription* Find(std::string_view table) const;

@@ -354,7 +354,8 @@ std::vector<HttpRoute> Routes(HttpEndpoint::Impl& impl) {
     const uint64_t started = platform::MonotonicMillis();
     MetricsContext context = CurrentContext(*impl.description);
     context.stale_after = 2 * static_cast<int64_t>(impl.settings.sample_interval);
-    std::string text = MetricsText(impl.cache->Snapshot(), impl.description->tables,
+    context.raw_tables = impl.settings.raw_metrics;
+    std::string text = MetricsText(impl.cache->Snapshot(), impl.description->tables, impl.description->metrics,
                                    impl.description->ProbeServices(), context) +
                        EndpointCounters(impl.counters, context);
     text += SelfMetrics(context, started);

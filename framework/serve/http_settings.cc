@@ -60,6 +60,12 @@ std::optional<HttpSettings> ReadHttpSettings(std::string* error) {
     }
     settings.sample_interval = static_cast<int>(seconds);
   }
+  const std::string raw = platform::GetEnv("KZQ_METRICS_RAW").value_or("");
+  if (raw != "" && raw != "0" && raw != "1") {
+    *error = "KZQ_METRICS_RAW='" + raw + "' is neither 0 nor 1";
+    return std::nullopt;
+  }
+  settings.raw_metrics = raw == "1";
   // Anyone who reaches a non-loopback address could read every table and
   // run commands on the database host.
   if (settings.enabled && settings.token.empty() && !IsLoopbackHost(settings.host)) {

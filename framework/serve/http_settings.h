@@ -1,5 +1,6 @@
 // The endpoint's settings from the environment: where it listens, the
-// bearer token, and how often the scheduler samples every table.
+// bearer token, how often the scheduler samples every table, and whether
+// /metrics also carries the raw per-table gauges.
 #pragma once
 
 #include <optional>
@@ -16,10 +17,11 @@ struct HttpSettings {
   int port = 9433;  // 0: any free port, told on standard output
   std::string token;
   int sample_interval = kDefaultSampleInterval;
+  bool raw_metrics = false;  // KZQ_METRICS_RAW=1
 };
 
-// Reads KZQ_HTTP_LISTEN (host:port, [v6]:port or off), KZQ_HTTP_TOKEN and
-// KZQ_SAMPLE_INTERVAL. A setting that cannot be used, or a non-loopback
+// Reads KZQ_HTTP_LISTEN (host:port, [v6]:port or off), KZQ_HTTP_TOKEN,
+// KZQ_SAMPLE_INTERVAL and KZQ_METRICS_RAW (0 or 1). A setting that cannot be used, or a non-loopback
 // address without a token, gives std::nullopt and a one-line reason.
 std::optional<HttpSettings> ReadHttpSettings(std::string* error);
 

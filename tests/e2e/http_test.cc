@@ -323,8 +323,9 @@ TEST_F(Http, TablesSamplesFiltersAndMetricsAsJsonTextAndThroughKzqctl) {
   ASSERT_TRUE(scrape);
   EXPECT_EQ(scrape->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
   const std::string server = "server_id=\"" + platform::GetEnv("COLL_SERVERID").value() + "\"";
-  EXPECT_THAT(scrape->body, HasSubstr("kzq_kzqdbd_dbsize{" + server + ",host="));
-  EXPECT_THAT(scrape->body, HasSubstr(",dbname=\"sales\"} 20480\n"));
+  EXPECT_THAT(scrape->body, HasSubstr("kzq_database_data_size_bytes{" + server + ",host="));
+  EXPECT_THAT(scrape->body, HasSubstr(",database=\"sales\"} 21474836480\n"));  // 20480 MB
+  EXPECT_THAT(scrape->body, testing::Not(HasSubstr("kzq_kzqdbd_")));  // the raw gauges only on request
   EXPECT_THAT(scrape->body, HasSubstr(",table=\"KZQDBD\"} 2\n"));  // kzq_sample_rows: both replayed rows
   EXPECT_THAT(scrape->body, HasSubstr("service=\"KZQCOLL1\"} "));
   EXPECT_THAT(scrape->body, HasSubstr("kzq_build_info{" + server));
@@ -625,7 +626,7 @@ TEST_F(Http, ACollectorKilledMidAnswerCostsSamplesNotTheAgentAndShowsAsFailure) 
     return answer ? answer->body : std::string();
   };
   ASSERT_TRUE(Eventually([&] { return DatabaseRows(agent_.Url()) == 400; }));
-  ASSERT_TRUE(Eventually([&] { return scrape().find("kzq_kzqdbd_dbsize{") != std::string::npos; }));
+  ASSERT_TRUE(Eventually([&] { return scrape().find("kzq_database_data_size_bytes{") != std::string::npos; }));
   for (int delay_ms : {5, 60}) {
     std::atomic<size_t> rows{99999};
     std::thread sample([&] { rows = DatabaseRows(agent_.Url()); });
@@ -640,7 +641,7 @@ TEST_F(Http, ACollectorKilledMidAnswerCostsSamplesNotTheAgentAndShowsAsFailure) 
       std::string metrics;
       EXPECT_TRUE(Eventually([&] {
         metrics = scrape();
-        return std::regex_search(metrics, errors) && metrics.find("kzq_kzqdbd_dbsize") == std::string::npos;
+        return std::regex_search(metrics, errors) && metrics.find("kzq_database_data_size_bytes") == std::string::npos;
       })) << metrics;
       const Json failed = GetJson(agent_.Url(), "/tables/KZQDBD", 503);
       EXPECT_EQ(failed["status"], "failed");
@@ -662,7 +663,9 @@ TEST_F(Http, ACollectorKilledMidAnswerCostsSamplesNotTheAgentAndShowsAsFailure) 
 namespace {
 
 TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
+  platform::SetEnv("KZQ_METRICS_RAW", "1");  // the raw gauges beside the families
   agent_ = StartAgent();
+  platform::SetEnv("KZQ_METRICS_RAW", "");
   const int port = kzq_test::FreePort();
   kzq_test::WriteFile(home_.File("prometheus.yml"),
                       "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
@@ -677,7 +680,7 @@ TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
   httplib::Client client("http://127.0.0.1:" + std::to_string(port));
   Json answer;
   const bool found = Eventually([&] {
-    auto result = client.Get("/api/v1/query?query=kzq_kzqdbd_dbsize%7Bdbname%3D%22sales%22%7D");
+    auto result = client.Get("/api/v1/query?query=kzq_database_data_size_bytes%7Bdatabase%3D%22sales%22%7D");
     if (!result || result->status != 200) return false;
     answer = Json::parse(result->body, nullptr, false);
     return answer.is_object() && !answer["data"]["result"].empty();
@@ -686,9 +689,12 @@ TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
   prometheus->Wait();
   ASSERT_TRUE(found) << kzq_test::ReadFile(home_.File("prometheus.out"));
   const Json& series = answer["data"]["result"][0];
-  EXPECT_EQ(series["value"][1], "20480");
+  EXPECT_EQ(series["value"][1], "21474836480");
   EXPECT_EQ(series["metric"]["job"], "kzq");
   EXPECT_EQ(series["metric"]["server_id"], platform::GetEnv("COLL_SERVERID").value());
+  auto scrape = httplib::Client(agent_.Url()).Get("/metrics");
+  ASSERT_TRUE(scrape);
+  EXPECT_THAT(scrape->body, HasSubstr(",dbname=\"sales\"} 20480\n"));  // kzq_kzqdbd_dbsize, in MB
 }
 
 // A headless browser driven over its debugging pipe (fd 3 in, fd 4 out,
