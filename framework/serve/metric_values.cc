@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "framework/serve/row_json.h"
+#include "framework/serve/time_stamp.h"
 #include "platform/clock.h"
 
 namespace framework {
@@ -34,11 +35,10 @@ std::optional<int64_t> LocalSeconds(int year, int month, int day, int hour, int 
   return seconds;
 }
 
-// CYYMMDDHHMMSSmmm, C the century after 1900 (1: 20xx).
 std::optional<int64_t> TimeStampSeconds(const std::string& text) {
-  if (text.size() != 16 || text.find_first_not_of("0123456789") != std::string::npos) return std::nullopt;
-  return LocalSeconds(1900 + 100 * Digits(text, 0, 1) + Digits(text, 1, 2), Digits(text, 3, 2), Digits(text, 5, 2),
-                      Digits(text, 7, 2), Digits(text, 9, 2), Digits(text, 11, 2));
+  const auto moment = ReadTimeStamp(text);
+  if (!moment) return std::nullopt;
+  return moment->unix_seconds;
 }
 
 // mm/dd/yy, a year below 70 in this century.
