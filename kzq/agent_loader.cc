@@ -14,6 +14,7 @@
 #include "kzq/agent_data_paths.h"
 #include "kzq/instance_names.h"
 #include "kzq/metrics_map.h"
+#include "kzq/status_page.h"
 #include "kzq/service_status.h"
 #include "kzq/table_descriptions.h"
 #include "kzq/tables.h"
@@ -61,6 +62,7 @@ framework::AgentDescription Description(const AgentDataPaths& paths) {
         {"sqlserver", database, ServiceRuns(database.c_str()), paths.DatabaseReachable()}};
   };
   description.counters = paths.Counters();
+  description.status_page = StatusPageHtml();
   // The map is checked by its tests; should a bad entry slip through, the
   // endpoint serves the agent's health without the table families.
   std::string error;

@@ -68,6 +68,7 @@ struct AgentDescription {
   ServiceProbe probe;                    // empty: no services to show
   ApplicationCounters counters;          // empty: none
   std::vector<MetricFamilyDescription> metrics;  // what /metrics publishes from the tables
+  std::string status_page;                       // the HTML GET / answers; empty: none
 
   // The table of that name or key (any case), or null.
   const TableDescription* Find(std::string_view table) const;

@@ -14,7 +14,6 @@
 #include "framework/serve/http_server.h"
 #include "framework/serve/metrics_text.h"
 #include "framework/serve/row_json.h"
-#include "framework/serve/status_page.h"
 #include "framework/table_manager.h"
 #include "kvc/channel_entry.h"
 #include "platform/clock.h"
@@ -186,10 +185,29 @@ std::string NameAfter(const HttpRequest& req, size_t prefix) {
   return plain ? name : "";
 }
 
+// The scheduler's last sample of the table that got its data: what
+// /metrics shows, at no cost to the collector.
+HttpResponse CachedSample(const HttpEndpoint::Impl& impl, const std::string& table) {
+  const std::string key = TableManager::Find(table)->Table();
+  const auto snapshot = impl.cache->Snapshot();
+  const auto it = snapshot.find(key);
+  if (it == snapshot.end() || !it->second.last_good)
+    return Answer(503, {{"table", key}, {"status", "failed"}, {"rows", Json::array()},
+                        {"reason", "the scheduler has no sample of the table with its data yet"}});
+  Json body = SampleJson(*it->second.last_good);
+  body["status"] = it->second.last_good->count == 0 ? "empty" : "ok";
+  body["cached"] = true;
+  return Answer(200, body);
+}
+
 HttpResponse ServeSample(const HttpEndpoint::Impl& impl, const HttpRequest& req) {
   const std::string table = NameAfter(req, std::strlen("/tables/"));
   const TableDescription* described = table.empty() ? nullptr : KnownTable(impl, table);
   if (described == nullptr) return Refuse(404, "unknown table '" + req.path.substr(8) + "'");
+  if (req.HasParam("cached")) {
+    if (req.HasParam("filter")) return Refuse(400, "a filter needs a fresh sample: leave out 'cached'");
+    return CachedSample(impl, table);
+  }
   std::optional<SituationFilter> filter;
   if (req.HasParam("filter")) {
     std::string error;
@@ -342,10 +360,11 @@ HttpResponse Shared(std::shared_ptr<const std::string> body, std::string content
 
 std::vector<HttpRoute> Routes(HttpEndpoint::Impl& impl) {
   using Kind = HttpRoute::Kind;
-  const auto page = std::make_shared<const std::string>(StatusPageHtml());
+  const auto page = std::make_shared<const std::string>(impl.description->status_page);
   std::vector<HttpRoute> routes;
-  routes.push_back(Route("GET", "/", Kind::kShared,
-                         [page](const HttpRequest&) { return Shared(page, "text/html; charset=utf-8"); }));
+  if (!page->empty())
+    routes.push_back(Route("GET", "/", Kind::kShared,
+                           [page](const HttpRequest&) { return Shared(page, "text/html; charset=utf-8"); }));
   routes.push_back(Route("GET", "/status", Kind::kShared,
                          [&impl](const HttpRequest&) { return Answer(200, StatusJson(impl)); }));
   routes.push_back(Route("GET", "/tables", Kind::kShared,

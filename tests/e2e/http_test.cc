@@ -291,6 +291,13 @@ TEST_F(Http, TablesSamplesFiltersAndMetricsAsJsonTextAndThroughKzqctl) {
                                     "\\." + stamp.substr(13, 3) + "...:.."))
       << sample["rows"][0].dump();
   EXPECT_FALSE(sample["rows"][0].contains("DBNAME_ISO"));
+  // What the scheduler last took, at no cost to the collector.
+  ASSERT_TRUE(Eventually([&] { return Sampled(agent_.Url()); }));
+  const Json cached = GetJson(agent_.Url(), "/tables/KZQDBD?cached");
+  EXPECT_EQ(cached["rows"].size(), 2u);
+  EXPECT_EQ(cached["cached"], true);
+  EXPECT_THAT(GetJson(agent_.Url(), "/tables/KZQDBD?cached&filter=DBSIZE%20GT%201", 400)["error"].get<std::string>(),
+              HasSubstr("fresh sample"));
 
   const Json filtered = GetJson(agent_.Url(), "/tables/KZQDBD?filter=DBSIZE%20GT%20100%20AND%20DBNAME%20LIKE%20'sal%25'");
   ASSERT_EQ(filtered["rows"].size(), 1u) << filtered.dump();
@@ -777,7 +784,11 @@ TEST_F(Http, TheStatusPageShowsServicesTablesAndANewErrorWithoutAReload) {
   ASSERT_TRUE(browser.Open(agent_.Url() + "/"));
   const std::string look =
       "JSON.stringify({services: document.querySelector('#services tbody').innerText,"
+      " databases: document.querySelector('#databases tbody').innerText,"
+      " blocking: document.getElementById('blocking').innerText,"
+      " jobs: document.querySelector('#jobs tbody').innerText,"
       " tables: document.querySelectorAll('#tables tbody tr').length,"
+      " events: document.querySelectorAll('#events tbody tr').length,"
       " live: Array.from(document.querySelectorAll('#events tr.live')).map(r => r.innerText)})";
   Json page;
   const auto seen = [&] {
@@ -785,15 +796,24 @@ TEST_F(Http, TheStatusPageShowsServicesTablesAndANewErrorWithoutAReload) {
     page = value.is_string() ? Json::parse(value.get<std::string>(), nullptr, false) : Json();
     return page.is_object();
   };
-  ASSERT_TRUE(Eventually([&] { return seen() && page["tables"] == 33; })) << page.dump();
+  ASSERT_TRUE(Eventually([&] { return seen() && page["tables"] == 33 && page["blocking"] != "loading..."; }))
+      << page.dump();
   EXPECT_THAT(page["services"].get<std::string>(), testing::ContainsRegex("collector\\s+KZQCOLL1\\s+up"));
   EXPECT_THAT(page["services"].get<std::string>(), testing::ContainsRegex("sqlserver\\s+MSSQLSERVER\\s+down"));
+  EXPECT_THAT(page["databases"].get<std::string>(), testing::ContainsRegex("sales\\s+ONLINE\\s+20480"));
+  EXPECT_EQ(page["blocking"], "no session is blocked");
+  EXPECT_EQ(page["jobs"], "no job failed its last run");
+  const int events_before = page["events"];
   // The page's own event stream is open before the error is written.
   ASSERT_TRUE(Eventually([&] { return GetJson(agent_.Url(), "/status")["event_consumers"] == 1; }));
   log_writer_->Advance(1).Error("spid51", 9002, 17, 2, "The transaction log for database 'sales' is full.");
   ASSERT_TRUE(ArrivesWithChanges([&] { return seen() && page["live"].size() == 1; })) << page.dump();
   EXPECT_THAT(page["live"][0].get<std::string>(), HasSubstr("The transaction log for database 'sales' is full."));
   EXPECT_THAT(page["live"][0].get<std::string>(), HasSubstr("9002"));
+  // Shown once, with its time as a date the reader knows, not the stamp.
+  EXPECT_EQ(page["events"], events_before + 1);
+  EXPECT_THAT(page["live"][0].get<std::string>(), testing::ContainsRegex("2026"));
+  EXPECT_THAT(page["live"][0].get<std::string>(), testing::Not(HasSubstr("1261123")));
 }
 
 // A client no library would be: a plain blocking socket to the agent.
