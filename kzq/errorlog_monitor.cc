@@ -23,6 +23,9 @@ namespace kzq {
 namespace {
 
 constexpr int kWatchWaitMillis = 250;  // how soon a park or a stop is noticed
+// How long the first event request waits for the monitor to fix where news
+// begin (the start-up scan of a large log may take a while).
+constexpr int kStartPointPatienceMillis = 10000;
 constexpr int kHighestSeverity = 25;
 
 std::string Text(const char* value) { return value != nullptr ? value : ""; }
@@ -104,11 +107,27 @@ void ErrorlogMonitor::RequestStarted() {
       parked_ = false;
       park_changed_.notify_all();
     } else {
-      thread_ = std::thread([this] { Run(); });
+      thread_ = std::thread([this] {
+        Run();
+        StartPointFixed();  // a run that could not start fixes nothing to wait for
+      });
+      // On a first start news begin where the log ends when the thread
+      // gets going; an error written in between would count as old.
+      std::unique_lock<std::mutex> guard(park_lock_);
+      park_changed_.wait_for(guard, std::chrono::milliseconds(kStartPointPatienceMillis),
+                             [this] { return start_point_fixed_ || stopping_; });
     }
   }
   if (thread_.joinable()) ++requests_;
   ERRORLOG_FLOW("event_request_count:%d.\n", requests_.load());
+}
+
+void ErrorlogMonitor::StartPointFixed() {
+  {
+    std::lock_guard<std::mutex> guard(park_lock_);
+    start_point_fixed_ = true;
+  }
+  park_changed_.notify_all();
 }
 
 void ErrorlogMonitor::RequestEnded() {
@@ -235,6 +254,7 @@ void ErrorlogMonitor::Run() {
               [this](const std::string& event) { queue_.Append(event); }, now_);
   queue_.Trim(settings_.max_event_rows);
   ResumeFromStateFile();
+  StartPointFixed();
   WatchLoop(directory, std::move(watch));
 }
 

@@ -64,6 +64,7 @@ class ErrorlogMonitor final : public EventRequestListener {
 
  private:
   void Run();
+  void StartPointFixed();
   bool Prepare(std::string* directory);
   void ResumeFromStateFile();
   void WatchLoop(const std::string& directory, std::unique_ptr<platform::DirectoryWatch> watch);
@@ -92,6 +93,10 @@ class ErrorlogMonitor final : public EventRequestListener {
   std::mutex park_lock_;
   std::condition_variable park_changed_;
   bool parked_ = false;
+  // Set once the first run has fixed where news begin (or given up), so the
+  // first request is acknowledged only when an error written after it
+  // cannot be taken for an old one.
+  bool start_point_fixed_ = false;
   bool stopping_ = false;
 };
 
