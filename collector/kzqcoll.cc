@@ -25,6 +25,7 @@
 #include "collector/replay_source.h"
 #include "collector/sql_server_source.h"
 #include "kvc/diagnostic_log.h"
+#include "kzq/instance_settings.h"
 #include "kzq/instance_start.h"
 #include "kzq/service_control.h"
 #include "platform/environment.h"
@@ -149,8 +150,9 @@ int Collect(int, char**) {
 
 int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, &g_options)) return Usage();
-  kzq::ImportHkeyArgument(argc, argv);
+  const kzq::InstanceSettings settings(argc, argv, g_command_line_presets);
   kzq::OpenInstanceLog("kzqcoll", g_command_line_presets);
+  kzq::LogSettings(settings);
   // Bad replay data or queries fail the start at once, before any service
   // report; an unreachable SQL Server does not (it is data, not a failure).
   std::string error;

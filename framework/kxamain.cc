@@ -54,6 +54,19 @@ std::string UrlHost(const std::string& host) { return host.find(':') != std::str
 
 }  // namespace
 
+namespace framework {
+
+void ApplyReloadedSettings(const SettingValues& values) {
+  Serving& s = TheServing();
+  std::lock_guard<std::mutex> guard(s.lock);
+  const auto interval = values.find("KZQ_SAMPLE_INTERVAL");
+  if (s.scheduler != nullptr && interval != values.end()) s.scheduler->SetInterval(atoi(interval->second.c_str()));
+  const auto description = DescribedAgent();
+  if (description->apply_settings) description->apply_settings(values);
+}
+
+}  // namespace framework
+
 int kxamain(int, char**) {
   std::string error;
   const auto settings = framework::ReadHttpSettings(&error);

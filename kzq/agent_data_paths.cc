@@ -37,7 +37,7 @@ int AgentDataPaths::CollectorRowSource::Sample(framework::tavra& object, const T
 }
 
 int AgentDataPaths::ErrorEventRowSource::Sample(framework::tavra& object, const TableSpec&) {
-  return ErrorlogReportSample(object, queue_, monitor_.RequestCount() > 0);
+  return ErrorlogReportSample(object, queue_, monitor_.RequestCount() > 0, monitor_.ReloadedMinSeverity());
 }
 
 // The pushed table's manager is the one its initialiser registered; before

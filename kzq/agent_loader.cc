@@ -51,7 +51,7 @@ static_assert(sizeof kRegistrationOrder / sizeof kRegistrationOrder[0] == kTable
 
 // What consumers are told beyond rows: the catalogue, the two services the
 // agent depends on, and the monitor's counters.
-framework::AgentDescription Description(const AgentDataPaths& paths) {
+framework::AgentDescription Description(AgentDataPaths& paths) {
   framework::AgentDescription description;
   description.tables = TableDescriptions();
   description.probe = [&paths] {
@@ -63,6 +63,10 @@ framework::AgentDescription Description(const AgentDataPaths& paths) {
   };
   description.counters = paths.Counters();
   description.status_page = StatusPageHtml();
+  description.apply_settings = [&paths](const framework::SettingValues& values) {
+    const auto severity = values.find("COLL_ALERT_SEV");
+    if (severity != values.end()) paths.Monitor().SetMinSeverity(atoi(severity->second.c_str()));
+  };
   // The map is checked by its tests; should a bad entry slip through, the
   // endpoint serves the agent's health without the table families.
   std::string error;

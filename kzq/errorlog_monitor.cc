@@ -166,6 +166,12 @@ void ErrorlogMonitor::Emit(const std::string& event) {
   queue_.AppendBounded(event, settings_.max_event_rows);
 }
 
+void ErrorlogMonitor::SetMinSeverity(int severity) {
+  reloaded_severity_ = severity;
+  context_.min_severity = severity;
+  min_severity_ = severity;
+}
+
 framework::CounterFamily ErrorlogMonitor::ErrorsBySeverity() const {
   std::map<int, uint64_t> counts;
   {
@@ -230,9 +236,10 @@ bool ErrorlogMonitor::Prepare(std::string* directory) {
   }
   configured_log_ = log;
   settings_ = ReadErrorlogSettings();
+  if (reloaded_severity_ >= 0) settings_.min_severity = reloaded_severity_;
   context_.min_severity = settings_.min_severity;
   min_severity_ = settings_.min_severity;
-  ERRORLOG_FLOW("\t\t Errorlog min severity :'%d'.\n", context_.min_severity);
+  ERRORLOG_FLOW("\t\t Errorlog min severity :'%d'.\n", context_.min_severity.load());
   context_.state_file = ErrorStateFilePath(Text(config.home), Text(config.version), Text(config.serverId));
   ERRORLOG_FLOW("\t\t PrevParseDetailFile:%s.\n", context_.state_file.c_str());
   return true;
@@ -344,13 +351,14 @@ void ErrorlogMonitor::StartParser() {
   });
 }
 
-int ErrorlogReportSample(framework::tavra& object, ErrorEventQueue& queue, bool listened) {
+int ErrorlogReportSample(framework::tavra& object, ErrorEventQueue& queue, bool listened, int reloaded_severity) {
   if (!listened) {
     // The queue is filled afresh, so no error is answered twice.
     queue.Clear();
     kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
     const std::string log = Text(kvc::TheAgentConfig().errorLog);
-    const ErrorlogSettings settings = ReadErrorlogSettings();
+    ErrorlogSettings settings = ReadErrorlogSettings();
+    if (reloaded_severity >= 0) settings.min_severity = reloaded_severity;
     std::string directory, path;
     if (LocateLog(log, &directory, &path)) {
       int count = 0;

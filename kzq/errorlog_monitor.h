@@ -53,6 +53,11 @@ class ErrorlogMonitor final : public EventRequestListener {
   // wait and the queue is emptied.
   void RequestEnded() override;
   int RequestCount() const { return requests_; }
+  // A reloaded COLL_ALERT_SEV: the next line read is judged by it, and it
+  // outlasts the monitor's later starts. Any thread.
+  void SetMinSeverity(int severity);
+  // The reloaded minimum, or -1 when none was given.
+  int ReloadedMinSeverity() const { return reloaded_severity_; }
   // The start-up scan and the resume point are done and changes are being
   // watched.
   bool Watching() const { return watching_; }
@@ -88,6 +93,7 @@ class ErrorlogMonitor final : public EventRequestListener {
   std::mutex request_lock_;
   std::atomic<bool> watching_{false};
   std::atomic<int> min_severity_{17};
+  std::atomic<int> reloaded_severity_{-1};
   mutable std::mutex counts_lock_;
   std::map<int, uint64_t> errors_by_severity_;
   std::mutex park_lock_;
@@ -103,6 +109,6 @@ class ErrorlogMonitor final : public EventRequestListener {
 // kzqerror's report sample: with no event request open (`listened`
 // false), the newest errors of the log are scanned afresh into the queue;
 // the queue's events become the rows. Any sampling thread.
-int ErrorlogReportSample(framework::tavra& object, ErrorEventQueue& queue, bool listened);
+int ErrorlogReportSample(framework::tavra& object, ErrorEventQueue& queue, bool listened, int reloaded_severity = -1);
 
 }  // namespace kzq

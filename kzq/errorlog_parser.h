@@ -30,7 +30,7 @@ struct ErrorlogContext {
   // it, and finding it again tells which file the offset belongs to once
   // the server has cycled, truncated or replaced the log.
   ResumePoint resume{u"", u"", -1, 0};
-  int min_severity = 17;
+  std::atomic<int> min_severity{17};  // a reload may change it while a run reads
   std::string state_file;       // "" when none is kept
   std::string log_path;         // the ERRORLOG file itself
   bool state_unwritable = false;  // the last save of the resume point failed

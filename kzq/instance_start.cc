@@ -2,11 +2,11 @@
 
 #include <cctype>
 #include <cstdio>
+#include <optional>
 
 #include "kvc/diagnostic_log.h"
 #include "kzq/command_line_presets.h"
 #include "kzq/instance_names.h"
-#include "kzq/registry_environment.h"
 #include "platform/environment.h"
 #include "platform/process.h"
 
@@ -25,19 +25,17 @@ bool SameWord(const char* a, const char* b) {
 
 CommandLinePresets::CommandLinePresets() {
   const std::string raw = platform::RawCommandLine();
+  constexpr const char* kPresetNames[] = {"COLL_SERVERID", "TAVRA_LOG_PATH", "COLL_HOSTNAME"};
+  std::map<std::string, std::optional<std::string>> before;
+  for (const char* name : kPresetNames) before[name] = platform::GetEnv(name);
   error_ = ApplyCommandLinePresets(raw.empty() ? nullptr : raw.c_str());
+  for (const char* name : kPresetNames) {
+    const auto after = platform::GetEnv(name);
+    if (after.has_value() && after != before[name]) values_[name] = *after;
+  }
   std::string lower = raw;
   for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   keyed_ = lower.find("-hkey") != std::string::npos;
-}
-
-void ImportHkeyArgument(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    if (SameWord(argv[i], "-hkey")) {
-      if (i + 1 < argc) ImportRegistryEnvironment(argv[i + 1]);
-      return;
-    }
-  }
 }
 
 bool OpenInstanceLog(const char* program, const CommandLinePresets& presets) {

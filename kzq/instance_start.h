@@ -3,6 +3,7 @@
 // settings, and open the diagnostic log that they share.
 #pragma once
 
+#include <map>
 #include <string>
 
 namespace kzq {
@@ -17,18 +18,17 @@ class CommandLinePresets {
   // Whether the command line names a registry key at all; without one
   // (a console start) the presets' failure is expected.
   bool keyed() const { return keyed_; }
+  // The settings the presets put, by name.
+  const std::map<std::string, std::string>& values() const { return values_; }
 
  private:
   std::string error_;
+  std::map<std::string, std::string> values_;
   bool keyed_ = false;
 };
 
 // Whether two command-line words are equal in any ASCII case.
 bool SameWord(const char* a, const char* b);
-
-// Imports the Environment values of the key that follows the first
-// "-hkey" (any case) among argv[1..].
-void ImportHkeyArgument(int argc, char** argv);
 
 // Opens col.log in KVCLOGDIR and notes the program's start there, with the
 // presets' failure when a key was given. False, said on standard error, when

@@ -19,7 +19,8 @@
 #include "kzq/agent_loader.h"
 #include "kzq/instance_start.h"
 #include "kzq/option_words.h"
-#include "kzq/registry_environment.h"
+#include "kzq/instance_settings.h"
+#include "kzq/settings_reload.h"
 #include "kzq/service_control.h"
 #include "kzq/trace_log_setup.h"
 #include "platform/environment.h"
@@ -32,9 +33,13 @@ namespace {
 // registry and the configuration are read.
 const kzq::CommandLinePresets g_command_line_presets;
 
-void ApplyHkeyArgument(int argc, char** argv) {
-  kzq::ImportHkeyArgument(argc, argv);
-  kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
+// Loaded first thing in main; read again by each reload. Never destroyed:
+// a reload may come while the process ends.
+kzq::InstanceSettings* g_settings = nullptr;
+kzq::SettingsReload* g_reload = nullptr;
+
+void ReloadAgent() {
+  if (g_reload != nullptr) g_reload->Reload();
 }
 
 // COLL_BINPATH goes at the end of PATH, so the system's commands win.
@@ -55,6 +60,7 @@ void AtExitQuit() {
 constexpr const char* kUsage =
     "usage: kzqagent -console [option words]   run in this terminal until Ctrl-C or SIGTERM\n"
     "       kzqagent [option words]            run as a service (started by the service manager)\n"
+    "       kzqagent --check-config [-Hkey \"<key>\"]  print every setting, its value and where it came from\n"
     "       kzqagent --help | -h | --version\n"
     "Option words override the environment; three letters of a keyword are enough:\n"
     "  -serverid -logonid (-loginid) -password -ctldir -logsdir -errlog -ltempdir -tempdir\n"
@@ -63,8 +69,9 @@ constexpr const char* kUsage =
     "  -filein <file>           further option words from a file\n"
     "  -hkey <key>              import the Environment values of this registry key\n"
     "  -Hkey \"<key>\"            right after the program: the service installation's instance key\n"
-    "Settings come from the environment (COLL_*, KZQ_*); the HTTP endpoint listens on\n"
-    "$KZQ_HTTP_LISTEN (127.0.0.1:9433). Read it with kzqctl (kzqctl --help).\n";
+    "Settings come from the registry key, the environment and /etc/kzq/<server id>.conf\n"
+    "(COLL_*, KZQ_*); SIGHUP reloads the interval, the alert severity and the token.\n"
+    "The HTTP endpoint listens on $KZQ_HTTP_LISTEN (127.0.0.1:9433). Read it with kzqctl (kzqctl --help).\n";
 
 // True after answering a request for help or the version: those words
 // start nothing. "-version" (one dash) stays the option word it is.
@@ -83,8 +90,9 @@ void StopAgent() { AVR_Shutdown(1); }
 
 int AgentMain(int argc, char** argv) {
   if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Entering AgentMain\n");
-  ApplyHkeyArgument(argc, argv);
+  kvc::ReadAgentEnvironment(kvc::TheAgentConfig());
   kzq::OpenInstanceLog("kzqagent", g_command_line_presets);
+  kzq::LogSettings(*g_settings);
   std::vector<std::string> words(argv + 1, argv + argc);
   kzq::ApplyOptionWords(words, kvc::TheAgentConfig(), kzq::ReadOptionFile);
   char version[9] = {};
@@ -101,10 +109,19 @@ int AgentMain(int argc, char** argv) {
   return result;
 }
 
+bool HasWord(int argc, char** argv, const char* word) {
+  for (int i = 1; i < argc; ++i)
+    if (strcmp(argv[i], word) == 0) return true;
+  return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (AnsweredHelpOrVersion(argc, argv)) return 0;
+  g_settings = new kzq::InstanceSettings(argc, argv, g_command_line_presets);
+  if (HasWord(argc, argv, "--check-config")) return kzq::PrintSettingsReport(*g_settings, stdout) ? 0 : 1;
+  g_reload = new kzq::SettingsReload(*g_settings);
   bool console = false;
   // Only the first of the two words counts: "-hkey" before "-console" means
   // a service, as it always has.
@@ -113,13 +130,11 @@ int main(int argc, char** argv) {
       console = true;
       break;
     }
-    if (kzq::SameWord(argv[i], "-hkey")) {
-      if (i + 1 < argc) kzq::ImportRegistryEnvironment(argv[i + 1]);
-      break;
-    }
+    if (kzq::SameWord(argv[i], "-hkey")) break;
   }
-  if (!console) return kzq::RunAsService(argc, argv, AgentMain, StopAgent);
+  if (!console) return kzq::RunAsService(argc, argv, AgentMain, StopAgent, ReloadAgent);
   kvc::SetChannelConsoleMode(true);
   platform::InstallStopHandler(StopAgent);
+  platform::InstallReloadHandler(ReloadAgent);
   return AgentMain(argc, argv);
 }

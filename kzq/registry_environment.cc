@@ -21,7 +21,7 @@ constexpr uint32_t kPathBuffer = 512;
 // The buffer holds the longest value an environment variable can take, so
 // that a long value neither ends the import nor is cut; a value longer
 // still is skipped with a logged reason, and the values after it are read.
-void ExportEnvironmentValues(CRegistry& registry) {
+void ReadEnvironmentValues(CRegistry& registry, const std::string& key, std::vector<RegistryValue>* values) {
   char name[kNameBuffer];
   std::vector<char> data(kDataBuffer);
   uint32_t index = 0;
@@ -39,29 +39,43 @@ void ExportEnvironmentValues(CRegistry& registry) {
     if (type != platform::kRegSz && type != platform::kRegExpandSz) continue;
     data[kDataBuffer - 1] = '\0';
     const std::string text = data.data();
-    const std::string value = type == platform::kRegExpandSz ? platform::ExpandEnvironmentText(text) : text;
-    const std::string pair = std::string(name) + "=" + value;
-    if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Setting environment variable %s", pair.c_str());
-    BSV1_PutEnv(pair.c_str());
+    values->push_back({name, text, type == platform::kRegExpandSz, key});
   }
+}
+
+std::string CurrentKey(CRegistry& registry) {
+  char path[kPathBuffer] = "";
+  uint32_t path_size = kPathBuffer;
+  registry.QueryKey(path, &path_size, nullptr, nullptr);
+  return path;
 }
 
 }  // namespace
 
-void ImportRegistryEnvironment(const char* key_path) {
+std::string RegistryValue::Value() const { return expand ? platform::ExpandEnvironmentText(text) : text; }
+
+std::vector<RegistryValue> ReadRegistryEnvironment(const char* key_path) {
+  std::vector<RegistryValue> values;
   CRegistry registry(nullptr, platform::kLocalMachine, nullptr, false);
-  if (key_path == nullptr || registry.Position(key_path, false) != 0) return;
+  if (key_path == nullptr || registry.Position(key_path, false) != 0) return values;
   std::string current = key_path;
   for (int levels = kMaxKeyLevels; current != kMakerRoot && levels > 0; --levels) {
     if (registry.Position("Environment", false) == 0) {
-      ExportEnvironmentValues(registry);
+      ReadEnvironmentValues(registry, CurrentKey(registry), &values);
       registry.Position("..", false);
     }
-    if (registry.Position("..", false) != 0) return;
-    char path[kPathBuffer] = "";
-    uint32_t path_size = kPathBuffer;
-    registry.QueryKey(path, &path_size, nullptr, nullptr);
-    current = path;
+    if (registry.Position("..", false) != 0) break;
+    current = CurrentKey(registry);
+  }
+  return values;
+}
+
+void ImportRegistryEnvironment(const char* key_path) {
+  for (const RegistryValue& v : ReadRegistryEnvironment(key_path)) {
+    // Expanded one by one: a value may name one put before it.
+    const std::string pair = v.name + "=" + v.Value();
+    if (framework::TraceLevel() & framework::kTraceFlow) TRC1_Printf("Setting environment variable %s", pair.c_str());
+    BSV1_PutEnv(pair.c_str());
   }
 }
 

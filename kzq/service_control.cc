@@ -45,6 +45,7 @@ int g_argc = 0;
 char** g_argv = nullptr;
 ServiceWork g_work = nullptr;
 void (*g_stop_hook)() = nullptr;
+void (*g_reload_hook)() = nullptr;
 // Written by the service entry before the worker starts, read at exit.
 std::string g_service_name;
 
@@ -149,6 +150,9 @@ void OnControl(uint32_t control) {
       SuspendWorker(false);
       ReportServiceStatus(platform::kServiceRunning, 0, 0, 0, 0);
       break;
+    case platform::kControlParamChange:
+      if (g_reload_hook != nullptr && g_running != 0) g_reload_hook();
+      break;
     default:
       break;
   }
@@ -213,6 +217,7 @@ bool ReportServiceStatus(uint32_t state, uint32_t win32_exit_code, uint32_t spec
   platform::ServiceStatus status;
   status.state = state;
   status.controls_accepted = state == platform::kServiceStartPending ? 0 : platform::kAcceptStopAndShutdown;
+  if (g_reload_hook != nullptr && status.controls_accepted != 0) status.controls_accepted |= platform::kAcceptParamChange;
   status.win32_exit_code = specific_exit_code != 0 ? platform::kErrServiceSpecific : win32_exit_code;
   status.specific_exit_code = specific_exit_code;
   status.check_point = check_point;
@@ -220,11 +225,12 @@ bool ReportServiceStatus(uint32_t state, uint32_t win32_exit_code, uint32_t spec
   return platform::SetServiceStatus(g_status_handle, status, &t_last_error);
 }
 
-int RunAsService(int argc, char** argv, ServiceWork work, void (*stop_hook)()) {
+int RunAsService(int argc, char** argv, ServiceWork work, void (*stop_hook)(), void (*reload_hook)()) {
   g_argc = argc;
   g_argv = argv;
   g_work = work;
   g_stop_hook = stop_hook;
+  g_reload_hook = reload_hook;
   atexit(ReportStoppedAtExit);
   int error = 0;
   if (platform::RunServiceDispatcher(kServiceName, ServiceEntry, &error)) return 0;

@@ -1,6 +1,6 @@
 // The service side of a kzq process: the dispatcher hand-over, the service
 // entry that runs the process's work on a worker thread, the control
-// handler (stop, shutdown, pause, continue) and the status reports.
+// handler (stop, shutdown, pause, continue, parameter change) and the status reports.
 //
 // The service ends with its work: a stop or shutdown calls the stop hook and
 // waits (about 20 s at most) for the work to return; work that returns by
@@ -23,12 +23,13 @@ inline constexpr const char* kServiceName = "kzqsrv";
 using ServiceWork = int (*)(int argc, char** argv);
 
 // Hands the process to the service dispatcher; `stop_hook` asks the work to
-// return (called on the dispatcher's thread). Returns 0 only when the
+// return, `reload_hook` (when not null) takes the parameter-change control
+// (both called on the dispatcher's thread). Returns 0 only when the
 // service could not even start its work (the failure was reported); a
 // service that ran ends the process as said above. When the dispatcher
 // cannot start (not started by a service manager) it writes two lines to
 // standard output and ends the process with the error number.
-int RunAsService(int argc, char** argv, ServiceWork work, void (*stop_hook)());
+int RunAsService(int argc, char** argv, ServiceWork work, void (*stop_hook)(), void (*reload_hook)() = nullptr);
 
 // The status report every state change goes through: controls are refused
 // while starting, and a non-zero specific code makes the exit code 1066.

@@ -32,4 +32,8 @@ std::string CurrentDirectory(int* error);
 // on Windows ("C:\"), TMPDIR or /tmp on POSIX.
 std::string FallbackTempDirectory();
 
+// Where machine-wide settings files live: %ProgramData% on Windows
+// (C:\ProgramData when unset), /etc on POSIX.
+std::string MachineSettingsRoot();
+
 }  // namespace platform

@@ -4,7 +4,7 @@
 // Windows: the service control manager. POSIX: systemd - status reports go
 // out through sd_notify (RUNNING = READY, STOP_PENDING = STOPPING, every
 // state as STATUS) and the controls arrive as signals: SIGTERM = stop,
-// SIGUSR1 = pause, SIGUSR2 = continue. A process that no service manager
+// SIGUSR1 = pause, SIGUSR2 = continue, SIGHUP = parameter change. A process that no service manager
 // started (no NOTIFY_SOCKET) fails the dispatcher with 1063, as on Windows.
 #pragma once
 
@@ -27,9 +27,11 @@ inline constexpr uint32_t kControlStop = 1;
 inline constexpr uint32_t kControlPause = 2;
 inline constexpr uint32_t kControlContinue = 3;
 inline constexpr uint32_t kControlShutdown = 5;
+inline constexpr uint32_t kControlParamChange = 6;  // POSIX: SIGHUP
 
 inline constexpr uint32_t kServiceOwnProcess = 16;
 inline constexpr uint32_t kAcceptStopAndShutdown = 5;
+inline constexpr uint32_t kAcceptParamChange = 8;
 
 struct ServiceStatus {
   uint32_t type = kServiceOwnProcess;

@@ -8,4 +8,9 @@ namespace platform {
 // each stop request. Install once.
 void InstallStopHandler(void (*stop)());
 
+// Calls `reload` (on a thread of its own) for each SIGHUP on POSIX; a
+// Windows console has no such request, so there it does nothing. Install
+// before any other thread starts.
+void InstallReloadHandler(void (*reload)());
+
 }  // namespace platform

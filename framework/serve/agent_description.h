@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -60,6 +61,8 @@ struct CounterFamily {
 // Both are called on the endpoint's threads, on every scrape or status
 // read, and must be safe to call from several at once.
 using ServiceProbe = std::function<std::vector<ServiceState>()>;
+// Settings a reload gave new valid values, by name.
+using SettingValues = std::map<std::string, std::string>;
 using ApplicationCounters = std::function<std::vector<CounterFamily>()>;
 
 // Read-only once handed over, so any thread may read it.
@@ -69,6 +72,9 @@ struct AgentDescription {
   ApplicationCounters counters;          // empty: none
   std::vector<MetricFamilyDescription> metrics;  // what /metrics publishes from the tables
   std::string status_page;                       // the HTML GET / answers; empty: none
+  // Takes the reloaded settings that the agent, not the framework, uses;
+  // called on the reload's thread. Empty: none.
+  std::function<void(const SettingValues&)> apply_settings;
 
   // The table of that name or key (any case), or null.
   const TableDescription* Find(std::string_view table) const;

@@ -50,11 +50,23 @@ void SampleScheduler::Stop() {
   if (thread_.joinable()) thread_.join();
 }
 
+void SampleScheduler::SetInterval(int seconds) {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    interval_ = seconds;
+  }
+  wake_.notify_all();
+}
+
 void SampleScheduler::Run() {
   for (;;) {
     SampleAll();
+    const auto ended = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> guard(lock_);
-    if (wake_.wait_for(guard, std::chrono::seconds(interval_), [this] { return stopping_; })) return;
+    // Woken by a new interval, the wait goes on to the new due time.
+    while (!stopping_ && std::chrono::steady_clock::now() < ended + std::chrono::seconds(interval_))
+      wake_.wait_until(guard, ended + std::chrono::seconds(interval_));
+    if (stopping_) return;
   }
 }
 

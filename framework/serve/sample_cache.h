@@ -44,12 +44,14 @@ class SampleScheduler {
   void Stop();
   // Samples every table once on the calling thread.
   void SampleAll();
+  // The next sample comes `seconds` after the last one ended. Any thread.
+  void SetInterval(int seconds);
 
  private:
   void Run();
 
   SampleCache* const cache_;
-  const int interval_;
+  int interval_;  // under lock_
   std::mutex lock_;
   std::condition_variable wake_;
   bool stopping_ = false;

@@ -58,4 +58,6 @@ std::string FallbackTempDirectory() {
   return tmpdir != nullptr && *tmpdir != '\0' ? tmpdir : "/tmp";
 }
 
+std::string MachineSettingsRoot() { return "/etc"; }
+
 }  // namespace platform

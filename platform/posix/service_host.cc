@@ -30,6 +30,7 @@ uint32_t ControlFor(int signal) {
     case SIGTERM: return kControlStop;
     case SIGUSR1: return kControlPause;
     case SIGUSR2: return kControlContinue;
+    case SIGHUP: return kControlParamChange;
     default: return 0;
   }
 }
@@ -74,7 +75,7 @@ bool RunServiceDispatcher(const char* name, ServiceEntry entry, int* error) {
   }
   sigset_t controls;
   sigemptyset(&controls);
-  for (int signal : {SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&controls, signal);
+  for (int signal : {SIGTERM, SIGUSR1, SIGUSR2, SIGHUP}) sigaddset(&controls, signal);
   pthread_sigmask(SIG_BLOCK, &controls, nullptr);  // before the entry's thread, which inherits it
   std::atomic<bool> entry_done{false};
   std::thread service([name, entry, &entry_done] {

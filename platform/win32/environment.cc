@@ -42,4 +42,9 @@ std::string FallbackTempDirectory() {
   return std::string(drive != nullptr ? drive : "") + "\\";
 }
 
+std::string MachineSettingsRoot() {
+  const char* data = getenv("ProgramData");
+  return data != nullptr && *data != '\0' ? data : "C:\\ProgramData";
+}
+
 }  // namespace platform

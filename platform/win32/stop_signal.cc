@@ -21,4 +21,6 @@ void InstallStopHandler(void (*stop)()) {
   SetConsoleCtrlHandler(OnConsoleControl, TRUE);
 }
 
+void InstallReloadHandler(void (*)()) {}
+
 }  // namespace platform

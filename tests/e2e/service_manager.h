@@ -24,6 +24,8 @@ class ServiceManager {
   virtual bool Pause() = 0;
   virtual bool Continue() = 0;
   virtual bool Stop() = 0;
+  // The parameter-change control (systemctl reload sends SIGHUP).
+  virtual bool Reload() = 0;
   // Waits until the service has reported `state`.
   virtual bool WaitFor(State state, int timeout_ms = 30000) = 0;
   // The exit code the stopped service left.

@@ -53,6 +53,7 @@ class NotifySocketManager final : public ServiceManager {
   }
   bool CanPause() const override { return true; }
   bool Pause() override { return Signal(SIGUSR1); }
+  bool Reload() override { return Signal(SIGHUP); }
   bool Continue() override { return Signal(SIGUSR2); }
   bool Stop() override { return Signal(SIGTERM); }
 

@@ -49,6 +49,7 @@ class ScManager final : public ServiceManager {
   bool CanPause() const override { return false; }
   bool Pause() override { return false; }
   bool Continue() override { return false; }
+  bool Reload() override { return Sc({"control", name_, "paramchange"}); }
   // The stop's own answer shows the state it left: a service that ends at
   // once may be stopped before any later query could see it stopping.
   bool Stop() override {

@@ -129,6 +129,7 @@ class InstalledUnits : public testing::Test {
   void WriteEnvironmentFileSetting(const std::string& name, const std::string& value) const {
     std::ofstream(Host("/etc/kzq/" + instance_ + ".env"), std::ios::app) << name << "=" << value << "\n";
   }
+  void WriteSettingsFile(const std::string& text) const { std::ofstream(Host("/etc/kzq/" + instance_ + ".conf")) << text; }
 
   kzq_test::SystemdUnit LoadUnit(const std::string& program) const {
     std::string error;
@@ -185,6 +186,22 @@ class InstalledUnits : public testing::Test {
     EXPECT_TRUE(manager->Start(executable, args)) << manager->Log();
     managers_[program] = manager.get();
     return manager;
+  }
+
+  // `kzqagent --check-config` as the unit would start the agent; its exit
+  // code, and what it printed in *output.
+  int CheckConfig(std::string* output) {
+    const kzq_test::SystemdUnit unit = LoadUnit("kzqagent");
+    std::string command;
+    for (const std::string& word : unit.Command()) command += "'" + Host(word) + "' ";
+    const std::string printed = root_.File("check-config.txt");
+    int status = -1;
+    {
+      ServiceExecution execution(UnitEnvironment(unit), root_.Path());
+      status = system((command + "--check-config >" + printed + " 2>&1").c_str());
+    }
+    *output = kzq_test::ReadFile(printed);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
   // What the manager saw of the program and what the program printed.
@@ -277,6 +294,58 @@ TEST_F(InstalledUnits, AgentStartFailsWhenItsPortIsTaken) {
   EXPECT_NE(agent->ExitCode(), 0) << Output("kzqagent");
   EXPECT_THAT(kzq_test::ReadFile(LogFile()), HasSubstr("cannot listen on " + taken.Address()));
   EXPECT_THAT(kzq_test::ReadFile(LogFile()), HasSubstr("CTC5010E"));
+}
+
+// Each place a setting can come from, as the README names them, and the
+// refusal of a value or a name the agent cannot use.
+TEST_F(InstalledUnits, CheckConfigTellsWhereEachSettingCameFromAndRefusesBadOnes) {
+  WriteRegistrySetting("COLL_DBVERSION", "16.0.1");
+  WriteEnvironmentFileSetting("COLL_ACTION_TIMEOUT", "60");
+  WriteSettingsFile("# sampled hourly\n KZQ_SAMPLE_INTERVAL = 3600 \nCOLL_DBVERSION=loses\nCOLL_PASSWORD=\"pa ss\"\n");
+  std::string out;
+  EXPECT_EQ(CheckConfig(&out), 0) << out;
+  EXPECT_THAT(out, ContainsRegex("COLL_DBVERSION +16.0.1 +registry .*" + instance_ + ".Environment\n"));
+  EXPECT_THAT(out, ContainsRegex("COLL_SERVERID +" + instance_ + " +command line\n"));
+  EXPECT_THAT(out, ContainsRegex("COLL_ACTION_TIMEOUT +60 +environment\n"));
+  EXPECT_THAT(out, ContainsRegex("KZQ_SAMPLE_INTERVAL +3600 +file .*" + instance_ + "\\.conf:2\n"));
+  EXPECT_THAT(out, ContainsRegex("COLL_PASSWORD +\\*\\*\\* +file"));
+  EXPECT_THAT(out, ContainsRegex("COLL_WAIT_TIMEOUT +\\(5\\) +default\n"));
+  EXPECT_THAT(out, testing::Not(HasSubstr("pa ss")));
+
+  WriteSettingsFile("KZQ_SAMPLE_INTERVAL=soon\nKZQ_SAMPEL_INTERVAL=5\nCOLL_WRAPLINES=12abc\n");
+  EXPECT_EQ(CheckConfig(&out), 1) << out;
+  EXPECT_THAT(out, HasSubstr(".conf:2: unknown setting 'KZQ_SAMPEL_INTERVAL'"));
+  EXPECT_THAT(out, ContainsRegex("error: KZQ_SAMPLE_INTERVAL='soon' \\(file .*:1\\) is not a whole number from 1 to 86400"));
+  EXPECT_THAT(out, HasSubstr("error: COLL_WRAPLINES='12abc'"));
+}
+
+// systemctl reload: the new interval is in force at once, no restart, and
+// a setting that needs one says so in col.log.
+TEST_F(InstalledUnits, AReloadAppliesTheNewIntervalWithoutARestart) {
+  const int port = kzq_test::FreePort();
+  WriteSettingsFile("KZQ_HTTP_LISTEN=127.0.0.1:" + std::to_string(port) + "\nKZQ_SAMPLE_INTERVAL=3600\n");
+  auto collector = StartUnit("kzqcoll");
+  ASSERT_NE(collector, nullptr);
+  ASSERT_TRUE(collector->WaitFor(ServiceManager::kRunning, kPatience)) << Output("kzqcoll");
+  auto agent = StartUnit("kzqagent");
+  ASSERT_NE(agent, nullptr);
+  ASSERT_TRUE(agent->WaitFor(ServiceManager::kRunning, kPatience)) << Output("kzqagent");
+  const uint64_t deadline = platform::MonotonicMillis() + kPatience;
+  Json first;
+  ASSERT_TRUE(Before(deadline, [&] { return (first = GetJson(port, "/tables/KZQDBD?cached"))["rows"].size() > 0; }))
+      << first.dump();
+
+  WriteSettingsFile("KZQ_HTTP_LISTEN=127.0.0.1:" + std::to_string(port) + "\nKZQ_SAMPLE_INTERVAL=1\nCOLL_WAIT_TIMEOUT=9\n");
+  ASSERT_TRUE(agent->Reload());
+  EXPECT_TRUE(Before(deadline, [&] { return GetJson(port, "/tables/KZQDBD?cached")["taken_at"] != first["taken_at"]; }))
+      << kzq_test::ReadFile(LogFile());
+  const std::string log = kzq_test::ReadFile(LogFile());
+  EXPECT_THAT(log, HasSubstr("KZQ_SAMPLE_INTERVAL is now '1'"));
+  EXPECT_THAT(log, HasSubstr("COLL_WAIT_TIMEOUT changed to '9'"));
+  EXPECT_THAT(log, HasSubstr("it takes effect at the next start"));
+  ASSERT_TRUE(agent->Stop());
+  EXPECT_EQ(agent->ExitCode(), 0) << Output("kzqagent");
+  ASSERT_TRUE(collector->Stop());
 }
 
 // A local account that makes the channel's objects before the instance
