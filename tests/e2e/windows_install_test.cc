@@ -42,7 +42,7 @@ class WindowsInstall : public testing::Test {
   void SetUp() override { install_ = root_.File("kzq \xe9 install"); }
   void TearDown() override {
     std::string ignored;
-    Cmd({Script(), instance_, "/remove", "/purge"}, &ignored);
+    for (const std::string& instance : {instance_, second_}) Cmd({Script(), instance, "/remove", "/purge"}, &ignored);
   }
 
   // A cross-built tree under Wine has POSIX paths: Wine shows them on drive Z.
@@ -98,9 +98,10 @@ class WindowsInstall : public testing::Test {
   bool WaitForState(const std::string& service, const char* state) {
     return Eventually([&] { return Query(service).find(state) != std::string::npos; });
   }
-  void SetSetting(const std::string& name, const std::string& value) {
+  void SetSetting(const std::string& name, const std::string& value, const std::string& instance = "") {
     std::string output;
-    ASSERT_EQ(Cmd({"reg", "add", Key() + "\\Environment", "/v", name, "/d", value, "/f"}, &output), 0) << output;
+    ASSERT_EQ(Cmd({"reg", "add", Key(instance) + "\\Environment", "/v", name, "/d", value, "/f"}, &output), 0)
+        << output;
   }
   // KZQCOLL<n>, n as the installation stored it in the instance's key.
   std::string CollectorService() {
@@ -111,7 +112,9 @@ class WindowsInstall : public testing::Test {
     const size_t digits = output.find_first_of("0123456789", at);
     return "KZQCOLL" + output.substr(digits, output.find_first_not_of("0123456789", digits) - digits);
   }
-  std::string Key() const { return "HKLM\\SOFTWARE\\Orvane\\kzq\\" + instance_; }
+  std::string Key(const std::string& instance = "") const {
+    return "HKLM\\SOFTWARE\\Orvane\\kzq\\" + (instance.empty() ? instance_ : instance);
+  }
   std::string ColLog() const { return kzq_test::ReadFile(data_ + "\\logs\\col.log"); }
   // The process id the agent's last start wrote to col.log.
   DWORD AgentPid() const {
@@ -135,6 +138,7 @@ class WindowsInstall : public testing::Test {
 
   const std::string instance_ = "KZQW" + std::to_string(platform::CurrentProcessId());
   const std::string agent_ = "kzqagent_" + instance_;
+  const std::string second_ = instance_ + "B";  // an instance beside the first
   const std::string data_root_ = platform::GetEnv("ProgramData").value_or("C:\\ProgramData") + "\\kzq";
   const std::string data_ = data_root_ + "\\" + instance_;
   kzq_test::TempDir root_;
@@ -194,7 +198,7 @@ TEST_F(WindowsInstall, InstalledAsTheReadmeSaysItServesStopsFailsVisiblyAndIsRem
   EXPECT_TRUE(std::filesystem::exists(data_ + "\\logs\\col.log"));  // the data stay without /purge
 }
 
-TEST_F(WindowsInstall, TheInstallerSetsUpAServingInstanceAndItsUninstallerLeavesNothing) {
+TEST_F(WindowsInstall, TheInstallerSetsUpServingInstancesAndTheLastOneUninstalledLeavesNothing) {
   // A setting made before installing is kept, as with the script.
   HeldPort port;
   port.Release();
@@ -216,17 +220,36 @@ TEST_F(WindowsInstall, TheInstallerSetsUpAServingInstanceAndItsUninstallerLeaves
   // reg prints the path's accented letter in another code page.
   EXPECT_THAT(output, HasSubstr("\\uninstall.exe\" /S /INSTANCE=" + instance_));
 
+  // A second instance in the same directory, which keeps the programs when
+  // the first one goes.
+  HeldPort second_port;
+  second_port.Release();
+  SetSetting("KZQ_HTTP_LISTEN", second_port.Address(), second_);
+  ASSERT_EQ(Run("\"" + setup + "\" /S /INSTANCE=" + second_ + " /D=" + install_), 0)
+      << kzq_test::ReadFile(data_root_ + "\\" + second_ + "\\logs\\install.log");
+
   // Run from a copy with the install directory named, as a script does to
   // wait for the whole uninstall and get its exit code.
   const std::string uninstaller = root_.File("uninstall.exe");
   std::filesystem::copy_file(install_ + "\\uninstall.exe", uninstaller);
-  ASSERT_EQ(Run("\"" + uninstaller + "\" /S /INSTANCE=" + instance_ + " _?=" + install_), 0);
+  const auto uninstall = [&](const std::string& instance) {
+    return Run("\"" + uninstaller + "\" /S /INSTANCE=" + instance + " _?=" + install_);
+  };
+  ASSERT_EQ(uninstall(instance_), 0);
   EXPECT_THAT(Query(agent_), Not(HasSubstr("SERVICE_NAME")));
   EXPECT_THAT(Query(collector), Not(HasSubstr("SERVICE_NAME")));
   EXPECT_NE(Cmd({"reg", "query", Key()}, &output), 0) << output;
   EXPECT_NE(Cmd({"reg", "query", entry}, &output), 0) << output;
   EXPECT_FALSE(std::filesystem::exists(data_));
   EXPECT_FALSE(std::filesystem::exists(data_root_ + "\\" + instance_ + ".conf"));
+  EXPECT_TRUE(std::filesystem::exists(install_ + "\\kzqagent.exe"));
+  EXPECT_TRUE(WaitForState("kzqagent_" + second_, "4  RUNNING")) << Query("kzqagent_" + second_);
+
+  ASSERT_EQ(uninstall(second_), 0);
+  EXPECT_THAT(Query("kzqagent_" + second_), Not(HasSubstr("SERVICE_NAME")));
+  EXPECT_NE(Cmd({"reg", "query", Key(second_)}, &output), 0) << output;
+  EXPECT_FALSE(std::filesystem::exists(data_root_ + "\\" + second_));
+  EXPECT_FALSE(std::filesystem::exists(data_root_ + "\\" + second_ + ".conf"));
   EXPECT_FALSE(std::filesystem::exists(install_));
 }
 
