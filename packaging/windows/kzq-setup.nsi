@@ -76,6 +76,25 @@ Function .onInit
   Call ReadInstance
 FunctionEnd
 
+; The configuration file may hold the SQL Server password: only the system
+; account, which the services run as, and administrators may open the file
+; $0; anything inherited from %ProgramData% (every user may read there) is
+; cut off. When that cannot be done the file is deleted, so that a second
+; run makes it again, and the install aborts with exit code 4.
+Function KeepToAdministrators
+  System::Call 'advapi32::ConvertStringSecurityDescriptorToSecurityDescriptorW(w "D:P(A;;FA;;;SY)(A;;FA;;;BA)", i 1, *p .r1, p 0) i .r2'
+  ${If} $2 != 0
+    System::Call 'advapi32::GetSecurityDescriptorDacl(p r1, *i .r3, *p .r4, *i .r5) i .r2'
+    ; SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION
+    System::Call 'advapi32::SetNamedSecurityInfoW(w r0, i 1, i 0x80000004, p 0, p 0, p r4, p 0) i .r2'
+    System::Call 'kernel32::LocalFree(p r1)'
+    ${IfThen} $2 == 0 ${|} Return ${|}
+  ${EndIf}
+  Delete $0
+  SetErrorLevel 4
+  Abort "cannot keep $0 to administrators"
+FunctionEnd
+
 Section
   SetOutPath "$INSTDIR"
   ; Files another instance's running services hold are left alone when
@@ -114,6 +133,8 @@ Section
   ${IfNot} ${FileExists} "$DataRoot\$Instance.conf"
     CreateDirectory "$DataRoot"
     CopyFiles /SILENT "$INSTDIR\example.conf" "$DataRoot\$Instance.conf"
+    StrCpy $0 "$DataRoot\$Instance.conf"
+    Call KeepToAdministrators
   ${EndIf}
   StrCpy $2 "$DataRoot\$Instance"
   ${IfNot} ${FileExists} "$2\replay\*.jsonl"
