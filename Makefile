@@ -3,13 +3,15 @@
 
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev libcli11-dev \
   libsystemd-dev systemd prometheus chromium python3 curl unixodbc unixodbc-dev tdsodbc
-WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev libcli11-dev
+WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev libcli11-dev \
+  nsis
 FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
   nlohmann-json3-dev libsystemd-dev unixodbc-dev
 DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libcli11-dev libsystemd-dev unixodbc-dev
 JOBS ?= 2
 
-.PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench soak deps-native deps-windows build build-windows clean
+.PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench soak deps-native deps-windows build \
+  build-windows configure-windows package-windows clean
 
 test: test-native test-tsan test-fuzz test-windows
 
@@ -68,10 +70,18 @@ fuzz: build-fuzz
 	  [ $$rc -eq 0 ] || { grep -E -A30 'ERROR|SUMMARY' build-fuzz/found/$$t.log; exit 1; }; \
 	done
 
-build-windows: deps-windows
+configure-windows: deps-windows
 	@cmake -S . -B build-win -G Ninja -DCMAKE_BUILD_TYPE=Release \
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake >/dev/null
+
+build-windows: configure-windows
 	@cmake --build build-win -j $(JOBS)
+
+# The Windows installer build-win/kzq-<version>-setup.exe: the cross-built
+# Release programs packed by makensis (packaging/windows/kzq-setup.nsi); only
+# the programs are built, not the tests.
+package-windows: configure-windows
+	@cmake --build build-win -j $(JOBS) --target windows_installer
 
 test-windows: build-windows
 	scripts/wine-test build-win

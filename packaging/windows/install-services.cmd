@@ -9,8 +9,9 @@ rem HKLM\SOFTWARE\Orvane\kzq\<instance>\Environment; values already there
 rem are kept, so settings can be made before installing. The instance's
 rem data and logs live in %ProgramData%\kzq\<instance>, the collector's
 rem rows in its replay folder (KZQ_REPLAY_DIR) until the setting
-rem KZQ_COLLECTOR_SOURCE=sql makes it read SQL Server instead. /remove deletes both services and the key and
-rem leaves the data directory, which /purge deletes too.
+rem KZQ_COLLECTOR_SOURCE=sql makes it read SQL Server instead. /remove stops both services, waits
+rem for them to stop, deletes them and the key, and leaves the data
+rem directory, which /purge deletes too.
 setlocal EnableExtensions DisableDelayedExpansion
 if "%~1"=="" goto usage
 set "INSTANCE=%~1"
@@ -104,13 +105,33 @@ set "N="
 for /f "tokens=1,2,*" %%a in ('reg query "HKLM\!KEY!\Environment" /v COLL_SERVICENUMBER 2^>nul') do (
   if /i "%%a"=="COLL_SERVICENUMBER" set "N=%%c"
 )
+rem A stop only asks: the programs and their logs are held until each
+rem service has stopped, which is waited for before anything is deleted.
 sc stop "!AGENT!" >nul 2>&1
+call :wait_stopped "!AGENT!"
 if defined N sc stop "KZQCOLL!N!" >nul 2>&1
+if defined N call :wait_stopped "KZQCOLL!N!"
 sc delete "!AGENT!"
 if defined N sc delete "KZQCOLL!N!"
 reg delete "HKLM\!KEY!" /f >nul 2>&1
 if /i "!OPTION!"=="/purge" if exist "!DATA!\" rmdir /s /q "!DATA!"
 exit /b 0
+
+rem Waits up to 30 seconds for a service to be stopped or gone; ping stands
+rem in for a sleep of a second, which not every command interpreter has. A
+rem loop of labels, not for /l: Wine's cmd goes on with a for loop after
+rem exit /b.
+:wait_stopped
+set /a TRIES=0
+:wait_stopped_again
+sc query "%~1" >nul 2>&1
+if errorlevel 1 exit /b 0
+sc query "%~1" | find "STOPPED" >nul
+if not errorlevel 1 exit /b 0
+set /a TRIES+=1
+if !TRIES! geq 30 (echo %~1 did not stop within 30 seconds& exit /b 0)
+ping -n 2 127.0.0.1 >nul
+goto wait_stopped_again
 
 :usage
 echo usage: install-services.cmd ^<instance^> [^<install directory^>]

@@ -2,7 +2,8 @@
 // into an install directory whose path has a space and a non-ASCII letter,
 // packaging\windows\install-services.cmd run through cmd, the services
 // started by the service manager and read over HTTP, stopped, started with
-// their port taken, and removed.
+// their port taken, and removed; and the same through the installer, whose
+// uninstaller leaves nothing behind.
 #include <httplib.h>
 #include <windows.h>
 
@@ -36,28 +37,29 @@ bool Eventually(F done) {
 
 class WindowsInstall : public testing::Test {
  protected:
-  void SetUp() override {
-    // "\xe9" is the e with an acute accent in the ANSI code page of the
-    // process's narrow names; the operator's own commands make the
-    // directory and copy the programs.
-    install_ = root_.File("kzq \xe9 install");
+  // "\xe9" is the e with an acute accent in the ANSI code page of the
+  // process's narrow names.
+  void SetUp() override { install_ = root_.File("kzq \xe9 install"); }
+  void TearDown() override {
+    std::string ignored;
+    for (const std::string& instance : {instance_, second_}) Cmd({Script(), instance, "/remove", "/purge"}, &ignored);
+  }
+
+  // A cross-built tree under Wine has POSIX paths: Wine shows them on drive Z.
+  static std::string WindowsPath(std::string path) {
+    if (path[0] == '/') path = "Z:" + path;
+    std::replace(path.begin(), path.end(), '/', '\\');
+    return path;
+  }
+  static std::string Script() {
+    return WindowsPath(std::string(KZQ_SOURCE_DIR) + "/packaging/windows/install-services.cmd");
+  }
+  // The operator's own commands make the directory and copy the programs.
+  void CopyPrograms() {
     std::string output;
     ASSERT_EQ(Cmd({"mkdir", install_}, &output), 0) << output;
     for (const auto& [folder, name] : {std::pair{"kzq", "kzqagent"}, std::pair{"collector", "kzqcoll"}})
       ASSERT_EQ(Cmd({"copy", kzq_test::BuiltProgram(folder, name), install_}, &output), 0) << output;
-    data_ = platform::GetEnv("ProgramData").value_or("C:\\ProgramData") + "\\kzq\\" + instance_;
-  }
-  void TearDown() override {
-    std::string ignored;
-    Cmd({Script(), instance_, "/remove", "/purge"}, &ignored);
-  }
-
-  static std::string Script() {
-    // A cross-built tree under Wine has a POSIX source path: Wine shows it on drive Z.
-    std::string script = std::string(KZQ_SOURCE_DIR) + "/packaging/windows/install-services.cmd";
-    if (script[0] == '/') script = "Z:" + script;
-    std::replace(script.begin(), script.end(), '/', '\\');
-    return script;
   }
 
   // Runs a command line through cmd as an operator types it.
@@ -73,6 +75,21 @@ class WindowsInstall : public testing::Test {
     *output = kzq_test::ReadFile(options.output_file);
     return rc;
   }
+  // Runs a command line exactly as written: the installer's /D= and the
+  // uninstaller's _?= take the rest of the line unquoted.
+  static int Run(std::string line) {
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION info{};
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info))
+      return -1;
+    DWORD code = 0;
+    WaitForSingleObject(info.hProcess, INFINITE);
+    GetExitCodeProcess(info.hProcess, &code);
+    CloseHandle(info.hProcess);
+    CloseHandle(info.hThread);
+    return static_cast<int>(code);
+  }
   std::string Query(const std::string& service) {
     std::string output;
     Cmd({"sc", "query", service}, &output);
@@ -81,9 +98,10 @@ class WindowsInstall : public testing::Test {
   bool WaitForState(const std::string& service, const char* state) {
     return Eventually([&] { return Query(service).find(state) != std::string::npos; });
   }
-  void SetSetting(const std::string& name, const std::string& value) {
+  void SetSetting(const std::string& name, const std::string& value, const std::string& instance = "") {
     std::string output;
-    ASSERT_EQ(Cmd({"reg", "add", Key() + "\\Environment", "/v", name, "/d", value, "/f"}, &output), 0) << output;
+    ASSERT_EQ(Cmd({"reg", "add", Key(instance) + "\\Environment", "/v", name, "/d", value, "/f"}, &output), 0)
+        << output;
   }
   // KZQCOLL<n>, n as the installation stored it in the instance's key.
   std::string CollectorService() {
@@ -94,7 +112,9 @@ class WindowsInstall : public testing::Test {
     const size_t digits = output.find_first_of("0123456789", at);
     return "KZQCOLL" + output.substr(digits, output.find_first_not_of("0123456789", digits) - digits);
   }
-  std::string Key() const { return "HKLM\\SOFTWARE\\Orvane\\kzq\\" + instance_; }
+  std::string Key(const std::string& instance = "") const {
+    return "HKLM\\SOFTWARE\\Orvane\\kzq\\" + (instance.empty() ? instance_ : instance);
+  }
   std::string ColLog() const { return kzq_test::ReadFile(data_ + "\\logs\\col.log"); }
   // The process id the agent's last start wrote to col.log.
   DWORD AgentPid() const {
@@ -103,14 +123,30 @@ class WindowsInstall : public testing::Test {
     return at == std::string::npos ? 0 : static_cast<DWORD>(std::stoul(log.substr(at + 14)));
   }
 
+  // Both services run and the agent serves the collector's rows over HTTP.
+  void ExpectServing(const std::string& collector, const std::string& address) {
+    EXPECT_TRUE(WaitForState(collector, "4  RUNNING")) << Query(collector);
+    ASSERT_TRUE(WaitForState(agent_, "4  RUNNING")) << Query(agent_);
+    httplib::Client http("http://" + address);
+    std::string rows;
+    EXPECT_TRUE(Eventually([&] {
+      auto res = http.Get("/tables/KZQDBD");
+      rows = res ? res->body : "";
+      return rows.find("\"DBNAME\":\"master\"") != std::string::npos;
+    })) << rows;
+  }
+
   const std::string instance_ = "KZQW" + std::to_string(platform::CurrentProcessId());
   const std::string agent_ = "kzqagent_" + instance_;
+  const std::string second_ = instance_ + "B";  // an instance beside the first
+  const std::string data_root_ = platform::GetEnv("ProgramData").value_or("C:\\ProgramData") + "\\kzq";
+  const std::string data_ = data_root_ + "\\" + instance_;
   kzq_test::TempDir root_;
   std::string install_;
-  std::string data_;
 };
 
 TEST_F(WindowsInstall, InstalledAsTheReadmeSaysItServesStopsFailsVisiblyAndIsRemoved) {
+  CopyPrograms();
   HeldPort port;
   port.Release();
   SetSetting("KZQ_HTTP_LISTEN", port.Address());
@@ -124,15 +160,9 @@ TEST_F(WindowsInstall, InstalledAsTheReadmeSaysItServesStopsFailsVisiblyAndIsRem
 
   // The collector's service is the one the agent's probe asks for.
   const std::string collector = CollectorService();
-  EXPECT_TRUE(WaitForState(collector, "4  RUNNING")) << Query(collector);
-  ASSERT_TRUE(WaitForState(agent_, "4  RUNNING")) << Query(agent_);
+  ExpectServing(collector, port.Address());
   httplib::Client http("http://" + port.Address());
-  std::string rows, metrics;
-  EXPECT_TRUE(Eventually([&] {
-    auto res = http.Get("/tables/KZQDBD");
-    rows = res ? res->body : "";
-    return rows.find("\"DBNAME\":\"master\"") != std::string::npos;
-  })) << rows;
+  std::string metrics;
   EXPECT_TRUE(Eventually([&] {
     auto res = http.Get("/metrics");
     metrics = res ? res->body : "";
@@ -166,6 +196,61 @@ TEST_F(WindowsInstall, InstalledAsTheReadmeSaysItServesStopsFailsVisiblyAndIsRem
   EXPECT_THAT(Query(collector), Not(HasSubstr("SERVICE_NAME")));
   EXPECT_NE(Cmd({"reg", "query", Key()}, &output), 0) << output;
   EXPECT_TRUE(std::filesystem::exists(data_ + "\\logs\\col.log"));  // the data stay without /purge
+}
+
+TEST_F(WindowsInstall, TheInstallerSetsUpServingInstancesAndTheLastOneUninstalledLeavesNothing) {
+  // A setting made before installing is kept, as with the script.
+  HeldPort port;
+  port.Release();
+  SetSetting("KZQ_HTTP_LISTEN", port.Address());
+  const std::string setup = WindowsPath(KZQ_WINDOWS_SETUP);
+  ASSERT_EQ(Run("\"" + setup + "\" /S /INSTANCE=" + instance_ + " /D=" + install_), 0)
+      << kzq_test::ReadFile(data_ + "\\logs\\install.log");
+  const std::string collector = CollectorService();
+  ExpectServing(collector, port.Address());
+  // The script's refusal is the installer's exit code.
+  EXPECT_EQ(Run("\"" + setup + "\" /S /INSTANCE=" + instance_ + " /D=" + install_), 6);
+  EXPECT_THAT(kzq_test::ReadFile(data_ + "\\logs\\install.log"), HasSubstr("installed already"));
+  const std::string example = kzq_test::ReadFile(install_ + "\\example.conf");
+  EXPECT_THAT(example, HasSubstr("KZQ_HTTP_LISTEN"));
+  EXPECT_EQ(kzq_test::ReadFile(data_root_ + "\\" + instance_ + ".conf"), example);
+  const std::string entry = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\kzq_" + instance_;
+  std::string output;
+  ASSERT_EQ(Cmd({"reg", "query", entry, "/v", "QuietUninstallString"}, &output), 0) << output;
+  // reg prints the path's accented letter in another code page.
+  EXPECT_THAT(output, HasSubstr("\\uninstall.exe\" /S /INSTANCE=" + instance_));
+
+  // A second instance in the same directory, which keeps the programs when
+  // the first one goes.
+  HeldPort second_port;
+  second_port.Release();
+  SetSetting("KZQ_HTTP_LISTEN", second_port.Address(), second_);
+  ASSERT_EQ(Run("\"" + setup + "\" /S /INSTANCE=" + second_ + " /D=" + install_), 0)
+      << kzq_test::ReadFile(data_root_ + "\\" + second_ + "\\logs\\install.log");
+
+  // Run from a copy with the install directory named, as a script does to
+  // wait for the whole uninstall and get its exit code.
+  const std::string uninstaller = root_.File("uninstall.exe");
+  std::filesystem::copy_file(install_ + "\\uninstall.exe", uninstaller);
+  const auto uninstall = [&](const std::string& instance) {
+    return Run("\"" + uninstaller + "\" /S /INSTANCE=" + instance + " _?=" + install_);
+  };
+  ASSERT_EQ(uninstall(instance_), 0);
+  EXPECT_THAT(Query(agent_), Not(HasSubstr("SERVICE_NAME")));
+  EXPECT_THAT(Query(collector), Not(HasSubstr("SERVICE_NAME")));
+  EXPECT_NE(Cmd({"reg", "query", Key()}, &output), 0) << output;
+  EXPECT_NE(Cmd({"reg", "query", entry}, &output), 0) << output;
+  EXPECT_FALSE(std::filesystem::exists(data_));
+  EXPECT_FALSE(std::filesystem::exists(data_root_ + "\\" + instance_ + ".conf"));
+  EXPECT_TRUE(std::filesystem::exists(install_ + "\\kzqagent.exe"));
+  EXPECT_TRUE(WaitForState("kzqagent_" + second_, "4  RUNNING")) << Query("kzqagent_" + second_);
+
+  ASSERT_EQ(uninstall(second_), 0);
+  EXPECT_THAT(Query("kzqagent_" + second_), Not(HasSubstr("SERVICE_NAME")));
+  EXPECT_NE(Cmd({"reg", "query", Key(second_)}, &output), 0) << output;
+  EXPECT_FALSE(std::filesystem::exists(data_root_ + "\\" + second_));
+  EXPECT_FALSE(std::filesystem::exists(data_root_ + "\\" + second_ + ".conf"));
+  EXPECT_FALSE(std::filesystem::exists(install_));
 }
 
 }  // namespace
