@@ -140,8 +140,8 @@ const std::set<std::string> kUnsupported = {"cipher_suites", "curve_preferences"
                                             "http_server_config"};
 
 std::string Beside(const std::string& file, const std::string& path) {
-  if (path.empty() || std::filesystem::path(path).is_absolute()) return path;
-  return (std::filesystem::path(file).parent_path() / path).string();
+  if (path.empty() || std::filesystem::path(path).has_root_path()) return path;
+  return (std::filesystem::path(file).parent_path() / path).generic_string();
 }
 
 bool ReadTls(Reader& reader, const std::string& file, const std::vector<Entry>& entries, int header_line,
