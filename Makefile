@@ -2,12 +2,12 @@
 # Each target installs what it needs on a fresh Debian machine.
 
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev libcli11-dev \
-  libsystemd-dev systemd prometheus chromium python3 curl unixodbc unixodbc-dev tdsodbc
+  libsystemd-dev libssl-dev openssl systemd prometheus chromium python3 curl unixodbc unixodbc-dev tdsodbc
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev libcli11-dev \
   nsis
 FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
-  nlohmann-json3-dev libsystemd-dev unixodbc-dev
-DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libcli11-dev libsystemd-dev unixodbc-dev
+  nlohmann-json3-dev libsystemd-dev libssl-dev unixodbc-dev
+DEMO_PACKAGES := cmake ninja-build g++ make nlohmann-json3-dev libcli11-dev libsystemd-dev libssl-dev unixodbc-dev
 JOBS ?= 2
 
 .PHONY: test test-native test-tsan test-fuzz test-windows fuzz build-fuzz demo bench soak deps-native deps-windows build \
@@ -45,7 +45,7 @@ test-tsan: deps-native
 # FUZZ_SECONDS per target, one target at a time, and leaves what it found in
 # build-fuzz/found/; test-fuzz only replays the committed corpora.
 FUZZ_TARGETS := errorlog_line_fuzz errorlog_parser_fuzz errorlog_state_fuzz situation_fuzz replay_rows_fuzz \
-  time_text_fuzz option_words_fuzz registry_values_fuzz channel_data_fuzz channel_request_fuzz http_request_fuzz
+  time_text_fuzz option_words_fuzz registry_values_fuzz channel_data_fuzz channel_request_fuzz http_request_fuzz web_config_fuzz
 FUZZ_SECONDS ?= 60
 build-fuzz:
 	@scripts/ensure-packages $(FUZZ_PACKAGES)

@@ -82,7 +82,7 @@ int kxamain(int, char**) {
     if (settings->enabled) {
       s.endpoint = framework::HttpEndpoint::Start(*settings, &s.cache, framework::DescribedAgent(), &error);
       if (!s.endpoint) return RefuseStart(error);
-      const std::string url = "http://" + UrlHost(settings->host) + ":" + std::to_string(s.endpoint->Port()) + "/";
+      const std::string url = std::string(settings->web.tls ? "https://" : "http://") + UrlHost(settings->host) + ":" + std::to_string(s.endpoint->Port()) + "/";
       printf("kzqagent: HTTP endpoint on %s\n", url.c_str());
       fflush(stdout);
       TRC1_Printf("HTTP endpoint on %s\n", url.c_str());

@@ -25,8 +25,24 @@ void TakeFrame(const std::string& frame, const std::function<void(const Json&)>&
 
 }  // namespace
 
-CtlAgent::CtlAgent(const std::string& url, const std::string& token) : url_(url), client_(url) {
-  if (!token.empty()) client_.set_bearer_token_auth(token);
+bool CtlAgent::Supports(const std::string& url, std::string* error) {
+#ifdef CPPHTTPLIB_OPENSSL_SUPPORT
+  (void)url;
+  (void)error;
+  return true;
+#else
+  if (url.rfind("https://", 0) != 0) return true;
+  *error = "this build of kzqctl has no TLS: it cannot reach " + url;
+  return false;
+#endif
+}
+
+CtlAgent::CtlAgent(const std::string& url, const Access& access) : url_(url), client_(url) {
+  if (!access.token.empty()) client_.set_bearer_token_auth(access.token);
+  if (!access.user.empty()) client_.set_basic_auth(access.user, access.password);
+#ifdef CPPHTTPLIB_OPENSSL_SUPPORT
+  if (!access.ca_file.empty()) client_.set_ca_cert_path(access.ca_file);
+#endif
   client_.set_connection_timeout(5);
   client_.set_read_timeout(120);
 }

@@ -16,7 +16,18 @@ class CtlAgent {
  public:
   using Json = nlohmann::ordered_json;
 
-  CtlAgent(const std::string& url, const std::string& token);
+  // How to reach an agent that asks for credentials, or speaks TLS.
+  struct Access {
+    std::string token;     // bearer token
+    std::string user;      // basic authentication, when not empty
+    std::string password;
+    std::string ca_file;   // https: the CA of the agent's certificate; else the system's
+  };
+
+  // The URL's scheme is one this build speaks; false with the reason.
+  static bool Supports(const std::string& url, std::string* error);
+
+  CtlAgent(const std::string& url, const Access& access);
 
   // The answer's JSON, or nothing after saying why.
   std::optional<Json> Get(const std::string& path);

@@ -26,6 +26,7 @@ constexpr size_t kWidthWithoutTerminal = 120;
 struct Options {
   std::string url;
   std::string token;
+  CtlAgent::Access access;
   std::string table;
   std::string filter;
   std::string command;
@@ -131,6 +132,10 @@ void DescribeCommands(CommandLine& line, Options& o) {
   app.set_version_flag("--version", std::string("kzqctl ") + KZQ_VERSION);
   app.add_option("--url", o.url, "the agent's endpoint (default http://$KZQ_HTTP_LISTEN, else http://127.0.0.1:9433)");
   app.add_option("--token", o.token, "the bearer token the agent asks for")->envname("KZQ_HTTP_TOKEN");
+  app.add_option("--user", o.access.user, "a user of the agent's basic_auth_users; the password is read from "
+                 "$KZQ_HTTP_PASSWORD")->envname("KZQ_HTTP_USER");
+  app.add_option("--cacert", o.access.ca_file, "PEM file of the CA that signed the agent's certificate (https)")
+      ->envname("KZQ_HTTP_CACERT");
   app.require_subcommand(1);
   app.footer("Exit codes: 0 done; 1 no agent answered, it refused the request or a sample failed; 2 bad usage.");
 
@@ -167,7 +172,14 @@ int main(int argc, char** argv) {
     return line.app.exit(e) == 0 ? 0 : 2;
   }
   if (options.url.empty()) options.url = DefaultUrl();
-  CtlAgent agent(options.url, options.token);
+  options.access.token = options.token;
+  options.access.password = platform::GetEnv("KZQ_HTTP_PASSWORD").value_or("");
+  std::string error;
+  if (!CtlAgent::Supports(options.url, &error)) {
+    fprintf(stderr, "kzqctl: %s\n", error.c_str());
+    return 2;
+  }
+  CtlAgent agent(options.url, options.access);
   for (const auto& [command, run] : line.commands)
     if (command->parsed()) return run(agent, options);
   return 2;

@@ -11,6 +11,7 @@
 #include "framework/request.h"
 #include "framework/serve/catalogue_json.h"
 #include "framework/serve/event_stream.h"
+#include "framework/serve/http_access.h"
 #include "framework/serve/http_server.h"
 #include "framework/serve/metrics_text.h"
 #include "framework/serve/row_json.h"
@@ -23,6 +24,7 @@ namespace framework {
 
 struct HttpEndpoint::Impl {
   HttpSettings settings;
+  HttpAccess access{nullptr};  // the token and users in force: replaced as a whole
   const SampleCache* cache = nullptr;
   std::shared_ptr<const AgentDescription> description;
   std::shared_ptr<const std::string> catalogue;  // GET /tables, made once
@@ -40,26 +42,6 @@ constexpr int kFreshSamplePatienceMs = 2000;
 HttpResponse Answer(int status, const Json& body) { return HttpResponse::With(status, "application/json", WireText(body)); }
 
 HttpResponse Refuse(int status, const std::string& message) { return Answer(status, {{"error", message}}); }
-
-// Compares in time that does not depend on where the texts differ.
-bool SameSecret(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  unsigned char difference = 0;
-  for (size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
-  return difference == 0;
-}
-
-// The token must match exactly: not with blanks after it either.
-bool Authorised(const std::string& token, const HttpRequest& req) {
-  if (token.empty()) return true;
-  const std::string header = req.Header("Authorization");
-  if (header.rfind("Bearer ", 0) == 0 && SameSecret(header.substr(7), token)) return true;
-  // A token in the address ends up in logs and histories; it is taken only
-  // where a browser cannot send the header (reading pages and streams),
-  // never for an action.
-  return (req.method == "GET" || req.method == "HEAD") && req.HasParam("access_token") &&
-         SameSecret(req.Param("access_token"), token);
-}
 
 // The host a Host header names, without its port ("[::1]:9433" -> "::1").
 std::string HostOf(const std::string& header) {
@@ -291,9 +273,15 @@ void ServeEvents(HttpEndpoint::Impl& impl, const HttpRequest& req, HttpStream& s
 }
 
 HttpResponse ServeAction(HttpEndpoint::Impl& impl, const HttpRequest& req) {
-  if (impl.settings.token.empty())
+  const auto rules = impl.access.Current();
+  if (rules->Token().empty())
     return Refuse(403, "actions are disabled: they run commands on the database host, so the agent takes "
                         "them only when KZQ_HTTP_TOKEN is set and the request carries it");
+  // A password good enough to read the tables (a scraper's, say) is not
+  // one to run commands with.
+  if (!rules->TokenCarried(req, true))
+    return Refuse(403, "actions take the bearer token (KZQ_HTTP_TOKEN) in the Authorization header, not a user "
+                        "name and password");
   std::string command = req.body;
   std::string table = "KZQSRVR";
   if (req.Header("Content-Type").rfind("application/json", 0) == 0) {
@@ -325,19 +313,41 @@ HttpResponse ServeAction(HttpEndpoint::Impl& impl, const HttpRequest& req) {
                       {"lines", lines}});
 }
 
-// Checked on every request before its route, after it was read whole.
-std::optional<std::pair<Refusal, HttpResponse>> Admit(const HttpEndpoint::Impl& impl,
-                                                                 const HttpRequest& req) {
-  if (!HostAllowed(impl.settings, req))
-    return std::pair{Refusal::kHost,
-                     Refuse(403, "this agent answers requests for its loopback address, not for '" +
-                                      req.Header("Host") + "'")};
-  // Probes say only whether the agent runs; they need no token.
-  if (req.path.rfind("/-/", 0) == 0 || Authorised(impl.settings.token, req)) return std::nullopt;
+HttpResponse Unauthorised(const AccessRules& rules) {
+  if (!rules.HasUsers()) {
+    HttpResponse refused = Refuse(401, "this agent needs its token: send 'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
+    refused.headers.emplace_back("WWW-Authenticate", "Bearer");
+    return refused;
+  }
   HttpResponse refused =
-      Refuse(401, "this agent needs its token: send 'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
-  refused.headers.emplace_back("WWW-Authenticate", "Bearer");
-  return std::pair{Refusal::kToken, refused};
+      Refuse(401, rules.Token().empty()
+                      ? "this agent needs a user name and password (basic authentication)"
+                      : "this agent needs a user name and password (basic authentication), or its token: "
+                        "'Authorization: Bearer <KZQ_HTTP_TOKEN>'");
+  refused.headers.emplace_back("WWW-Authenticate", "Basic realm=\"kzq\"");
+  if (!rules.Token().empty()) refused.headers.emplace_back("WWW-Authenticate", "Bearer");
+  return refused;
+}
+
+// Checked on every request before its route, after it was read whole, on
+// the server's waiting thread: a password not verified before is checked
+// later, off that thread.
+AdmissionDecision Admit(const HttpEndpoint::Impl& impl, const HttpRequest& req) {
+  if (!HostAllowed(impl.settings, req))
+    return {std::pair{Refusal::kHost, Refuse(403, "this agent answers requests for its loopback address, not for '" +
+                                                      req.Header("Host") + "'")},
+            nullptr};
+  // Probes say only whether the agent runs; they need no token.
+  if (req.path.rfind("/-/", 0) == 0) return {};
+  const std::shared_ptr<const AccessRules> rules = impl.access.Current();
+  if (rules->Open() || rules->TokenCarried(req, false)) return {};
+  const auto credentials = rules->HasUsers() ? BasicCredentialsOf(req) : std::nullopt;
+  if (!credentials) return {std::pair{Refusal::kToken, Unauthorised(*rules)}, nullptr};
+  if (rules->VerifiedBefore(*credentials)) return {};
+  return {std::nullopt, [rules, credentials = *credentials]() -> Refused {
+            if (rules->Verify(credentials)) return std::nullopt;
+            return std::pair{Refusal::kAuth, Unauthorised(*rules)};
+          }};
 }
 
 HttpRoute Route(std::string method, std::string path, HttpRoute::Kind kind,
@@ -418,11 +428,17 @@ std::unique_ptr<HttpEndpoint> HttpEndpoint::Start(const HttpSettings& settings, 
   impl->cache = cache;
   impl->description = std::move(description);
   impl->catalogue = std::make_shared<const std::string>(WireText(CatalogueJson(impl->description->tables)));
+  impl->access.Replace(std::make_shared<const AccessRules>(settings.token, settings.web.users));
   Impl& held = *impl;
   std::string reason;
+  std::unique_ptr<TlsServer> tls;
+  if (settings.web.tls && !(tls = TlsServer::Create(*settings.web.tls, &reason))) {
+    *error = "KZQ_WEB_CONFIG " + settings.web_config_path + ": " + reason;
+    return nullptr;
+  }
   impl->server = HttpServer::Start(
       settings.host, settings.port, Routes(held), [&held](const HttpRequest& req) { return Admit(held, req); },
-      &impl->counters, &reason);
+      std::move(tls), &impl->counters, &reason);
   if (!impl->server) {
     *error = "cannot listen on " + settings.host + ":" + std::to_string(settings.port) + " (" + reason +
              "; address in use, or not an address of this host)";
@@ -432,6 +448,15 @@ std::unique_ptr<HttpEndpoint> HttpEndpoint::Start(const HttpSettings& settings, 
 }
 
 int HttpEndpoint::Port() const { return impl_->server->Port(); }
+
+bool HttpEndpoint::ReplaceAccess(std::string token, std::map<std::string, std::string> users, std::string* error) {
+  if (token.empty() && users.empty() && !IsLoopbackHost(impl_->settings.host)) {
+    *error = "refusing to leave the endpoint on " + impl_->settings.host + " without a token or basic_auth_users";
+    return false;
+  }
+  impl_->access.Replace(std::make_shared<const AccessRules>(std::move(token), std::move(users)));
+  return true;
+}
 
 void HttpEndpoint::Stop() {
   if (impl_->server) impl_->server->Stop();

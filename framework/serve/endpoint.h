@@ -3,6 +3,7 @@
 // server-sent events, take-action commands, and a status page.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,13 @@ class HttpEndpoint {
   ~HttpEndpoint();
 
   int Port() const;
+  // Replaces the bearer token and the basic-auth users (name -> bcrypt
+  // hash, as ReadWebConfig gives them) as a whole, for every request read
+  // whole after it returns; passwords verified under the old users are
+  // verified again. Any thread, while the endpoint runs. The address, TLS
+  // and the other settings stay as started. False, changing nothing, when
+  // it would leave a non-loopback address unguarded.
+  bool ReplaceAccess(std::string token, std::map<std::string, std::string> users, std::string* error);
   // Ends every event stream and stops listening; waits for the threads.
   void Stop();
 

@@ -69,12 +69,12 @@ int MillisUntil(Clock::time_point deadline, Clock::time_point now) {
                               .count());
 }
 
-// Writes all of it to a non-blocking socket; false when the peer went, took
-// nothing for kWriteStall, or the server stops.
-bool WriteAll(platform::Socket socket, const char* data, size_t size, const std::atomic<bool>& stopping) {
+// Writes all of it to a non-blocking connection; false when the peer went,
+// took nothing for kWriteStall, or the server stops.
+bool WriteAll(ConnectionIo& io, const char* data, size_t size, const std::atomic<bool>& stopping) {
   auto stall = Clock::now() + kWriteStall;
   while (size > 0) {
-    const long n = platform::WriteSocket(socket, data, size);
+    const long n = io.Write(data, size);
     if (n == platform::kSocketFailed) return false;
     if (n > 0) {
       data += n;
@@ -84,7 +84,8 @@ bool WriteAll(platform::Socket socket, const char* data, size_t size, const std:
     }
     const auto now = Clock::now();
     if (stopping || now >= stall) return false;
-    std::vector<platform::SocketWait> wait = {{socket, false, true}};
+    const bool writable = io.WaitsForWritable(true);
+    std::vector<platform::SocketWait> wait = {{io.Socket(), !writable, writable}};
     platform::WaitSockets(&wait, std::min(1000, MillisUntil(stall, now)));
   }
   return true;
@@ -103,8 +104,8 @@ HttpResponse HttpResponse::With(int status, std::string content_type, std::strin
 void HttpStream::Answer(const HttpResponse& response) {
   const size_t length = response.body->size();
   const std::string head = Head(response, &length, false);
-  if (WriteAll(socket_, head.data(), head.size(), *stopping_))
-    WriteAll(socket_, response.body->data(), response.body->size(), *stopping_);
+  if (WriteAll(*io_, head.data(), head.size(), *stopping_))
+    WriteAll(*io_, response.body->data(), response.body->size(), *stopping_);
 }
 
 bool HttpStream::Begin(const std::string& content_type,
@@ -113,10 +114,10 @@ bool HttpStream::Begin(const std::string& content_type,
   response.content_type = content_type;
   response.headers = headers;
   const std::string head = Head(response, nullptr, false);
-  return WriteAll(socket_, head.data(), head.size(), *stopping_);
+  return WriteAll(*io_, head.data(), head.size(), *stopping_);
 }
 
-bool HttpStream::Write(const char* data, size_t size) { return WriteAll(socket_, data, size, *stopping_); }
+bool HttpStream::Write(const char* data, size_t size) { return WriteAll(*io_, data, size, *stopping_); }
 
 namespace {
 
@@ -127,7 +128,7 @@ struct Connection {
     kWriting,   // the answer
     kDraining,  // after a refusal: the client's bytes are read and dropped
   };
-  platform::Socket socket = platform::kNoSocket;
+  std::unique_ptr<ConnectionIo> io;
   Phase phase = Phase::kReading;
   HttpRequestReader reader;
   bool request_started = false;
@@ -141,12 +142,24 @@ struct Connection {
 };
 
 // A route's answer that came back from its thread, for one connection or
-// for everyone waiting on a shared route.
+// for everyone waiting on a shared route; or the verdict of a slow
+// admission check on `request`.
 struct Completion {
   uint64_t connection = 0;
   int shared_route = -1;
   HttpResponse response;
+  bool checked = false;
+  Refused refused;
+  HttpRequest request;
 };
+
+Completion Answered(uint64_t connection, int shared_route, HttpResponse response) {
+  Completion done;
+  done.connection = connection;
+  done.shared_route = shared_route;
+  done.response = std::move(response);
+  return done;
+}
 
 struct SharedRoute {
   std::vector<uint64_t> rendering;  // connections the running rendering answers
@@ -168,6 +181,7 @@ struct StreamThread {
 struct HttpServer::Impl {
   std::vector<HttpRoute> routes;
   Admission admit;
+  std::unique_ptr<TlsServer> tls;
   platform::Socket listener = platform::kNoSocket;
   platform::Socket wake[2] = {platform::kNoSocket, platform::kNoSocket};
   int port = 0;
@@ -187,6 +201,7 @@ struct HttpServer::Impl {
 
   TaskThreads shared_threads{kSharedThreads, SIZE_MAX};
   TaskThreads work_threads{kWorkThreads, kMaxWaitingWork};
+  TaskThreads check_threads{1, kMaxWaitingChecks};
   std::thread loop;
 
   void Run();
@@ -198,8 +213,11 @@ struct HttpServer::Impl {
   bool Evict();
   void Serve(uint64_t id, Clock::time_point now);
   void Read(uint64_t id, Connection& c, Clock::time_point now);
+  void Ended(uint64_t id, Connection& c, Clock::time_point now);
   bool Consume(uint64_t id, Connection& c, const char* data, size_t size, Clock::time_point now);
   void Dispatch(uint64_t id, Connection& c, HttpRequest request, Clock::time_point now);
+  void Admitted(uint64_t id, Connection& c, HttpRequest request, Clock::time_point now);
+  void Checked(Completion& done, Clock::time_point now);
   void RunShared(size_t route);
   void Answer(uint64_t id, Connection& c, const HttpResponse& response, Clock::time_point now);
   void Write(uint64_t id, Connection& c, Clock::time_point now);
@@ -228,12 +246,16 @@ void HttpServer::Impl::Run() {
     const bool accepting = now >= accept_paused_until;
     if (accepting) waits.push_back({listener, true, false});
     std::vector<uint64_t> ids;
+    std::vector<bool> buffered;  // holds decrypted bytes the socket will not signal
     for (const auto& [id, c] : connections) {
       if (c.phase == Connection::Phase::kBusy) continue;
-      waits.push_back({c.socket, c.phase != Connection::Phase::kWriting, c.phase == Connection::Phase::kWriting});
+      const bool writable = c.io->WaitsForWritable(c.phase == Connection::Phase::kWriting);
+      waits.push_back({c.io->Socket(), !writable, writable});
       ids.push_back(id);
+      buffered.push_back(c.phase != Connection::Phase::kWriting && c.io->Buffered());
     }
-    const int timeout = pipelined.empty() ? std::min(1000, MillisUntil(NextDeadline(now), now)) : 0;
+    const bool ready_now = !pipelined.empty() || std::find(buffered.begin(), buffered.end(), true) != buffered.end();
+    const int timeout = ready_now ? 0 : std::min(1000, MillisUntil(NextDeadline(now), now));
     if (platform::WaitSockets(&waits, timeout) < 0) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
       continue;
@@ -243,7 +265,7 @@ void HttpServer::Impl::Run() {
     if (waits[at++].ready) TakeCompletions();
     if (accepting && waits[at++].ready) AcceptAll(now);
     for (size_t i = 0; i < ids.size(); ++i)
-      if (waits[at + i].ready) Serve(ids[i], now);
+      if (waits[at + i].ready || buffered[i]) Serve(ids[i], now);
     Expire(Clock::now());
   }
 }
@@ -272,6 +294,10 @@ void HttpServer::Impl::TakeCompletions() {
   }
   const auto now = Clock::now();
   for (Completion& done : taken) {
+    if (done.checked) {
+      Checked(done, now);
+      continue;
+    }
     std::vector<uint64_t> answered = {done.connection};
     if (done.shared_route >= 0) {
       SharedRoute& route = shared[static_cast<size_t>(done.shared_route)];
@@ -303,6 +329,10 @@ void HttpServer::Impl::AcceptAll(Clock::time_point now) {
     }
     if (static_cast<int>(connections.size()) >= max_connections && !Evict()) {
       Count(Refusal::kConnections);
+      if (tls) {  // a TLS client could not read a plain answer
+        platform::CloseSocket(socket);
+        continue;
+      }
       const HttpResponse answer = ErrorAnswer(503, "too many connections");
       const size_t length = answer.body->size();
       const std::string refusal = Head(answer, &length, false) + *answer.body;
@@ -311,7 +341,7 @@ void HttpServer::Impl::AcceptAll(Clock::time_point now) {
       continue;
     }
     Connection& c = connections[next_id++];
-    c.socket = socket;
+    c.io = tls ? tls->Accept(socket) : PlainIo(socket);
     c.since = now;
     c.deadline = now + kIdleConnection;
     ++counters->connections;
@@ -347,10 +377,30 @@ void HttpServer::Impl::Serve(uint64_t id, Clock::time_point now) {
 void HttpServer::Impl::Read(uint64_t id, Connection& c, Clock::time_point now) {
   char piece[kReadPiece];
   for (int i = 0; i < kReadsPerTurn; ++i) {
-    const long n = platform::ReadSocket(c.socket, piece, sizeof piece);
+    const long n = c.io->Read(piece, sizeof piece);
+    // A TLS handshake is the first request's beginning: the same deadline
+    // bounds both together.
+    if (!c.request_started && c.io->HandshakeStarted()) {
+      c.request_started = true;
+      c.deadline = now + kRequestDeadline;
+    }
     if (n == platform::kWouldBlock) return;
-    if (n <= 0) return Close(id);
+    if (n <= 0) return Ended(id, c, now);
     if (!Consume(id, c, piece, static_cast<size_t>(n), now)) return;
+  }
+}
+
+// The connection's reading ended: the peer left, or a TLS handshake failed.
+void HttpServer::Impl::Ended(uint64_t id, Connection& c, Clock::time_point now) {
+  switch (c.io->LastFailure()) {
+    case ConnectionIo::Failure::kNone: return Close(id);
+    case ConnectionIo::Failure::kHandshake:
+      Count(Refusal::kTls);
+      return Close(id);
+    case ConnectionIo::Failure::kPlainHttp:
+      // The client speaks plain HTTP: tell it so in plain HTTP.
+      c.io = PlainIo(c.io->Socket());
+      return Refuse(id, c, Refusal::kTls, 400, "this endpoint speaks HTTPS: use an https:// address", now);
   }
 }
 
@@ -362,7 +412,7 @@ bool HttpServer::Impl::Consume(uint64_t id, Connection& c, const char* data, siz
   }
   if (progress == HttpRequestReader::Progress::kHeadRead) {
     static const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
-    if (c.reader.ExpectsContinue()) platform::WriteSocket(c.socket, kContinue, sizeof kContinue - 1);
+    if (c.reader.ExpectsContinue()) c.io->Write(kContinue, sizeof kContinue - 1);
     progress = c.reader.Feed(nullptr, 0);
   }
   if (progress == HttpRequestReader::Progress::kDone) {
@@ -383,10 +433,36 @@ void HttpServer::Impl::Dispatch(uint64_t id, Connection& c, HttpRequest request,
   c.since = now;
   c.keep_alive = request.keep_alive;
   c.head_only = request.method == "HEAD";
-  if (auto refusal = admit(request)) {
-    Count(refusal->first);
-    return Answer(id, c, refusal->second, now);
+  AdmissionDecision decision = admit(request);
+  if (decision.refused) {
+    Count(decision.refused->first);
+    return Answer(id, c, decision.refused->second, now);
   }
+  if (!decision.later) return Admitted(id, c, std::move(request), now);
+  const bool queued = check_threads.Post([this, id, check = std::move(decision.later), request]() mutable {
+    Completion done;
+    done.connection = id;
+    done.checked = true;
+    done.refused = check();
+    done.request = std::move(request);
+    Complete(std::move(done));
+  });
+  if (queued) return;
+  Count(Refusal::kBusy);
+  HttpResponse busy = ErrorAnswer(503, "the endpoint is busy checking other passwords; try again");
+  busy.headers.emplace_back("Retry-After", "1");
+  Answer(id, c, busy, now);
+}
+
+void HttpServer::Impl::Checked(Completion& done, Clock::time_point now) {
+  auto it = connections.find(done.connection);
+  if (it == connections.end() || it->second.phase != Connection::Phase::kBusy) return;
+  if (!done.refused) return Admitted(done.connection, it->second, std::move(done.request), now);
+  Count(done.refused->first);
+  Answer(done.connection, it->second, done.refused->second, now);
+}
+
+void HttpServer::Impl::Admitted(uint64_t id, Connection& c, HttpRequest request, Clock::time_point now) {
   const std::string method = c.head_only ? "GET" : request.method;
   size_t route = 0;
   for (; route < routes.size(); ++route) {
@@ -405,7 +481,7 @@ void HttpServer::Impl::Dispatch(uint64_t id, Connection& c, HttpRequest request,
     }
     case HttpRoute::Kind::kWork: {
       const bool queued = work_threads.Post([this, id, route, request = std::move(request)] {
-        Complete({id, -1, routes[route].answer(request)});
+        Complete(Answered(id, -1, routes[route].answer(request)));
       });
       if (queued) return;
       Count(Refusal::kBusy);
@@ -433,7 +509,7 @@ void HttpServer::Impl::RunShared(size_t route) {
   s.rendering.swap(s.waiting);
   s.waiting.clear();
   shared_threads.Post([this, route, request = s.request] {
-    Complete({0, static_cast<int>(route), routes[route].answer(request)});
+    Complete(Answered(0, static_cast<int>(route), routes[route].answer(request)));
   });
 }
 
@@ -458,7 +534,7 @@ void HttpServer::Impl::Write(uint64_t id, Connection& c, Clock::time_point now) 
     if (!in_head && c.sent - c.head.size() >= body_size) break;
     const char* from = in_head ? c.head.data() + c.sent : c.body->data() + (c.sent - c.head.size());
     const size_t left = in_head ? c.head.size() - c.sent : body_size - (c.sent - c.head.size());
-    const long n = platform::WriteSocket(c.socket, from, left);
+    const long n = c.io->Write(from, left);
     if (n == platform::kWouldBlock) return;
     if (n <= 0) return Close(id);
     c.sent += static_cast<size_t>(n);
@@ -471,7 +547,7 @@ void HttpServer::Impl::Write(uint64_t id, Connection& c, Clock::time_point now) 
   if (!c.keep_alive) {
     // The client may still be sending what was refused: take it and drop
     // it until it sees the answer and leaves.
-    platform::ShutdownSending(c.socket);
+    c.io->ShutdownSending();
     c.phase = Connection::Phase::kDraining;
     c.deadline = now + kDrainTime;
     return;
@@ -487,7 +563,7 @@ void HttpServer::Impl::Write(uint64_t id, Connection& c, Clock::time_point now) 
 void HttpServer::Impl::Drain(uint64_t id, Connection& c) {
   char piece[kReadPiece];
   for (int i = 0; i < kReadsPerTurn; ++i) {
-    const long n = platform::ReadSocket(c.socket, piece, sizeof piece);
+    const long n = c.io->Read(piece, sizeof piece);
     if (n == platform::kWouldBlock) return;
     if (n <= 0) return Close(id);
   }
@@ -505,12 +581,11 @@ void HttpServer::Impl::Refuse(uint64_t id, Connection& c, Refusal reason, int st
 void HttpServer::Impl::StartStream(Connection& c, size_t route, HttpRequest request) {
   StreamThread& t = streams.emplace_back();
   ++counters->streams;
-  const platform::Socket socket = c.socket;
-  t.thread = std::thread([this, &t, socket, route, request = std::move(request)] {
-    HttpStream stream(socket, &stopping);
+  t.thread = std::thread([this, &t, io = std::move(c.io), route, request = std::move(request)] {
+    HttpStream stream(io.get(), &stopping);
     routes[route].stream(request, stream);
-    platform::ShutdownSending(socket);
-    platform::CloseSocket(socket);
+    io->ShutdownSending();
+    platform::CloseSocket(io->Socket());
     --counters->streams;
     --counters->connections;
     t.done = true;
@@ -519,7 +594,7 @@ void HttpServer::Impl::StartStream(Connection& c, size_t route, HttpRequest requ
 
 void HttpServer::Impl::Close(uint64_t id) {
   auto it = connections.find(id);
-  platform::CloseSocket(it->second.socket);
+  platform::CloseSocket(it->second.io->Socket());
   connections.erase(it);
   --counters->connections;
 }
@@ -530,13 +605,16 @@ void HttpServer::Impl::Expire(Clock::time_point now) {
     if (c.phase != Connection::Phase::kBusy && now >= c.deadline) expired.push_back(id);
   for (uint64_t id : expired) {
     Connection& c = connections[id];
-    if (c.phase == Connection::Phase::kReading && c.request_started) {
+    if (c.phase == Connection::Phase::kReading && c.request_started && !c.io->Establishing()) {
       Refuse(id, c, Refusal::kDeadline, 408,
              "the request was not whole within " + std::to_string(kRequestDeadline.count()) + " s", now);
       continue;
     }
-    if (c.phase == Connection::Phase::kWriting) Count(Refusal::kDeadline);
-    Close(id);  // idle, an answer not taken, or a drained refusal
+    // An answer not taken, or a TLS handshake not done in time (no answer
+    // can reach its client).
+    if (c.phase == Connection::Phase::kWriting || (c.phase == Connection::Phase::kReading && c.request_started))
+      Count(Refusal::kDeadline);
+    Close(id);  // idle, or a drained refusal
   }
 }
 
@@ -564,8 +642,10 @@ HttpServer::HttpServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 HttpServer::~HttpServer() { Stop(); }
 
 std::unique_ptr<HttpServer> HttpServer::Start(const std::string& host, int port, std::vector<HttpRoute> routes,
-                                              Admission admit, HttpCounters* counters, std::string* error) {
+                                              Admission admit, std::unique_ptr<TlsServer> tls,
+                                              HttpCounters* counters, std::string* error) {
   auto impl = std::make_unique<Impl>();
+  impl->tls = std::move(tls);
   impl->counters = counters;
   impl->routes = std::move(routes);
   impl->shared.resize(impl->routes.size());
@@ -595,8 +675,9 @@ void HttpServer::Stop() {
   // Route threads still running write to the wake socket: they end first.
   impl.shared_threads.Stop();
   impl.work_threads.Stop();
+  impl.check_threads.Stop();
   impl.ReapStreams(true);
-  for (auto& [id, c] : impl.connections) platform::CloseSocket(c.socket);
+  for (auto& [id, c] : impl.connections) platform::CloseSocket(c.io->Socket());
   impl.connections.clear();
   platform::CloseSocket(impl.listener);
   platform::CloseSocket(impl.wake[0]);

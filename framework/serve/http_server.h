@@ -17,8 +17,9 @@
 #include <utility>
 #include <vector>
 
+#include "framework/serve/connection_io.h"
 #include "framework/serve/http_request.h"
-#include "platform/tcp_socket.h"
+#include "framework/serve/tls_server.h"
 
 namespace framework {
 
@@ -37,6 +38,9 @@ inline constexpr int kWorkThreads = 4;
 inline constexpr size_t kMaxWaitingWork = 32;
 // Open-ended answers (event streams) at once; each holds a thread.
 inline constexpr int kMaxStreams = 16;
+// Slow admission checks (password hashes) waiting for the one thread that
+// makes them; past this a request is answered 503.
+inline constexpr size_t kMaxWaitingChecks = 16;
 
 struct HttpResponse {
   int status = 200;
@@ -51,7 +55,7 @@ struct HttpResponse {
 // The connection of an open-ended answer, owned by its route's thread.
 class HttpStream {
  public:
-  HttpStream(platform::Socket socket, const std::atomic<bool>* stopping) : socket_(socket), stopping_(stopping) {}
+  HttpStream(ConnectionIo* io, const std::atomic<bool>* stopping) : io_(io), stopping_(stopping) {}
 
   // Answers once instead of streaming (a refusal, say).
   void Answer(const HttpResponse& response);
@@ -64,7 +68,7 @@ class HttpStream {
   bool Stopping() const { return stopping_->load(); }
 
  private:
-  platform::Socket socket_;
+  ConnectionIo* io_;
   const std::atomic<bool>* stopping_;
 };
 
@@ -89,9 +93,11 @@ struct HttpRoute {
 };
 
 // Why a request was refused before a route saw it.
-enum class Refusal { kHost, kToken, kMalformed, kLine, kHeaders, kBody, kDeadline, kConnections, kBusy, kStreams };
-inline constexpr std::array<const char*, 10> kRefusalNames = {
-    "host", "token", "malformed", "line", "headers", "body", "deadline", "connections", "busy", "streams"};
+enum class Refusal {
+  kHost, kToken, kAuth, kMalformed, kLine, kHeaders, kBody, kDeadline, kConnections, kBusy, kStreams, kTls };
+inline constexpr std::array<const char*, 12> kRefusalNames = {
+    "host", "token", "auth", "malformed", "line", "headers", "body", "deadline", "connections", "busy", "streams",
+    "tls"};
 
 // The server's counters; any thread may read them while it runs.
 struct HttpCounters {
@@ -101,17 +107,29 @@ struct HttpCounters {
   std::atomic<int> streams{0};
 };
 
+// A refusal: why, and the answer to give.
+using Refused = std::optional<std::pair<Refusal, HttpResponse>>;
+
+// What the admission check says of a whole request before its route.
+struct AdmissionDecision {
+  Refused refused;  // set: answer this instead of the route
+  // Set: the check is slow (a password hash), so it runs on a thread of
+  // its own, never the waiting one, and its result decides instead.
+  std::function<Refused()> later;
+};
+
 class HttpServer {
  public:
-  // Checks a whole request before its route: a refusal to answer with, or
-  // nothing to let it through. Called on the server's waiting thread.
-  using Admission = std::function<std::optional<std::pair<Refusal, HttpResponse>>(const HttpRequest&)>;
+  // Called on the server's waiting thread, so it must be quick.
+  using Admission = std::function<AdmissionDecision(const HttpRequest&)>;
 
   // Listens on host:port (0: a free port) and serves the routes on threads
   // of its own, counting into *counters (which must outlive the server);
-  // null with *error set when the address cannot be had.
+  // with `tls`, every connection speaks TLS. Null with *error set when the
+  // address cannot be had.
   static std::unique_ptr<HttpServer> Start(const std::string& host, int port, std::vector<HttpRoute> routes,
-                                           Admission admit, HttpCounters* counters, std::string* error);
+                                           Admission admit, std::unique_ptr<TlsServer> tls, HttpCounters* counters,
+                                           std::string* error);
   ~HttpServer();
 
   int Port() const;

@@ -50,6 +50,15 @@ std::optional<HttpSettings> ReadHttpSettings(std::string* error) {
     return std::nullopt;
   }
   settings.token = platform::GetEnv("KZQ_HTTP_TOKEN").value_or("");
+  settings.web_config_path = platform::GetEnv("KZQ_WEB_CONFIG").value_or("");
+  if (!settings.web_config_path.empty()) {
+    auto web = ReadWebConfig(settings.web_config_path, error);
+    if (!web) {
+      *error = "KZQ_WEB_CONFIG: " + *error;
+      return std::nullopt;
+    }
+    settings.web = std::move(*web);
+  }
   const std::string interval = platform::GetEnv("KZQ_SAMPLE_INTERVAL").value_or("");
   if (!interval.empty()) {
     char* end = nullptr;
@@ -68,9 +77,10 @@ std::optional<HttpSettings> ReadHttpSettings(std::string* error) {
   settings.raw_metrics = raw == "1";
   // Anyone who reaches a non-loopback address could read every table and
   // run commands on the database host.
-  if (settings.enabled && settings.token.empty() && !IsLoopbackHost(settings.host)) {
+  if (settings.enabled && settings.token.empty() && settings.web.users.empty() && !IsLoopbackHost(settings.host)) {
     *error = "refusing to listen on " + settings.host +
-             " without KZQ_HTTP_TOKEN: set a token, or listen on a loopback address";
+             " without KZQ_HTTP_TOKEN: set a token or basic_auth_users in KZQ_WEB_CONFIG, or listen on a loopback "
+             "address";
     return std::nullopt;
   }
   return settings;

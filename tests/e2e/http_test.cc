@@ -54,9 +54,16 @@ const kzq_test::LogClock kLogStart{2026, 11, 23, 9, 0, 0, 0};
 struct RunningAgent {
   std::unique_ptr<platform::ChildProcess> process;
   std::string output;
+  std::string scheme = "http";
   int port = 0;
-  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port); }
+  std::string Url() const { return scheme + "://127.0.0.1:" + std::to_string(port); }
 };
+
+// A user of the web configurations below: the password of a published
+// bcrypt test vector (cost 5, quick to check).
+const char kUser[] = "prometheus";
+const char kPassword[] = "U*U";
+const char kPasswordHash[] = "$2a$05$CCCCCCCCCCCCCCCCCCCCC.E5YPO9kmyuRGyh0XouQYb4YMJKvyOeW";
 
 // Follows an event stream on a thread of its own and keeps every event.
 class EventConsumer {
@@ -138,6 +145,7 @@ class Http : public testing::Test {
     platform::SetEnv("KZQ_RUNTIME_DIR", runtime_.Path());
     platform::SetEnv("KZQ_HTTP_LISTEN", "127.0.0.1:0");
     platform::SetEnv("KZQ_HTTP_TOKEN", "");
+    platform::SetEnv("KZQ_WEB_CONFIG", "");
     platform::SetEnv("KZQ_SAMPLE_INTERVAL", "1");
     platform::SetEnv("COLL_PREFIX", "kzq");
     platform::SetEnv("WAIT_TIMEOUT", "");
@@ -193,14 +201,15 @@ class Http : public testing::Test {
   }
 
   // Starts kzqagent -console and waits for its endpoint's line.
-  RunningAgent StartAgent(const std::string& name = "agent") {
+  RunningAgent StartAgent(const std::string& name = "agent", const std::string& scheme = "http") {
     RunningAgent agent;
+    agent.scheme = scheme;
     agent.output = home_.File(name + ".out");
     int error = 0;
     agent.process = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
                                            {agent.output});
     EXPECT_NE(agent.process, nullptr) << error;
-    const std::string marker = "HTTP endpoint on http://127.0.0.1:";
+    const std::string marker = "HTTP endpoint on " + scheme + "://127.0.0.1:";
     Eventually([&] {
       const std::string text = kzq_test::ReadFile(agent.output);
       const size_t at = text.find(marker);
@@ -573,6 +582,66 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   EXPECT_EQ(answer["lines"][0]["title"], "Database Action");
 }
 
+// The web configuration's users read the endpoint beside the token; a bad
+// password is told apart from none in the counters, and a file the agent
+// cannot honour stops the start, naming its line.
+TEST_F(Http, BasicAuthUsersFromTheWebConfigBesideTheToken) {
+  const std::string config = home_.File("web.yml");
+  kzq_test::WriteFile(config, "basic_auth_users:\n  prometheus: $2a$05$tooshort\n");
+  platform::SetEnv("KZQ_WEB_CONFIG", config);
+  int error = 0;
+  auto refused = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
+                                        {home_.File("refused.out")});
+  ASSERT_NE(refused, nullptr) << error;
+  EXPECT_EQ(refused->Wait(), 2);
+  const std::string reason = "KZQ_WEB_CONFIG: " + config + ":2: the password hash of user 'prometheus'";
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("refused.out")), HasSubstr(reason));
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("KXA0001E"));
+#ifdef _WIN32
+  // No TLS in this build: asked for, it stops the start rather than serve
+  // in the clear.
+  kzq_test::WriteFile(config, "tls_server_config:\n  cert_file: a.crt\n  key_file: a.key\n");
+  refused = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
+                                   {home_.File("tls.out")});
+  ASSERT_NE(refused, nullptr) << error;
+  EXPECT_EQ(refused->Wait(), 2);
+  EXPECT_THAT(kzq_test::ReadFile(home_.File("tls.out")), HasSubstr("TLS is not available in the Windows build"));
+#endif
+
+  kzq_test::WriteFile(config, std::string("basic_auth_users:\n  ") + kUser + ": " + kPasswordHash + "\n");
+  platform::SetEnv("KZQ_HTTP_TOKEN", "t0ken");
+  agent_ = StartAgent();
+  httplib::Client anonymous(agent_.Url());
+  auto refusal = anonymous.Get("/tables");
+  ASSERT_TRUE(refusal);
+  EXPECT_EQ(refusal->status, 401);
+  std::vector<std::string> challenges;
+  for (auto [at, end] = refusal->headers.equal_range("WWW-Authenticate"); at != end; ++at)
+    challenges.push_back(at->second);
+  EXPECT_THAT(challenges, testing::UnorderedElementsAre("Basic realm=\"kzq\"", "Bearer"));
+
+  httplib::Client user(agent_.Url());
+  user.set_basic_auth(kUser, kPassword);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(user.Get("/tables")->status, 200);  // the second on: verified before
+  httplib::Client wrong(agent_.Url());
+  wrong.set_basic_auth(kUser, "U*U*");
+  EXPECT_EQ(wrong.Get("/tables")->status, 401);
+  httplib::Client stranger(agent_.Url());
+  stranger.set_basic_auth("nobody", kPassword);
+  EXPECT_EQ(stranger.Get("/tables")->status, 401);
+  httplib::Client holder(agent_.Url());
+  holder.set_bearer_token_auth("t0ken");
+  EXPECT_EQ(holder.Get("/tables")->status, 200);
+  // A scraper's password runs no commands on the database host.
+  auto action = user.Post("/actions", R"({"command": "echo hi"})", "application/json");
+  ASSERT_TRUE(action);
+  EXPECT_EQ(action->status, 403);
+  EXPECT_THAT(action->body, HasSubstr("bearer token"));
+  const std::string metrics = user.Get("/metrics")->body;
+  EXPECT_THAT(metrics, HasSubstr(R"(reason="auth"} 2)"));
+  EXPECT_THAT(metrics, HasSubstr(R"(reason="token"} 1)"));
+}
+
 // Neither program may look as if it ran when it cannot serve: each ends
 // with an exit code and says why in the log an operator reads.
 TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
@@ -846,6 +915,63 @@ class RawClient {
   int fd_;
   bool connected_ = false;
 };
+
+// With tls_server_config the endpoint speaks only TLS, with the bounds of
+// plain HTTP: a scrape and an event stream over TLS, a plain-HTTP client
+// told to use https, a handshake that never ends cut at the request's
+// deadline; kzqctl reaches it with the CA and a user.
+TEST_F(Http, TlsFromTheWebConfigServesScrapesAndStreamsAndCutsSlowHandshakes) {
+  const std::string cert = home_.File("server.crt");
+  const std::string key = home_.File("server.key");
+  int error = 0;
+  auto openssl = platform::StartProcess(
+      {"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
+       key, "-out", cert, "-days", "1", "-subj", "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1"},
+      &error, {home_.File("openssl.out")});
+  ASSERT_NE(openssl, nullptr) << error;
+  ASSERT_EQ(openssl->Wait(), 0) << kzq_test::ReadFile(home_.File("openssl.out"));
+  kzq_test::WriteFile(home_.File("web.yml"), std::string("tls_server_config:\n  cert_file: server.crt\n"
+                                                         "  key_file: server.key\nbasic_auth_users:\n  ") +
+                                                 kUser + ": " + kPasswordHash + "\n");
+  platform::SetEnv("KZQ_WEB_CONFIG", home_.File("web.yml"));
+  agent_ = StartAgent("tls", "https");
+
+  httplib::SSLClient client("127.0.0.1", agent_.port);
+  client.set_ca_cert_path(cert.c_str());
+  client.enable_server_certificate_verification(true);
+  client.set_basic_auth(kUser, kPassword);
+  auto scrape = client.Get("/metrics");
+  ASSERT_TRUE(scrape) << httplib::to_string(scrape.error());
+  EXPECT_EQ(scrape->status, 200);
+  EXPECT_THAT(scrape->body, HasSubstr("kzq_build_info{"));
+  bool subscribed = false;
+  client.Get("/events/KZQERROR", [&](const char* data, size_t length) {
+    subscribed = std::string(data, length).find(": subscribed") != std::string::npos;
+    return !subscribed;
+  });
+  EXPECT_TRUE(subscribed);
+
+  httplib::Client plain("http://127.0.0.1:" + std::to_string(agent_.port));
+  auto refused = plain.Get("/metrics");
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->status, 400);
+  EXPECT_THAT(refused->body, HasSubstr("https://"));
+
+  RawClient slow(agent_.port);
+  ASSERT_TRUE(slow.Send(std::string("\x16\x03\x01", 3)));  // a handshake record that never comes whole
+  EXPECT_EQ(slow.StatusLine(), "closed");
+  std::string text;
+  platform::SetEnv("KZQ_HTTP_PASSWORD", kPassword);
+  EXPECT_EQ(Kzqctl("--url|" + agent_.Url() + "|--cacert|" + cert + "|--user|" + kUser + "|tables",
+                   home_.File("ctl.out"), &text),
+            0)
+      << text;
+  platform::SetEnv("KZQ_HTTP_PASSWORD", "");
+  EXPECT_THAT(text, HasSubstr("KZQDBD"));
+  const std::string metrics = client.Get("/metrics")->body;
+  EXPECT_THAT(metrics, HasSubstr(R"(reason="tls"} 1)"));
+  EXPECT_THAT(metrics, HasSubstr(R"(reason="deadline"} 1)"));
+}
 
 long RssKib(uint32_t pid) {
   std::istringstream status(kzq_test::ReadFile("/proc/" + std::to_string(pid) + "/status"));
