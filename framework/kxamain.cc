@@ -22,7 +22,28 @@ struct Serving {
   framework::SampleCache cache;
   framework::SampleScheduler* scheduler = nullptr;
   std::unique_ptr<framework::HttpEndpoint> endpoint;
+  framework::HttpSettings http;  // as started, with the access a reload gave since
 };
+
+// A reload reads the web configuration's users again and takes a new
+// token; the address and TLS stay as started.
+std::string ReplaceAccess(Serving& s, const framework::SettingValues& values) {
+  std::string token = s.http.token;
+  const auto new_token = values.find("KZQ_HTTP_TOKEN");
+  if (new_token != values.end()) token = new_token->second;
+  std::string error;
+  auto users = s.http.web.users;
+  if (!s.http.web_config_path.empty()) {
+    const auto web = framework::ReadWebConfig(s.http.web_config_path, &error);
+    if (!web) return error + "; the users stay as they were";
+    users = web->users;
+  }
+  if (token == s.http.token && users == s.http.web.users) return "";
+  if (!s.endpoint->ReplaceAccess(token, users, &error)) return error;
+  s.http.token = token;
+  s.http.web.users = users;
+  return "";
+}
 
 Serving& TheServing() {
   static Serving* serving = new Serving;
@@ -56,13 +77,14 @@ std::string UrlHost(const std::string& host) { return host.find(':') != std::str
 
 namespace framework {
 
-void ApplyReloadedSettings(const SettingValues& values) {
+std::string ApplyReloadedSettings(const SettingValues& values) {
   Serving& s = TheServing();
   std::lock_guard<std::mutex> guard(s.lock);
   const auto interval = values.find("KZQ_SAMPLE_INTERVAL");
   if (s.scheduler != nullptr && interval != values.end()) s.scheduler->SetInterval(atoi(interval->second.c_str()));
   const auto description = DescribedAgent();
   if (description->apply_settings) description->apply_settings(values);
+  return s.endpoint ? ReplaceAccess(s, values) : "";
 }
 
 }  // namespace framework
@@ -79,6 +101,7 @@ int kxamain(int, char**) {
   Serving& s = TheServing();
   {
     std::lock_guard<std::mutex> guard(s.lock);
+    s.http = *settings;
     if (settings->enabled) {
       s.endpoint = framework::HttpEndpoint::Start(*settings, &s.cache, framework::DescribedAgent(), &error);
       if (!s.endpoint) return RefuseStart(error);

@@ -50,6 +50,7 @@ std::vector<SettingSpec> MakeList() {
       {"KZQ_HTTP_LISTEN", K::kListen, framework::kDefaultListen, "where the HTTP endpoint listens: host:port, [v6]:port or off"},
       Choice("KZQ_CHANNEL_ACCESS", "private", "private|open", "open: the channel admits every local account"),
       {"KZQ_HTTP_TOKEN", K::kSecret, "", "bearer token every HTTP request must carry", 0, 0, "", true},
+      Text("KZQ_WEB_CONFIG", "", "web configuration file: basic-auth users (read again on a reload) and TLS"),
       Choice("KZQ_COLLECTOR_SOURCE", "replay", "replay|sql", "kzqcoll: where rows come from"),
       Text("KZQ_REPLAY_DIR", "", "kzqcoll: directory of <table>.jsonl files to replay"),
       Number("KZQ_SAMPLE_INTERVAL", "30", 1, 86400, "seconds between the scheduler's samples", true),

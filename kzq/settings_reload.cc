@@ -32,7 +32,8 @@ int SettingsReload::Reload() {
       kvc::Log('i', "ctc5024", "%s is now '%s' (%s)\n", setting.name.c_str(), shown.c_str(), setting.source.c_str());
     }
   }
-  framework::ApplyReloadedSettings(changed);
+  const std::string refused = framework::ApplyReloadedSettings(changed);
+  if (!refused.empty()) kvc::Log('e', "ctc5026", "the HTTP endpoint's access stays as it was: %s\n", refused.c_str());
   kvc::Log('i', "ctc5025", "settings reloaded: %d changed\n", static_cast<int>(changed.size()));
   return static_cast<int>(changed.size());
 }

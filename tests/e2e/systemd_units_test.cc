@@ -319,9 +319,9 @@ TEST_F(InstalledUnits, CheckConfigTellsWhereEachSettingCameFromAndRefusesBadOnes
   EXPECT_THAT(out, HasSubstr("error: COLL_WRAPLINES='12abc'"));
 }
 
-// systemctl reload: the new interval is in force at once, no restart, and
+// systemctl reload: the new interval and token are in force at once, no restart, and
 // a setting that needs one says so in col.log.
-TEST_F(InstalledUnits, AReloadAppliesTheNewIntervalWithoutARestart) {
+TEST_F(InstalledUnits, AReloadAppliesTheNewIntervalAndTokenWithoutARestart) {
   const int port = kzq_test::FreePort();
   WriteSettingsFile("KZQ_HTTP_LISTEN=127.0.0.1:" + std::to_string(port) + "\nKZQ_SAMPLE_INTERVAL=3600\n");
   auto collector = StartUnit("kzqcoll");
@@ -343,6 +343,17 @@ TEST_F(InstalledUnits, AReloadAppliesTheNewIntervalWithoutARestart) {
   EXPECT_THAT(log, HasSubstr("KZQ_SAMPLE_INTERVAL is now '1'"));
   EXPECT_THAT(log, HasSubstr("COLL_WAIT_TIMEOUT changed to '9'"));
   EXPECT_THAT(log, HasSubstr("it takes effect at the next start"));
+
+  WriteSettingsFile("KZQ_HTTP_LISTEN=127.0.0.1:" + std::to_string(port) + "\nKZQ_HTTP_TOKEN=t0ken\n");
+  ASSERT_TRUE(agent->Reload());
+  httplib::Client client("127.0.0.1", port);
+  EXPECT_TRUE(Before(deadline, [&] {
+    const auto refused = client.Get("/metrics");
+    return refused && refused->status == 401;
+  })) << kzq_test::ReadFile(LogFile());
+  const auto admitted = client.Get("/metrics", {{"Authorization", "Bearer t0ken"}});
+  ASSERT_TRUE(admitted);
+  EXPECT_EQ(admitted->status, 200);
   ASSERT_TRUE(agent->Stop());
   EXPECT_EQ(agent->ExitCode(), 0) << Output("kzqagent");
   ASSERT_TRUE(collector->Stop());
