@@ -275,6 +275,7 @@ void ErrorlogMonitor::ResumeFromStateFile() {
     if (file != nullptr && fseek(file, 0, SEEK_END) == 0) size = ftell(file);
     if (file != nullptr) fclose(file);
     context_.offset = size < 0 ? 0 : size;
+    MarkLogEnd(context_, context_.offset);
     return;
   }
   if (point->values < 3) {

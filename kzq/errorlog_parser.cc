@@ -1,5 +1,6 @@
 #include "kzq/errorlog_parser.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +16,7 @@ namespace kzq {
 namespace {
 
 constexpr int kHeaderLines = 5;
+constexpr long kTailBytes = 64 * 1024;
 
 // The log's header block (byte-order mark included) carries no errors.
 void SkipHeader(Utf16LineReader& reader, ResumePoint* mark) {
@@ -217,6 +219,25 @@ int ParseNewLogText(ErrorlogContext& context, const EmitEvent& emit, Clock now) 
   } while (context.more_changes.exchange(false));
   ERRORLOG_FLOW("\n Number of error found :%d.\n", count);
   return count;
+}
+
+void MarkLogEnd(ErrorlogContext& context, long end) {
+  FILE* file = fopen(context.log_path.c_str(), "rb");
+  if (file == nullptr) return;
+  Utf16LineReader reader(file);
+  std::u16string line;
+  LogLine words;
+  // Lines start at even offsets (UTF-16); the first one read is a part.
+  const long from = std::max(0L, end - kTailBytes) & ~1L;
+  bool positioned = reader.Seek(from);
+  if (positioned && from == 0) SkipHeader(reader, &context.resume);
+  else if (positioned) positioned = reader.ReadLine(&line, kMaxLogLineUnits);
+  for (long start = reader.Tell(); positioned && start < end && reader.ReadLine(&line, kMaxLogLineUnits);
+       start = reader.Tell())
+    MarkLine(SplitLogLine(line, &words), words, start, &context.resume);
+  fclose(file);
+  ResumePointWriter writer(context.state_file);
+  SaveResumePoint(writer, context);
 }
 
 }  // namespace kzq

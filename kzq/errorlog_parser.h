@@ -57,4 +57,10 @@ using Clock = int64_t (*)();
 // Returns the events found.
 int ParseNewLogText(ErrorlogContext& context, const EmitEvent& emit, Clock now);
 
+// A start without a resume point: the last dated line before `end`, read
+// from the log's last 64 KiB, becomes the resume point and is saved, so
+// that a process killed before its first event tells, once restarted, the
+// errors written while it was down. Without such a line nothing is saved.
+void MarkLogEnd(ErrorlogContext& context, long end);
+
 }  // namespace kzq
