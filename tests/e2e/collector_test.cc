@@ -19,6 +19,7 @@
 #include "platform/service_probe.h"
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -36,16 +37,14 @@ class Collector : public testing::Test {
                         "{\"SERVERID\": \"SQL7\", \"DBNAME\": \"master\", \"DBSIZE\": 512}\n"
                         "{\"SERVERID\": \"SQL7\", \"DBNAME\": \"tempdb\", \"DBSIZE\": 64}\n");
     KVCCOMM("initsm");
-    int error = 0;
-    collector_ = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()}, &error);
-    ASSERT_NE(collector_, nullptr) << error;
+    collector_ = kzq_test::StartReplayCollector(replay_.Path());
+    ASSERT_NE(collector_, nullptr);
     anchor_ = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
     prefix_ = first + "_7";
   }
   void TearDown() override {
     KVCCOMM("term", anchor_);
-    collector_->Kill();
-    collector_->Wait();
+    kzq_test::Stop(collector_);
     KVCCOMM("shut", nullptr);
     for (const std::string& name : kvc::ChannelObjectNames(prefix_)) {
       platform::RemoveSharedArea(name);
