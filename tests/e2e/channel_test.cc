@@ -264,6 +264,24 @@ TEST_F(Channel, AnAnswerGivenUpMidWayCostsOnlyItsOwnExchange) {
   EXPECT_EQ(channel.Counts().abandoned, abandoned + 1);
 }
 
+// The real collector answers the heartbeat, and a table it has no rows for
+// or does not know with no rows rather than an error.
+TEST_F(Channel, TheCollectorAnswersTheHeartbeatAndTablesWithoutRows) {
+  auto collector = StartCollector();
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
+  auto* heart = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, "HART4"));
+  ASSERT_NE(heart, nullptr) << anchor->error_text;
+  ASSERT_EQ(heart->numrow, 1);
+  EXPECT_EQ(std::string(heart->rows, static_cast<size_t>(heart->lenrow)), "1 1");
+  for (const char* table : {"KZQSRVR", "KZQNOSUCH"}) {
+    auto* pipes = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, table));
+    ASSERT_NE(pipes, nullptr) << table << ": " << anchor->error_text;
+    EXPECT_EQ(pipes->numrow, 0) << table;
+  }
+  KVCCOMM("term", anchor);
+  kzq_test::Stop(collector);
+}
+
 // Callers wait for each other on the channel's lock and each gets the
 // answer to its own request.
 TEST_F(Channel, SimultaneousExchangesEachGetTheirOwnAnswer) {
