@@ -13,6 +13,7 @@
 #include "platform/process.h"
 #include "tests/e2e/action_sandbox.h"
 #include "tests/support/binaries.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -55,14 +56,10 @@ std::string RunRequest(const std::string& library_dir, const std::string& reques
   const std::string runner = PlacedRunner(library_dir, place);
   const std::optional<std::string> saved = platform::GetEnv(kLibraryPath);
   platform::SetEnv(kLibraryPath, path_dir + platform::PathListSeparator() + saved.value_or(""));
-  int error = 0;
-  platform::ProcessOptions options;
-  options.output_file = out.File("runner.txt");
-  auto child = platform::StartProcess({runner, request}, &error, options);
+  std::string said;
+  EXPECT_EQ(kzq_test::RunToEnd({runner, request}, out.File("runner.txt"), &said), 0);
   platform::SetEnv(kLibraryPath, saved.value_or(""));
-  if (child == nullptr) return "cannot start the runner: " + std::to_string(error);
-  EXPECT_EQ(child->Wait(), 0);
-  return kzq_test::ReadFile(options.output_file);
+  return said;
 }
 
 std::string RunRequest(const std::string& library_dir, const std::string& request) {

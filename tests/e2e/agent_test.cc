@@ -15,6 +15,7 @@
 #include "tests/e2e/service_manager.h"
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -47,12 +48,7 @@ class AgentProcess : public testing::Test {
   }
   std::unique_ptr<platform::ChildProcess> Start(std::vector<std::string> args) {
     args.insert(args.begin(), Agent());
-    int error = 0;
-    platform::ProcessOptions options;
-    options.output_file = logs_.File("stdout.txt");
-    auto child = platform::StartProcess(args, &error, options);
-    EXPECT_NE(child, nullptr) << error;
-    return child;
+    return kzq_test::Start(args, logs_.File("stdout.txt"));
   }
   std::string Output() {
     std::string text = kzq_test::ReadFile(logs_.File("stdout.txt"));
@@ -99,10 +95,8 @@ TEST_F(AgentProcess, ConsoleAgentRegistersEveryTableAndStopsThroughItsExitRoutin
   SKIP_WITHOUT_CONSOLE_SIGNALS();
   kzq_test::TempDir replay;
   kzq_test::WriteFile(replay.File("kzqdbd.jsonl"), "{\"SERVERID\": \"SQL1\", \"DBNAME\": \"master\"}\n");
-  int error = 0;
-  auto collector =
-      platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay.Path()}, &error);
-  ASSERT_NE(collector, nullptr) << error;
+  auto collector = kzq_test::StartReplayCollector(replay.Path());
+  ASSERT_NE(collector, nullptr);
   auto agent = Start({"-console", "-serverid", "SQLX"});
   ASSERT_NE(agent, nullptr);
   kzq_test::Eventually([&] { return TraceText(logs_.Path()).find("Agent started") != std::string::npos; });
@@ -114,8 +108,7 @@ TEST_F(AgentProcess, ConsoleAgentRegistersEveryTableAndStopsThroughItsExitRoutin
   EXPECT_THAT(log, HasSubstr("CTC5005I"));
   EXPECT_THAT(log, HasSubstr("atexit routine envoked Quitting."));
   EXPECT_THAT(TraceText(logs_.Path()), HasSubstr("Agent started with 33 tables"));
-  collector->Kill();
-  collector->Wait();
+  kzq_test::Stop(collector);
 }
 
 // Runs the agent as a service, pauses and continues it, and stops it.
@@ -143,11 +136,9 @@ TEST_F(AgentProcess, ServiceReportsEachStateAndStopsOnTheStopControl) {
 TEST_F(AgentProcess, ConsoleCollectorStopsOnRequestAndRemovesItsPidFile) {
   kzq_test::TempDir replay;
   platform::SetEnv("COLL_SERVICENUMBER", "77");
-  int error = 0;
-  auto collector =
-      platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay.Path()}, &error);
+  auto collector = kzq_test::StartReplayCollector(replay.Path());
   platform::SetEnv("COLL_SERVICENUMBER", "");
-  ASSERT_NE(collector, nullptr) << error;
+  ASSERT_NE(collector, nullptr);
   const std::string pid_file = platform::PidFilePath("KZQCOLL77");
   ASSERT_TRUE(kzq_test::Eventually([&] { return std::filesystem::exists(pid_file); }));
   SKIP_WITHOUT_CONSOLE_SIGNALS();

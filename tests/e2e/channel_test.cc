@@ -24,6 +24,7 @@
 #include "tests/e2e/channel_peer_process.h"
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/log_capture.h"
 
@@ -62,10 +63,7 @@ class Channel : public testing::Test {
   std::unique_ptr<platform::ChildProcess> StartCollector() {
     kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"), "{\"DBNAME\": \"master\"}\n{\"DBNAME\": \"tempdb\"}\n");
     kzq_test::WriteFile(replay_.File("kzqjobs.jsonl"), "{\"ACTJOBS\": 3}\n");
-    int error = 0;
-    auto collector =
-        platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()}, &error);
-    EXPECT_NE(collector, nullptr) << error;
+    auto collector = kzq_test::StartReplayCollector(replay_.Path());
     EXPECT_TRUE(kzq_test::Eventually([] { return kvc::SharedChannel().Exchange("KZQJOBS", "").numrow == 1; }));
     return collector;
   }
@@ -233,8 +231,7 @@ TEST_F(Channel, ACollectorThatNeverAnswersCostsEachRequestItsWaitOnly) {
     EXPECT_EQ(KVCCOMM("get", anchor, "KZQSRVRE"), nullptr);
     EXPECT_EQ(anchor->error_code, 20u);
   }
-  mute->Kill();
-  mute->Wait();
+  kzq_test::Stop(mute);
   auto fresh = StartPeer({"answer", "2", "100"});
   auto* pipes = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, "KZQSRVRE"));
   ASSERT_NE(pipes, nullptr) << anchor->error_text;
@@ -267,6 +264,24 @@ TEST_F(Channel, AnAnswerGivenUpMidWayCostsOnlyItsOwnExchange) {
   EXPECT_EQ(channel.Counts().abandoned, abandoned + 1);
 }
 
+// The real collector answers the heartbeat, and a table it has no rows for
+// or does not know with no rows rather than an error.
+TEST_F(Channel, TheCollectorAnswersTheHeartbeatAndTablesWithoutRows) {
+  auto collector = StartCollector();
+  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("init"));
+  auto* heart = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, "HART4"));
+  ASSERT_NE(heart, nullptr) << anchor->error_text;
+  ASSERT_EQ(heart->numrow, 1);
+  EXPECT_EQ(std::string(heart->rows, static_cast<size_t>(heart->lenrow)), "1 1");
+  for (const char* table : {"KZQSRVR", "KZQNOSUCH"}) {
+    auto* pipes = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, table));
+    ASSERT_NE(pipes, nullptr) << table << ": " << anchor->error_text;
+    EXPECT_EQ(pipes->numrow, 0) << table;
+  }
+  KVCCOMM("term", anchor);
+  kzq_test::Stop(collector);
+}
+
 // Callers wait for each other on the channel's lock and each gets the
 // answer to its own request.
 TEST_F(Channel, SimultaneousExchangesEachGetTheirOwnAnswer) {
@@ -280,8 +295,7 @@ TEST_F(Channel, SimultaneousExchangesEachGetTheirOwnAnswer) {
     EXPECT_TRUE(answers[i].Succeeded()) << i;
     EXPECT_EQ(answers[i].numrow, i % 2 ? 2 : 1) << i;
   }
-  collector->Kill();
-  collector->Wait();
+  kzq_test::Stop(collector);
 }
 
 // A paused collector (a debugger, a frozen VM) that resumes while the agent
@@ -315,8 +329,7 @@ TEST_F(Channel, APausedCollectorAnswersTheFirstRequestAfterItResumes) {
   EXPECT_TRUE(resumed.Succeeded());
   EXPECT_EQ(resumed.numrow, 2);
   EXPECT_TRUE(channel.Exchange("KZQDBD", "").Succeeded());
-  collector->Kill();
-  collector->Wait();
+  kzq_test::Stop(collector);
 #endif
 }
 

@@ -16,6 +16,7 @@
 #include "platform/clock.h"
 #include "platform/process.h"
 #include "tests/support/binaries.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/table_rows.h"
 #include "tests/support/temp_dir.h"
 
@@ -67,12 +68,8 @@ class DemoErrorlog : public testing::Test {
   int RunWriter(const std::vector<std::string>& args) {
     std::vector<std::string> argv{kzq_test::BuiltProgram("demo", "kzqdemolog")};
     argv.insert(argv.end(), args.begin(), args.end());
-    platform::ProcessOptions options;
-    options.output_file = output_.File("report.txt");
-    int error = 0;
-    auto writer = platform::StartProcess(argv, &error, options);
-    EXPECT_NE(writer, nullptr) << error;
-    return writer == nullptr ? -1 : writer->Wait();
+    std::string said;
+    return kzq_test::RunToEnd(argv, output_.File("report.txt"), &said);
   }
   std::string Output() const { return kzq_test::ReadFile(output_.File("report.txt")); }
   // What the agent's parser finds from the context's offset on, at any severity.

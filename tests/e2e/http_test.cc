@@ -39,6 +39,7 @@
 #ifndef _WIN32
 #include "tests/support/free_port.h"
 #endif
+#include "tests/support/started_programs.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -162,19 +163,10 @@ class Http : public testing::Test {
     StartCollector();
   }
   void TearDown() override {
-    TearDownCollector();
-    if (agent_.process) KillAgent();
+    kzq_test::Stop(collector_);
+    KillAgent();
   }
-  void KillAgent() {
-    agent_.process->Kill();
-    agent_.process->Wait();
-  }
-  void TearDownCollector() {
-    if (!collector_) return;
-    collector_->Kill();
-    collector_->Wait();
-    collector_.reset();
-  }
+  void KillAgent() { kzq_test::Stop(agent_.process); }
 
   // Waits for `done`; every two seconds an informational line changes the
   // log, since lines written before the monitor watched are read with the
@@ -193,12 +185,7 @@ class Http : public testing::Test {
     return kzq::ErrorStateFilePath(home_.Path(), "kvh", platform::GetEnv("COLL_SERVERID").value());
   }
 
-  void StartCollector() {
-    int error = 0;
-    collector_ = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
-                                        &error, {home_.File("kzqcoll.out")});
-    ASSERT_NE(collector_, nullptr) << error;
-  }
+  void StartCollector() { collector_ = kzq_test::StartReplayCollector(replay_.Path(), home_.File("kzqcoll.out")); }
 
   // Starts kzqagent -console and waits for its endpoint's line.
   RunningAgent StartAgent(const std::string& name = "agent", const std::string& scheme = "http") {
@@ -263,7 +250,7 @@ class Http : public testing::Test {
   RunningAgent agent_;
 };
 
-// Runs kzqctl with the arguments; its exit code, output in *text.
+// Runs kzqctl with the arguments ('|' between them); its exit code, output in *text.
 int Kzqctl(const std::string& arguments, const std::string& output, std::string* text) {
   std::vector<std::string> argv = {kzq_test::BuiltProgram("kzq", "kzqctl")};
   for (size_t start = 0, end; start < arguments.size(); start = end + 1) {
@@ -271,12 +258,7 @@ int Kzqctl(const std::string& arguments, const std::string& output, std::string*
     if (end == std::string::npos) end = arguments.size();
     argv.push_back(arguments.substr(start, end - start));
   }
-  int error = 0;
-  auto ctl = platform::StartProcess(argv, &error, {output});
-  if (ctl == nullptr) return -1;
-  const int code = ctl->Wait();
-  *text = kzq_test::ReadFile(output);
-  return code;
+  return kzq_test::RunToEnd(argv, output, text);
 }
 
 TEST_F(Http, TablesSamplesFiltersAndMetricsAsJsonTextAndThroughKzqctl) {
@@ -653,13 +635,11 @@ TEST_F(Http, BasicAuthUsersFromTheWebConfigBesideTheToken) {
 // with an exit code and says why in the log an operator reads.
 TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
   platform::SetEnv("KZQ_HTTP_LISTEN", "0.0.0.0:0");
-  int error = 0;
-  auto agent = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
-                                      {home_.File("open.out")});
-  ASSERT_NE(agent, nullptr) << error;
-  EXPECT_EQ(agent->Wait(), 2);
+  const std::vector<std::string> agent = {kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"};
+  std::string said;
+  EXPECT_EQ(kzq_test::RunToEnd(agent, home_.File("open.out"), &said), 2);
   const std::string reason = "refusing to listen on 0.0.0.0 without KZQ_HTTP_TOKEN";
-  EXPECT_THAT(kzq_test::ReadFile(home_.File("open.out")), HasSubstr(reason));
+  EXPECT_THAT(said, HasSubstr(reason));
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("KXA0001E"));
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr(reason));
 
@@ -672,21 +652,17 @@ TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
   const std::string server = platform::GetEnv("COLL_SERVERID").value_or("");
   platform::SetEnv("COLL_SERVERID", "second");
   platform::SetEnv("COLL_WRAPLINES", "2");
-  auto second = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
-                                       {home_.File("second.out")});
+  EXPECT_EQ(kzq_test::RunToEnd(agent, home_.File("second.out"), &said), 2) << said;
   platform::SetEnv("COLL_SERVERID", server);
   platform::SetEnv("COLL_WRAPLINES", "");
-  ASSERT_NE(second, nullptr) << error;
-  EXPECT_EQ(second->Wait(), 2) << kzq_test::ReadFile(home_.File("second.out"));
   const std::string wrapped = kzq_test::ReadFile(home_.File("col.log"));
   EXPECT_THAT(wrapped, HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(agent_.port)));
   EXPECT_THAT(wrapped, HasSubstr("File wrapped"));
   EXPECT_THAT(wrapped, testing::Not(HasSubstr("refusing to listen on 0.0.0.0")));  // the lines before the wrap are gone
 
   kzq_test::WriteFile(replay_.File("kzqdbs.jsonl"), "{\"NOSUCH\": 1}\n");
-  auto collector = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
-                                          &error, {home_.File("kzqcoll.out")});
-  ASSERT_NE(collector, nullptr) << error;
+  auto collector = kzq_test::StartReplayCollector(replay_.Path(), home_.File("kzqcoll.out"));
+  ASSERT_NE(collector, nullptr);
   EXPECT_EQ(collector->Wait(), 3);
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("COL0003E"));
   EXPECT_THAT(kzq_test::ReadFile(home_.File("col.log")), HasSubstr("kzqdbs.jsonl:1"));
@@ -699,7 +675,7 @@ TEST_F(Http, AStartThatCannotServeEndsAndSaysWhyInColLog) {
 // non-zero. A new collector is used without a restart.
 TEST_F(Http, ACollectorKilledMidAnswerCostsSamplesNotTheAgentAndShowsAsFailure) {
   kzq_test::WriteFile(replay_.File("kzqdbd.jsonl"), ManyDatabases(400));
-  TearDownCollector();
+  kzq_test::Stop(collector_);
   StartCollector();
   platform::SetEnv("WAIT_TIMEOUT", "3");
   agent_ = StartAgent();
@@ -714,7 +690,7 @@ TEST_F(Http, ACollectorKilledMidAnswerCostsSamplesNotTheAgentAndShowsAsFailure) 
     std::atomic<size_t> rows{99999};
     std::thread sample([&] { rows = DatabaseRows(agent_.Url()); });
     platform::SleepMillis(static_cast<uint32_t>(delay_ms));
-    TearDownCollector();
+    kzq_test::Stop(collector_);
     sample.join();
     EXPECT_TRUE(rows == 0 || rows == 400) << rows << " rows after " << delay_ms << " ms";
     EXPECT_EQ(GetJson(agent_.Url(), "/tables").size(), 33u);  // still serving
@@ -754,12 +730,11 @@ TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
                       "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
                       "scrape_configs:\n  - job_name: kzq\n    static_configs: [{targets: ['127.0.0.1:" +
                           std::to_string(agent_.port) + "']}]\n");
-  int error = 0;
-  auto prometheus = platform::StartProcess(
-      {"/usr/bin/prometheus", "--config.file=" + home_.File("prometheus.yml"),
-       "--storage.tsdb.path=" + home_.File("tsdb"), "--web.listen-address=127.0.0.1:" + std::to_string(port)},
-      &error, {home_.File("prometheus.out")});
-  ASSERT_NE(prometheus, nullptr) << "prometheus: " << error;
+  auto prometheus = kzq_test::Start({"/usr/bin/prometheus", "--config.file=" + home_.File("prometheus.yml"),
+                                     "--storage.tsdb.path=" + home_.File("tsdb"),
+                                     "--web.listen-address=127.0.0.1:" + std::to_string(port)},
+                                    home_.File("prometheus.out"));
+  ASSERT_NE(prometheus, nullptr);
   httplib::Client client("http://127.0.0.1:" + std::to_string(port));
   Json answer;
   const bool found = Eventually([&] {
@@ -768,8 +743,7 @@ TEST_F(Http, APrometheusServerScrapesTheAgentsSeries) {
     answer = Json::parse(result->body, nullptr, false);
     return answer.is_object() && !answer["data"]["result"].empty();
   });
-  prometheus->Kill();
-  prometheus->Wait();
+  kzq_test::Stop(prometheus);
   ASSERT_TRUE(found) << kzq_test::ReadFile(home_.File("prometheus.out"));
   const Json& series = answer["data"]["result"][0];
   EXPECT_EQ(series["value"][1], "21474836480");

@@ -15,6 +15,7 @@
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/started_programs.h"
 
 namespace {
 
@@ -27,12 +28,7 @@ bool Appears(const std::string& path) {
   return kzq_test::Eventually([&] { return std::filesystem::exists(path); }, 30000, 10);
 }
 
-std::unique_ptr<platform::ChildProcess> Start(const std::vector<std::string>& args) {
-  int error = 0;
-  auto child = platform::StartProcess(args, &error);
-  EXPECT_NE(child, nullptr) << "cannot start " << args[0] << ": " << error;
-  return child;
-}
+using kzq_test::Start;
 
 // Each line must be whole: "<date> <time> TST0001I (tid)<tag> <n> <len> <len x tag>|".
 TEST(LogAcrossProcesses, TwoWritersNeverInterleaveInsideALine) {

@@ -33,6 +33,7 @@
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/table_rows.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/trace_capture.h"
@@ -105,7 +106,7 @@ class Sampling : public testing::Test {
     KVCCOMM("initsm");
   }
   void TearDown() override {
-    StopCollector();
+    kzq_test::Stop(collector_);
     KVCCOMM("shut", nullptr);
     for (const std::string& name : kvc::ChannelObjectNames(prefix_first_ + "_SQLT")) {
       platform::RemoveSharedArea(name);
@@ -114,10 +115,8 @@ class Sampling : public testing::Test {
   }
 
   void StartCollector() {
-    int error = 0;
-    collector_ = platform::StartProcess({kzq_test::BuiltProgram("collector", "kzqcoll"), "--replay", replay_.Path()},
-                                        &error);
-    ASSERT_NE(collector_, nullptr) << error;
+    collector_ = kzq_test::StartReplayCollector(replay_.Path());
+    ASSERT_NE(collector_, nullptr);
     ASSERT_TRUE(CollectorAnswers()) << "kzqcoll did not answer its heartbeat";
   }
   // Process start under Wine can outlast an answer's wait: the samples
@@ -131,12 +130,6 @@ class Sampling : public testing::Test {
     }
     KVCCOMM("term", anchor);
     return answered;
-  }
-  void StopCollector() {
-    if (collector_ == nullptr) return;
-    collector_->Kill();
-    collector_->Wait();
-    collector_.reset();
   }
   std::vector<std::string> Sample(const kzq::TableSpec& spec, const char* filter_text = nullptr) {
     kzq_test::CollectedRows rows;

@@ -4,6 +4,7 @@
 #include "platform/environment.h"
 #include "platform/process.h"
 #include "tests/e2e/service_manager.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/temp_dir.h"
 
 namespace kzq_test {
@@ -81,13 +82,7 @@ class ScManager final : public ServiceManager {
  private:
   bool Sc(std::vector<std::string> args) {
     args.insert(args.begin(), "C:\\windows\\system32\\sc.exe");
-    int error = 0;
-    platform::ProcessOptions options;
-    options.output_file = output_;
-    auto sc = platform::StartProcess(args, &error, options);
-    if (sc == nullptr) return false;
-    const int rc = sc->Wait();
-    last_ = ReadFile(output_);
+    const int rc = RunToEnd(args, output_, &last_);
     log_ += "sc " + args[1] + " -> " + std::to_string(rc) + "\n" + last_;
     return rc == 0;
   }

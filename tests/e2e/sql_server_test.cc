@@ -21,6 +21,7 @@
 #include "tests/support/binaries.h"
 #include "tests/support/eventually.h"
 #include "tests/support/free_port.h"
+#include "tests/support/started_programs.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -47,26 +48,19 @@ class SqlServer : public testing::Test {
     std::ofstream(platform::PidFilePath("MSSQLSERVER")) << platform::CurrentProcessId() << "\n";
   }
   void TearDown() override {
-    for (auto* process : {&agent_, &collector_, &server_}) Stop(*process);
-  }
-  static void Stop(std::unique_ptr<platform::ChildProcess>& process) {
-    if (!process) return;
-    process->Kill();
-    process->Wait();
-    process.reset();
+    for (auto* process : {&agent_, &collector_, &server_}) kzq_test::Stop(*process);
   }
 
   // The test double on the test's port, answering as `script` says.
   void StartServer(const std::string& script) {
-    Stop(server_);
+    kzq_test::Stop(server_);
     kzq_test::WriteFile(home_.File("script.json"), script);
     std::remove(home_.File("port").c_str());
-    int error = 0;
-    server_ = platform::StartProcess({"/usr/bin/python3", KZQ_SOURCE_DIR "/tests/support/tds_test_server.py", "--script",
-                                      home_.File("script.json"), "--port", std::to_string(port_), "--port-file",
-                                      home_.File("port"), "--log", home_.File("server.log")},
-                                     &error, {home_.File("server.out")});
-    ASSERT_NE(server_, nullptr) << error;
+    server_ = kzq_test::Start({"/usr/bin/python3", KZQ_SOURCE_DIR "/tests/support/tds_test_server.py", "--script",
+                               home_.File("script.json"), "--port", std::to_string(port_), "--port-file",
+                               home_.File("port"), "--log", home_.File("server.log")},
+                              home_.File("server.out"));
+    ASSERT_NE(server_, nullptr);
     ASSERT_TRUE(Eventually([&] { return !kzq_test::ReadFile(home_.File("port")).empty(); }))
         << kzq_test::ReadFile(home_.File("server.out"));
   }
@@ -74,20 +68,12 @@ class SqlServer : public testing::Test {
   // kzqcoll as the service starts it (its source from the settings), and
   // kzqagent -console with its endpoint's port.
   void StartCollectorAndAgent(std::vector<std::string> collector_options = {}) {
-    int error = 0;
     collector_options.insert(collector_options.begin(), kzq_test::BuiltProgram("collector", "kzqcoll"));
-    collector_ = platform::StartProcess(collector_options, &error, {home_.File("kzqcoll.out")});
-    ASSERT_NE(collector_, nullptr) << error;
-    agent_ = platform::StartProcess({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, &error,
-                                    {home_.File("agent.out")});
-    ASSERT_NE(agent_, nullptr) << error;
-    const std::string marker = "HTTP endpoint on http://127.0.0.1:";
-    ASSERT_TRUE(Eventually([&] {
-      const std::string text = kzq_test::ReadFile(home_.File("agent.out"));
-      const size_t at = text.find(marker);
-      if (at != std::string::npos) agent_port_ = atoi(text.c_str() + at + marker.size());
-      return agent_port_ > 0;
-    })) << kzq_test::ReadFile(home_.File("agent.out"));
+    collector_ = kzq_test::Start(collector_options, home_.File("kzqcoll.out"));
+    agent_ = kzq_test::Start({kzq_test::BuiltProgram("kzq", "kzqagent"), "-console"}, home_.File("agent.out"));
+    ASSERT_TRUE(collector_ && agent_);
+    agent_port_ = kzq_test::EndpointPort(home_.File("agent.out"));
+    ASSERT_GT(agent_port_, 0) << kzq_test::ReadFile(home_.File("agent.out"));
   }
 
   std::string Get(const std::string& path) {
