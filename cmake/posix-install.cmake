@@ -4,6 +4,7 @@
 #   libexec/kzq/    kyresql.cmd, which take-action commands find through COLL_BINPATH
 #   share/kzq/      the Prometheus alerts, the Grafana dashboard, the demo's replay rows
 #   share/doc/kzq/  README.md
+#   share/man/man1/ the programs' manual pages
 # Three components:
 #   kzq   the files above, in both;
 #   tree  a plain install only: the systemd units and example.conf in share/kzq/;
@@ -32,9 +33,17 @@ install(FILES packaging/config/example.conf DESTINATION share/kzq COMPONENT tree
 install(FILES ${KZQ_UNITS} DESTINATION /lib/systemd/system COMPONENT deb EXCLUDE_FROM_ALL)
 install(FILES packaging/config/example.conf DESTINATION /etc/kzq COMPONENT deb EXCLUDE_FROM_ALL)
 install(FILES packaging/deb/copyright DESTINATION share/doc/kzq COMPONENT deb EXCLUDE_FROM_ALL)
-# Debian wants the changelog compressed, without a time stamp in the gzip header.
-add_custom_command(OUTPUT changelog.gz
-  COMMAND sh -c "gzip -9nc '${PROJECT_SOURCE_DIR}/packaging/deb/changelog' >changelog.gz"
-  DEPENDS packaging/deb/changelog VERBATIM)
-add_custom_target(kzq_deb_changelog ALL DEPENDS changelog.gz)
+# The manual pages and the changelog go compressed, without a time stamp
+# in the gzip header, as Debian wants them.
+set(KZQ_COMPRESSED)
+foreach(file man/kzqagent.1 man/kzqcoll.1 man/kzqctl.1 deb/changelog)
+  get_filename_component(name ${file} NAME)
+  add_custom_command(OUTPUT ${name}.gz
+    COMMAND sh -c "gzip -9nc '${PROJECT_SOURCE_DIR}/packaging/${file}' >${name}.gz"
+    DEPENDS packaging/${file} VERBATIM)
+  list(APPEND KZQ_COMPRESSED ${CMAKE_BINARY_DIR}/${name}.gz)
+endforeach()
+add_custom_target(kzq_compressed_docs ALL DEPENDS ${KZQ_COMPRESSED})
+install(FILES ${CMAKE_BINARY_DIR}/kzqagent.1.gz ${CMAKE_BINARY_DIR}/kzqcoll.1.gz ${CMAKE_BINARY_DIR}/kzqctl.1.gz
+  DESTINATION share/man/man1)
 install(FILES ${CMAKE_BINARY_DIR}/changelog.gz DESTINATION share/doc/kzq COMPONENT deb EXCLUDE_FROM_ALL)
