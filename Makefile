@@ -94,6 +94,7 @@ package-deb:
 	@scripts/ensure-packages $(PACKAGE_DEB_PACKAGES)
 	@cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=Release -DKZQ_TESTS=OFF >/dev/null
 	@cmake --build build-package -j $(JOBS)
+	@rm -f build-package/kzq_*.deb
 	@cd build-package && cpack -G DEB >/dev/null
 	lintian --fail-on error build-package/kzq_*.deb
 	@ls build-package/kzq_*.deb
