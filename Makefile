@@ -2,7 +2,7 @@
 # Each target installs what it needs on a fresh Debian machine.
 
 NATIVE_PACKAGES := cmake ninja-build g++ make libgtest-dev libgmock-dev googletest nlohmann-json3-dev libcli11-dev \
-  libsystemd-dev systemd prometheus chromium python3 curl unixodbc unixodbc-dev tdsodbc dpkg-dev file
+  libsystemd-dev systemd prometheus chromium python3 curl unixodbc unixodbc-dev tdsodbc dpkg-dev file lintian
 WINDOWS_PACKAGES := g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 googletest nlohmann-json3-dev libcli11-dev
 FUZZ_PACKAGES := cmake ninja-build make clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest \
   nlohmann-json3-dev libsystemd-dev unixodbc-dev
@@ -87,7 +87,8 @@ demo:
 	@scripts/demo build-demo
 
 # The Debian package, from an optimised build without the tests:
-# build-package/kzq_<version>_amd64.deb, refused when lintian finds an error.
+# build-package/kzq_<version>_amd64.deb, refused when lintian finds an error
+# or a warning.
 package: package-deb
 
 package-deb:
@@ -96,7 +97,7 @@ package-deb:
 	@cmake --build build-package -j $(JOBS)
 	@rm -f build-package/kzq_*.deb
 	@cd build-package && cpack -G DEB >/dev/null
-	lintian --fail-on error build-package/kzq_*.deb
+	lintian --fail-on error,warning build-package/kzq_*.deb
 	@ls build-package/kzq_*.deb
 
 # Benchmarks run on an optimised build without sanitizers.
