@@ -88,12 +88,17 @@ demo:
 
 # The Debian package, from an optimised build without the tests:
 # build-package/kzq_<version>_amd64.deb, refused when lintian finds an error
-# or a warning.
+# or a warning. The build adds Debian's hardening flags (stack protector,
+# _FORTIFY_SOURCE, read-only relocations bound at start) to the project's.
 package: package-deb
 
+DEB_FLAGS = DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get
 package-deb:
 	@scripts/ensure-packages $(PACKAGE_DEB_PACKAGES)
-	@cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=Release -DKZQ_TESTS=OFF >/dev/null
+	@cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=Release -DKZQ_TESTS=OFF \
+	  -DCMAKE_CXX_FLAGS="$$($(DEB_FLAGS) CXXFLAGS) $$($(DEB_FLAGS) CPPFLAGS)" \
+	  -DCMAKE_C_FLAGS="$$($(DEB_FLAGS) CFLAGS) $$($(DEB_FLAGS) CPPFLAGS)" \
+	  -DCMAKE_EXE_LINKER_FLAGS="$$($(DEB_FLAGS) LDFLAGS)" >/dev/null
 	@cmake --build build-package -j $(JOBS)
 	@rm -f build-package/kzq_*.deb
 	@cd build-package && cpack -G DEB >/dev/null
