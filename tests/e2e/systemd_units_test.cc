@@ -134,7 +134,7 @@ class InstalledUnits : public testing::Test {
   kzq_test::SystemdUnit LoadUnit(const std::string& program) const {
     std::string error;
     const auto unit = kzq_test::SystemdUnit::Load(
-        Host("/opt/kzq/share/kzq/packaging/systemd/" + program + "@.service"), instance_, &error);
+        Host("/opt/kzq/share/kzq/systemd/" + program + "@.service"), instance_, &error);
     EXPECT_TRUE(unit.has_value()) << error;
     return unit.value_or(kzq_test::SystemdUnit());
   }
