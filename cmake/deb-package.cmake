@@ -26,9 +26,9 @@ Grafana dashboard. No service is started on installation.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# The shared libraries' packages, found by dpkg-shlibdeps; useradd for the account.
+# The shared libraries' packages, found by dpkg-shlibdeps; useradd for the account, kill for a reload.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd, procps")
 # The ODBC driver the collector reads SQL Server through.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "tdsodbc")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/deb/postinst
