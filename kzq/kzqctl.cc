@@ -38,7 +38,7 @@ struct Options {
 
 std::string DefaultUrl() {
   const std::string listen = platform::GetEnv("KZQ_HTTP_LISTEN").value_or("");
-  return "http://" + (listen.empty() || listen == "off" ? std::string("127.0.0.1:9433") : listen);
+  return "http://" + (listen.empty() || listen == "off" ? std::string("127.0.0.1:19433") : listen);
 }
 
 // COLUMNS when set, else the terminal's width, else a width for files and pipes.
@@ -130,7 +130,7 @@ struct CommandLine {
 void DescribeCommands(CommandLine& line, Options& o) {
   CLI::App& app = line.app;
   app.set_version_flag("--version", std::string("kzqctl ") + KZQ_VERSION);
-  app.add_option("--url", o.url, "the agent's endpoint (default http://$KZQ_HTTP_LISTEN, else http://127.0.0.1:9433)");
+  app.add_option("--url", o.url, "the agent's endpoint (default http://$KZQ_HTTP_LISTEN, else http://127.0.0.1:19433)");
   app.add_option("--token", o.token, "the bearer token the agent asks for")->envname("KZQ_HTTP_TOKEN");
   app.add_option("--user", o.access.user, "a user of the agent's basic_auth_users; the password is read from "
                  "$KZQ_HTTP_PASSWORD")->envname("KZQ_HTTP_USER");

@@ -71,7 +71,7 @@ constexpr const char* kUsage =
     "  -Hkey \"<key>\"            right after the program: the service installation's instance key\n"
     "Settings come from the registry key, the environment and /etc/kzq/<server id>.conf\n"
     "(COLL_*, KZQ_*); SIGHUP reloads the interval, the alert severity and the token.\n"
-    "The HTTP endpoint listens on $KZQ_HTTP_LISTEN (127.0.0.1:9433). Read it with kzqctl (kzqctl --help).\n";
+    "The HTTP endpoint listens on $KZQ_HTTP_LISTEN (127.0.0.1:19433). Read it with kzqctl (kzqctl --help).\n";
 
 // True after answering a request for help or the version: those words
 // start nothing. "-version" (one dash) stays the option word it is.

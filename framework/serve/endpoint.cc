@@ -43,7 +43,7 @@ HttpResponse Answer(int status, const Json& body) { return HttpResponse::With(st
 
 HttpResponse Refuse(int status, const std::string& message) { return Answer(status, {{"error", message}}); }
 
-// The host a Host header names, without its port ("[::1]:9433" -> "::1").
+// The host a Host header names, without its port ("[::1]:19433" -> "::1").
 std::string HostOf(const std::string& header) {
   if (!header.empty() && header[0] == '[') return header.substr(1, header.find(']') - 1);
   return header.substr(0, header.rfind(':'));

@@ -10,13 +10,13 @@
 
 namespace framework {
 
-inline constexpr const char* kDefaultListen = "127.0.0.1:9433";
+inline constexpr const char* kDefaultListen = "127.0.0.1:19433";
 inline constexpr int kDefaultSampleInterval = 30;  // seconds
 
 struct HttpSettings {
   bool enabled = true;  // KZQ_HTTP_LISTEN=off turns the endpoint off
   std::string host = "127.0.0.1";
-  int port = 9433;  // 0: any free port, told on standard output
+  int port = 19433;  // 0: any free port, told on standard output
   std::string token;
   std::string web_config_path;  // KZQ_WEB_CONFIG; empty: none
   WebConfig web;                // what that file says
