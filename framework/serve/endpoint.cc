@@ -74,65 +74,67 @@ bool HostAllowed(const HttpSettings& settings, const HttpRequest& req) {
   return IsLoopbackName(host) || host == settings.host;
 }
 
+std::vector<Label> AgentLabels(const MetricsContext& context) {
+  return {{"server_id", context.server_id}, {"host", context.host}};
+}
+
+// One family of one sample with the agent's labels (and `extra`).
+void OneSample(std::string* text, const MetricsContext& context, const std::string& name, const char* type,
+               const std::string& help, const std::string& value, std::vector<Label> extra = {}) {
+  std::vector<Label> labels = AgentLabels(context);
+  labels.insert(labels.end(), extra.begin(), extra.end());
+  FamilyHeader(text, name, type, help);
+  SampleLine(text, name, labels, value);
+}
+
 // What a person needs to see why a scrape waits or a client was turned
 // away: refusals by reason, connections and event consumers now, answers.
 std::string EndpointCounters(const HttpCounters& counters, const MetricsContext& context) {
-  const std::string labels =
-      "server_id=\"" + EscapeLabelValue(context.server_id) + "\",host=\"" + EscapeLabelValue(context.host) + "\"";
-  std::string text =
-      "# HELP kzq_http_rejected_total Requests and connections the endpoint refused or closed before answering "
-      "them, by reason.\n"
-      "# TYPE kzq_http_rejected_total counter\n";
-  for (size_t i = 0; i < kRefusalNames.size(); ++i)
-    text += "kzq_http_rejected_total{" + labels + ",reason=\"" + kRefusalNames[i] + "\"} " +
-            std::to_string(counters.refused[i].load()) + "\n";
-  text += "# HELP kzq_http_answers_total Answers the endpoint has begun to send.\n"
-          "# TYPE kzq_http_answers_total counter\n"
-          "kzq_http_answers_total{" + labels + "} " + std::to_string(counters.answered.load()) + "\n"
-          "# HELP kzq_http_connections Connections the endpoint holds, event streams included.\n"
-          "# TYPE kzq_http_connections gauge\n"
-          "kzq_http_connections{" + labels + "} " + std::to_string(counters.connections.load()) + "\n"
-          "# HELP kzq_http_event_consumers Consumers following an event stream.\n"
-          "# TYPE kzq_http_event_consumers gauge\n"
-          "kzq_http_event_consumers{" + labels + "} " + std::to_string(counters.streams.load()) + "\n";
+  std::string text;
+  FamilyHeader(&text, "kzq_http_rejected_total", "counter",
+               "Requests and connections the endpoint refused or closed before answering them, by reason.");
+  for (size_t i = 0; i < kRefusalNames.size(); ++i) {
+    std::vector<Label> labels = AgentLabels(context);
+    labels.push_back({"reason", kRefusalNames[i]});
+    SampleLine(&text, "kzq_http_rejected_total", labels, static_cast<int64_t>(counters.refused[i].load()));
+  }
+  OneSample(&text, context, "kzq_http_answers_total", "counter", "Answers the endpoint has begun to send.",
+            std::to_string(counters.answered.load()));
+  OneSample(&text, context, "kzq_http_connections", "gauge", "Connections the endpoint holds, event streams included.",
+            std::to_string(counters.connections.load()));
+  OneSample(&text, context, "kzq_http_event_consumers", "gauge", "Consumers following an event stream.",
+            std::to_string(counters.streams.load()));
   return text;
 }
 
 // The agent's own process, as every exporter reports it, and how long this
 // scrape has taken so far.
 std::string SelfMetrics(const MetricsContext& context, uint64_t started_ms) {
-  const std::string labels =
-      "{server_id=\"" + EscapeLabelValue(context.server_id) + "\",host=\"" + EscapeLabelValue(context.host) + "\"}";
   std::string text;
-  const auto family = [&](const char* name, const char* type, const char* help, const std::string& value,
-                          const std::string& series_labels) {
-    text += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n" + name +
-            series_labels + " " + value + "\n";
-  };
-  family("kzq_build_info", "gauge", "The agent's version; always 1.", "1",
-         labels.substr(0, labels.size() - 1) + ",version=\"" KZQ_VERSION "\"}");
+  OneSample(&text, context, "kzq_build_info", "gauge", "The agent's version; always 1.", "1", {{"version", KZQ_VERSION}});
   platform::ProcessUsage usage;
   if (platform::CurrentProcessUsage(&usage)) {
     char cpu[32];
     snprintf(cpu, sizeof cpu, "%.3f", usage.cpu_seconds);
-    family("process_cpu_seconds_total", "counter", "CPU time the agent has used, user and system, in seconds.", cpu,
-           labels);
-    family("process_resident_memory_bytes", "gauge", "The agent's memory in RAM, in bytes.",
-           std::to_string(usage.resident_bytes), labels);
-    family("process_virtual_memory_bytes", "gauge", "The agent's address space (committed memory on Windows), in bytes.",
-           std::to_string(usage.virtual_bytes), labels);
+    OneSample(&text, context, "process_cpu_seconds_total", "counter",
+              "CPU time the agent has used, user and system, in seconds.", cpu);
+    OneSample(&text, context, "process_resident_memory_bytes", "gauge", "The agent's memory in RAM, in bytes.",
+              std::to_string(usage.resident_bytes));
+    OneSample(&text, context, "process_virtual_memory_bytes", "gauge",
+              "The agent's address space (committed memory on Windows), in bytes.", std::to_string(usage.virtual_bytes));
     if (usage.open_descriptors >= 0)
-      family("process_open_fds", "gauge", "Descriptors (handles on Windows) the agent holds open.",
-             std::to_string(usage.open_descriptors), labels);
+      OneSample(&text, context, "process_open_fds", "gauge", "Descriptors (handles on Windows) the agent holds open.",
+                std::to_string(usage.open_descriptors));
     if (usage.max_descriptors >= 0)
-      family("process_max_fds", "gauge", "The most descriptors the agent may hold open.",
-             std::to_string(usage.max_descriptors), labels);
-    family("process_start_time_seconds", "gauge", "When the agent started, in seconds since 1970-01-01 UTC.",
-           std::to_string(usage.start_unix_seconds), labels);
+      OneSample(&text, context, "process_max_fds", "gauge", "The most descriptors the agent may hold open.",
+                std::to_string(usage.max_descriptors));
+    OneSample(&text, context, "process_start_time_seconds", "gauge",
+              "When the agent started, in seconds since 1970-01-01 UTC.", std::to_string(usage.start_unix_seconds));
   }
   char took[32];
   snprintf(took, sizeof took, "%.6f", static_cast<double>(platform::MonotonicMillis() - started_ms) / 1000.0);
-  family("kzq_scrape_duration_seconds", "gauge", "How long this answer took to make, in seconds.", took, labels);
+  OneSample(&text, context, "kzq_scrape_duration_seconds", "gauge", "How long this answer took to make, in seconds.",
+            took);
   return text;
 }
 
@@ -351,10 +353,10 @@ AdmissionDecision Admit(const HttpEndpoint::Impl& impl, const HttpRequest& req) 
 }
 
 HttpRoute Route(std::string method, std::string path, HttpRoute::Kind kind,
-                std::function<HttpResponse(const HttpRequest&)> answer) {
+                std::function<HttpResponse(const HttpRequest&)> answer, bool prefix = false) {
   HttpRoute route;
   route.method = std::move(method);
-  route.prefix = path.back() == '/' && path.size() > 1;  // "/tables/" answers "/tables/<name>"
+  route.prefix = prefix;
   route.path = std::move(path);
   route.kind = kind;
   route.answer = std::move(answer);
@@ -405,10 +407,11 @@ std::vector<HttpRoute> Routes(HttpEndpoint::Impl& impl) {
                                   " tables sampled.\n");
   }));
   routes.push_back(
-      Route("GET", "/tables/", Kind::kWork, [&impl](const HttpRequest& req) { return ServeSample(impl, req); }));
+      Route("GET", "/tables/", Kind::kWork, [&impl](const HttpRequest& req) { return ServeSample(impl, req); },
+            true));  // "/tables/<name>"
   routes.push_back(
       Route("POST", "/actions", Kind::kWork, [&impl](const HttpRequest& req) { return ServeAction(impl, req); }));
-  HttpRoute events = Route("GET", "/events/", Kind::kStream, nullptr);
+  HttpRoute events = Route("GET", "/events/", Kind::kStream, nullptr, true);  // "/events/<table>"
   events.stream = [&impl](const HttpRequest& req, HttpStream& stream) { ServeEvents(impl, req, stream); };
   routes.push_back(std::move(events));
   return routes;
