@@ -87,12 +87,18 @@ int Events(CtlAgent& agent, const Options& o) {
   return ended ? 0 : 1;
 }
 
+// A script that runs an action learns from the exit code whether the
+// command succeeded, not only whether the agent answered.
 int Action(CtlAgent& agent, const Options& o) {
   const auto answer = agent.Post("/actions", {{"command", o.command}});
   if (!answer) return 1;
-  if (o.json) return PrintJson(*answer), 0;
-  for (const Json& line : answer->value("lines", Json::array())) printf("%s\n", line.value("line", "").c_str());
-  return 0;
+  if (o.json) PrintJson(*answer);
+  else
+    for (const Json& line : answer->value("lines", Json::array())) printf("%s\n", line.value("line", "").c_str());
+  const int result = answer->value("result", -1);
+  if (result == 0) return 0;
+  fprintf(stderr, "kzqctl: the command ended with %d\n", result);
+  return 1;
 }
 
 int Blocking(CtlAgent& agent, const Options&) {
@@ -137,7 +143,8 @@ void DescribeCommands(CommandLine& line, Options& o) {
   app.add_option("--cacert", o.access.ca_file, "PEM file of the CA that signed the agent's certificate (https)")
       ->envname("KZQ_HTTP_CACERT");
   app.require_subcommand(1);
-  app.footer("Exit codes: 0 done; 1 no agent answered, it refused the request or a sample failed; 2 bad usage.");
+  app.footer("Exit codes: 0 done; 1 no agent answered, it refused the request, a sample failed or an action's\n"
+             "command ended with a code other than 0; 2 bad usage.");
 
   line.Add("tables", "the agent's tables", Tables)->add_flag("--json", o.json, "the catalogue as JSON");
   CLI::App* sample = line.Add("sample", "a fresh sample of one table", Sample);

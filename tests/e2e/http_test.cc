@@ -569,6 +569,12 @@ TEST_F(Http, ATokenGuardsEveryEndpointAndActionsNeedOne) {
   EXPECT_EQ(answer["lines"][0]["id"], "KVCACT002");
   EXPECT_EQ(answer["lines"][0]["line"], "hello from kzq");
   EXPECT_EQ(answer["lines"][0]["title"], "Database Action");
+  std::string text;
+  const std::string ctl = "--url|" + agent_.Url() + "|--token|t0ken|action|";
+  EXPECT_EQ(Kzqctl(ctl + "echo hello from kzqctl", home_.File("action1"), &text), 0) << text;
+  EXPECT_THAT(text, HasSubstr("hello from kzqctl"));
+  EXPECT_EQ(Kzqctl(ctl + "kzq_no_such_command", home_.File("action2"), &text), 1) << text;
+  EXPECT_THAT(text, HasSubstr("the command ended with -1"));
 }
 
 // The web configuration's users read the endpoint beside the token; a bad
