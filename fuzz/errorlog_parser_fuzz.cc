@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (point && point->values == 3) {
     kzq::ErrorlogContext restarted;
     restarted.log_path = context.log_path;
-    restarted.min_severity = context.min_severity;
+    restarted.min_severity = context.min_severity.load();
     kzq::ResumeFrom(restarted, *point);
     kzq::ParseNewLogText(restarted, emit, FixedNow);
   }
