@@ -1,5 +1,7 @@
 #include "kvc/collector_channel.h"
 
+#include <utility>
+
 #include "kvc/channel_dispatch.h"
 #include "kvc/shared_memory_exchange.h"
 #include "kvc/diagnostic_log.h"
@@ -49,8 +51,25 @@ CollectorChannel& SharedChannel() {
   return *channel;
 }
 
+void CollectorChannel::SetCollectorProbe(std::function<bool()> collector_running) {
+  collector_running_ = std::move(collector_running);
+}
+
+bool CollectorChannel::CollectorKnownDown() const {
+  const std::time_t unanswered = unanswered_at_;
+  return unanswered != 0 && Now() - unanswered < kOutageRetrySeconds && collector_running_ && !collector_running_();
+}
+
 ChannelAnswer CollectorChannel::Exchange(const std::string& table, const std::string& session,
                                          const std::vector<std::string>& attributes) {
+  if (CollectorKnownDown()) {
+    ++skipped_;
+    ChannelAnswer answer;
+    answer.skipped = true;
+    answer.failed_step = "GetData";
+    answer.result = kCommTimeout;
+    return answer;
+  }
   const int patience = ChannelPatience::Current();
   const std::chrono::milliseconds wait = patience > 0 ? std::chrono::milliseconds(patience) : kDefaultPatience;
   if (!lock_.TakeWithin(kExchangeCode, wait)) {
@@ -62,6 +81,10 @@ ChannelAnswer CollectorChannel::Exchange(const std::string& table, const std::st
     return answer;
   }
   ChannelAnswer answer = ExchangeHeld(table, session, attributes);
+  if (answer.result == kCommTimeout)
+    unanswered_at_ = Now();
+  else if (answer.Succeeded())
+    unanswered_at_ = 0;
   lock_.Give();
   return answer;
 }
@@ -157,6 +180,7 @@ ChannelCounts CollectorChannel::Counts() const {
   c.refused = refused_;
   c.late = late_;
   c.busy = busy_;
+  c.skipped = skipped_;
   const KVCCommObject* request = RequestEndpoint();
   const KVCCommObject* data = DataEndpoint();
   if (request != nullptr && data != nullptr) {

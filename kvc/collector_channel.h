@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -55,6 +56,9 @@ struct ChannelAnswer {
   std::string failed_step;
   bool busy = false;
   bool unavailable = false;  // the shared endpoints are not open
+  // Not asked: the last exchange went unanswered and the collector's
+  // service is not running. Reported as a time-out of GetData.
+  bool skipped = false;
 
   bool Succeeded() const { return failed_step.empty() && !busy && !unavailable; }
 };
@@ -75,6 +79,7 @@ struct ChannelCounts {
   uint64_t abandoned = 0;   // answers given up part-way, marked finished for the collector
   uint64_t busy = 0;        // exchanges not made: another held the channel past the caller's patience
   uint64_t repairs = 0;     // header fields found out of range and repaired
+  uint64_t skipped = 0;     // exchanges not made: the collector is down and did not answer the last one
 };
 
 // While one exists, exchanges of its thread wait at most `millis` for a
@@ -108,6 +113,13 @@ class CollectorChannel {
                          const std::vector<std::string>& attributes = {});
   // A caller refused an answer's rows (their length is not the table's).
   void CountRefused() { ++refused_; }
+  // Tells whether the collector's service runs. Once an exchange has gone
+  // unanswered, later ones are made only while it says so, or one every
+  // kOutageRetrySeconds: without it a dead collector would cost every
+  // table of a round its whole wait. Set by the agent's start before any
+  // exchange; without it every exchange is made.
+  void SetCollectorProbe(std::function<bool()> collector_running);
+  static constexpr int kOutageRetrySeconds = 30;
   ChannelCounts Counts() const;
 
  private:
@@ -116,10 +128,14 @@ class CollectorChannel {
   bool ReceiveAnswer(KVCCommObject* data, int wait_seconds, const std::string& unique, std::time_t started,
                      ChannelAnswer* answer);
   void Fail(const char* step, int result, ChannelAnswer* answer);
+  bool CollectorKnownDown() const;
 
   TimedLock lock_;
   std::atomic<std::time_t> last_success_{0};
-  std::atomic<uint64_t> exchanges_{0}, timeouts_{0}, failures_{0}, refused_{0}, late_{0}, busy_{0};
+  std::atomic<uint64_t> exchanges_{0}, timeouts_{0}, failures_{0}, refused_{0}, late_{0}, busy_{0}, skipped_{0};
+  std::function<bool()> collector_running_;
+  // When the last unanswered exchange ended; 0 after an answer.
+  std::atomic<std::time_t> unanswered_at_{0};
 };
 
 }  // namespace kvc

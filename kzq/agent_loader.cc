@@ -123,6 +123,8 @@ int AgentLoader() {
   AnnounceStart(config);
   // Never destroyed: the monitor's threads and the framework's use it
   // until the process exits.
+  kvc::SharedChannel().SetCollectorProbe(
+      [collector = CollectorServiceName()] { return check_service_status(collector.c_str()) != 0; });
   auto* paths = new AgentDataPaths(kvc::SharedChannel());
   RegisterAllTables(*paths);
   framework::DescribeAgent(Description(*paths));

@@ -24,6 +24,10 @@ std::vector<framework::CounterFamily> ChannelCounters(const kvc::ChannelCounts& 
              c.abandoned),
       family("kzq_channel_busy_total",
              "Exchanges not made because another held the channel longer than the caller would wait.", c.busy),
+      family("kzq_channel_skipped_total",
+             "Exchanges not made: the last one went unanswered and the collector's service is not running (one is "
+             "tried every 30 seconds all the same).",
+             c.skipped),
       family("kzq_channel_header_repairs_total",
              "Channel header fields found out of range (a stray write, an older program) and set back to their "
              "defaults.",

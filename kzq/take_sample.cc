@@ -162,6 +162,8 @@ void TraceRow(const TableSpec& spec, const RowBuilder& row, int number) {
 std::string ChannelFailure(const kvc::ChannelAnswer& answer, const ExchangeStatus& status) {
   if (answer.unavailable) return "the collector channel is not available";
   if (answer.busy) return "the collector channel is busy with another exchange; try again";
+  if (answer.skipped)
+    return "the collector (" + CollectorServiceName() + ") is not running and did not answer the last request";
   return "no answer from the collector (" + CollectorServiceName() + "): " + status.text + " (" +
          std::to_string(status.code) + ")";
 }
