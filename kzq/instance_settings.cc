@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include "kvc/diagnostic_log.h"
 #include "kzq/instance_start.h"
@@ -73,8 +74,8 @@ std::string DefaultConfigFile(const std::string& server_id) {
          ".conf";
 }
 
-InstanceSettings::InstanceSettings(int argc, char** argv, const CommandLinePresets& presets)
-    : command_line_(presets.values()) {
+InstanceSettings::InstanceSettings(int argc, char** argv, std::map<std::string, std::string> presets)
+    : command_line_(std::move(presets)) {
   for (int i = 1; i + 1 < argc && key_.empty(); ++i)
     if (SameWord(argv[i], "-hkey")) key_ = argv[i + 1];
   for (const SettingSpec& spec : SettingList()) {

@@ -16,8 +16,6 @@
 
 namespace kzq {
 
-class CommandLinePresets;
-
 // One value of the configuration file, with where it stands.
 struct FileSetting {
   std::string name;
@@ -54,10 +52,11 @@ struct EffectiveSetting {
 // start, the reload's thread after).
 class InstanceSettings {
  public:
-  // Takes the environment as it is (presets applied), then reads the file
-  // and the registry key after the first "-hkey" among argv[1..], and puts
-  // their values into the environment where they win.
-  InstanceSettings(int argc, char** argv, const CommandLinePresets& presets);
+  // Takes the environment as it is (`presets`, the values the command
+  // line's presets put, applied), then reads the file and the registry key
+  // after the first "-hkey" among argv[1..], and puts their values into the
+  // environment where they win.
+  InstanceSettings(int argc, char** argv, std::map<std::string, std::string> presets);
 
   // Reads the file and the registry key again. The environment is left as
   // it is: other threads read it.

@@ -9,9 +9,12 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "framework/serve/http_settings.h"
 #include "kzq/ctl_agent.h"
 #include "kzq/ctl_format.h"
 #include "kzq/ctl_views.h"
+#include "kzq/instance_settings.h"
+#include "kzq/registry_environment.h"
 #include "platform/environment.h"
 #include "platform/terminal.h"
 
@@ -24,6 +27,7 @@ using kzq::CtlAgent;
 constexpr size_t kWidthWithoutTerminal = 120;
 
 struct Options {
+  std::string instance;
   std::string url;
   std::string token;
   CtlAgent::Access access;
@@ -38,7 +42,20 @@ struct Options {
 
 std::string DefaultUrl() {
   const std::string listen = platform::GetEnv("KZQ_HTTP_LISTEN").value_or("");
-  return "http://" + (listen.empty() || listen == "off" ? std::string("127.0.0.1:19433") : listen);
+  return "http://" + (listen.empty() || listen == "off" ? std::string(framework::kDefaultListen) : listen);
+}
+
+// Puts the settings the agent of `instance` reads - its registry key's
+// Environment values over this environment over its configuration file -
+// into this environment, so that its address and token are found as the
+// agent found them.
+void LoadInstanceSettings(const std::string& instance) {
+  platform::SetEnv("COLL_SERVERID", instance);
+  std::string key = std::string(kzq::kMakerRoot) + "\\kzq\\" + instance;
+  std::string program = "kzqctl", key_word = "-Hkey";
+  char* argv[] = {program.data(), key_word.data(), key.data()};
+  const kzq::InstanceSettings settings(3, argv, {});
+  for (const std::string& problem : settings.File().problems) fprintf(stderr, "kzqctl: %s\n", problem.c_str());
 }
 
 // COLUMNS when set, else the terminal's width, else a width for files and pipes.
@@ -136,8 +153,12 @@ struct CommandLine {
 void DescribeCommands(CommandLine& line, Options& o) {
   CLI::App& app = line.app;
   app.set_version_flag("--version", std::string("kzqctl ") + KZQ_VERSION);
+  app.add_option("--instance,-i", o.instance,
+                 "read the endpoint and token from this instance's settings, as its agent does (registry key, "
+                 "environment, /etc/kzq/<instance>.conf or $KZQ_CONFIG_FILE)")
+      ->envname("KZQ_INSTANCE");
   app.add_option("--url", o.url, "the agent's endpoint (default http://$KZQ_HTTP_LISTEN, else http://127.0.0.1:19433)");
-  app.add_option("--token", o.token, "the bearer token the agent asks for")->envname("KZQ_HTTP_TOKEN");
+  app.add_option("--token", o.token, "the bearer token the agent asks for (default $KZQ_HTTP_TOKEN)");
   app.add_option("--user", o.access.user, "a user of the agent's basic_auth_users; the password is read from "
                  "$KZQ_HTTP_PASSWORD")->envname("KZQ_HTTP_USER");
   app.add_option("--cacert", o.access.ca_file, "PEM file of the CA that signed the agent's certificate (https)")
@@ -178,7 +199,9 @@ int main(int argc, char** argv) {
     // --help and --version end here too, with exit code 0.
     return line.app.exit(e) == 0 ? 0 : 2;
   }
+  if (!options.instance.empty()) LoadInstanceSettings(options.instance);
   if (options.url.empty()) options.url = DefaultUrl();
+  if (options.token.empty()) options.token = platform::GetEnv("KZQ_HTTP_TOKEN").value_or("");
   options.access.token = options.token;
   options.access.password = platform::GetEnv("KZQ_HTTP_PASSWORD").value_or("");
   std::string error;

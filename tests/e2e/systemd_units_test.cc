@@ -267,6 +267,12 @@ TEST_F(InstalledUnits, AgentServesTheCollectorsRowsAndStopsOnSigterm) {
     return metrics.find("service=\"KZQCOLL0\"} 1\n") != std::string::npos;
   })) << metrics;
   EXPECT_THAT(metrics, HasSubstr("kzq_collector_up{server_id=\"" + instance_ + "\""));
+  // kzqctl finds the instance's agent where the instance's settings put it.
+  const std::string ctl_output = root_.File("kzqctl.txt");
+  const std::string ctl = "KZQ_REGISTRY_ROOT='" + Host("/etc/kzq/registry") + "' '" + Host("/opt/kzq/bin/kzqctl") +
+                          "' --instance " + instance_ + " databases >" + ctl_output + " 2>&1";
+  EXPECT_EQ(system(ctl.c_str()), 0) << kzq_test::ReadFile(ctl_output);
+  EXPECT_THAT(kzq_test::ReadFile(ctl_output), HasSubstr(expected.back()));
   // Both programs write to the one col.log of the instance.
   const std::string log = kzq_test::ReadFile(LogFile());
   for (const char* program : {"kzqcoll", "kzqagent"})
