@@ -15,9 +15,6 @@
 //       then answers the next request with one row of `length` bytes
 //   kvc_channel_peer <first> <second> mute
 //       takes every request and answers none, until it is killed
-//   kvc_channel_peer <first> <second> serve <rows> <length> <count>
-//       answers `count` requests through KVCCOMM with a collector anchor;
-//       the i-th answer (from 0) has rows + i rows
 // Exit codes: 0 answered, 3 request discarded, 4 no request in time,
 // 5 the answer could not be sent.
 #include <cstdio>
@@ -26,7 +23,6 @@
 #include <string>
 #include <vector>
 
-#include "kvc/channel_entry.h"
 #include "kvc/channel_dispatch.h"
 #include "kvc/shared_memory_exchange.h"
 #include "platform/clock.h"
@@ -67,24 +63,7 @@ void WriteFirstChunk(const std::string& prefix, const std::string& unique, int32
 
 }  // namespace
 
-// The collector's side through the front end, as kzqcoll uses it.
-int Serve(int32_t rows, int32_t length, int count) {
-  KVCCOMM("initsm");
-  auto* anchor = static_cast<kvc::IpcAnchor*>(KVCCOMM("initc"));
-  const std::string bytes =
-      kzq_test::PatternBytes(static_cast<size_t>(rows + count) * static_cast<size_t>(length));
-  for (int i = 0; i < count; ++i) {
-    auto* entry = static_cast<kvc::PipeList*>(KVCCOMM("get", anchor, ""));
-    if (entry == nullptr) return 4;
-    kvc::SetPipeRows(entry, rows + i, length, bytes.data());
-    if (KVCCOMM("put", anchor) == nullptr) return 5;
-  }
-  KVCCOMM("term", anchor);
-  return 0;
-}
-
 int main(int argc, char** argv) {
-  if (argc == 7 && std::string(argv[3]) == "serve") return Serve(atoi(argv[4]), atoi(argv[5]), atoi(argv[6]));
   if (argc < 4 || kvc::InitShareMemory(argv[1], argv[2]) != 0) return 2;
   // Tells a waiting test that the channel is open (process start-up under
   // Wine takes longer than an agent's wait for its answer).

@@ -23,7 +23,6 @@
 #include "kzq/catalogue.h"
 #include "kzq/error_event.h"
 #include "kzq/errorlog_monitor.h"
-#include "kzq/errorlog_parser.h"
 #include "kzq/errorlog_queue.h"
 #include "kzq/errorlog_state.h"
 #include "kzq/tables.h"
@@ -248,22 +247,6 @@ TEST_F(Errorlog, AnErrorWhoseMessageIsNotYetWrittenIsReadWhenItIs) {
   const auto rows = RowsWhen(1);
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(Field(rows[0], "UMSGTEXT"), "half a message");
-}
-
-TEST_F(Errorlog, AnOffsetBeyondTheEndOfAShrunkenLogReadsItFromItsStart) {
-  auto writer = kzq_test::ErrorlogWriter::Create(log_->File("ERRORLOG"), clock_);
-  writer.Error("spid51", 601, 19, 1, "before the offset");
-  kzq::ErrorlogContext context;
-  context.log_path = log_->File("ERRORLOG");
-  context.offset = 1 << 20;
-  // The header is skipped and the error found; a second run in the same
-  // call, asked for by a change during the first, finds nothing new.
-  context.more_changes = true;
-  int emitted = 0;
-  EXPECT_EQ(kzq::ParseNewLogText(context, [&emitted](const std::string&) { ++emitted; }, platform::NowUnixSeconds), 1);
-  EXPECT_EQ(emitted, 1);
-  EXPECT_FALSE(context.more_changes);
-  EXPECT_EQ(context.offset, static_cast<long>(kzq_test::ReadFile(log_->File("ERRORLOG")).size()));
 }
 
 // The server cycles its log: ERRORLOG.1 moves up to ERRORLOG.2, ERRORLOG
