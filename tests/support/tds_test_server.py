@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """TDS test double: a scripted stand-in for a SQL Server, for tests only.
 
-It speaks enough of TDS 7.2 - 7.4 for the real ODBC driver and client
+It speaks enough of TDS 7.4 (what the collector asks for) for the real ODBC driver and client
 libraries to connect, log in, run batches and fetch typed rows, so that the
 collector's row source can be exercised end to end on a machine where no
 SQL Server can run. What it answers comes from a JSON script:
@@ -73,8 +73,7 @@ PL_VERSION, PL_ENCRYPTION, PL_INSTOPT, PL_THREADID, PL_MARS = 0, 1, 2, 3, 4
 PL_TERMINATOR = 0xFF
 ENCRYPT_ON, ENCRYPT_NOT_SUP, ENCRYPT_REQ = 1, 2, 3
 
-TDS_7_2, TDS_7_3A, TDS_7_3B, TDS_7_4 = 0x72090002, 0x730A0003, 0x730B0003, 0x74000004
-SERVED_VERSIONS = {TDS_7_2, TDS_7_3A, TDS_7_3B, TDS_7_4}
+TDS_7_4 = 0x74000004  # the only version the collector asks for
 SERVER_VERSION = bytes([16, 0, 0x03, 0xE8])  # 16.0.1000
 SERVER_NAME = "KZQTDSDOUBLE"
 PROGRAM_NAME = "kzq TDS test double"
@@ -390,12 +389,6 @@ class Result:
                               "4000 characters" % where)
         return error
 
-    def wire_types(self, version):
-        """The column types as a client of `version` gets them."""
-        if version >= TDS_7_3A:
-            return self.types
-        return [DownLevelDatetime2() if t.token == 0x2A else t for t in self.types]
-
     def _check(self, where):
         if not isinstance(self.rows, list):
             raise ScriptError("%s.rows: expected a list" % where)
@@ -565,15 +558,13 @@ class Login:
             setattr(self, name, utf16(raw, "LOGIN7 " + name))
 
 
-def batch_text(payload, version):
-    """The SQL of a batch; from 7.2 on it follows the ALL_HEADERS block."""
-    start = 0
-    if version >= TDS_7_2:
-        if len(payload) < 4:
-            raise ProtocolError("SQL batch lacks its headers")
-        start = struct.unpack_from("<I", payload, 0)[0]
-        if not 4 <= start <= len(payload):
-            raise ProtocolError("SQL batch headers claim %d bytes" % start)
+def batch_text(payload):
+    """The SQL of a batch, after its ALL_HEADERS block."""
+    if len(payload) < 4:
+        raise ProtocolError("SQL batch lacks its headers")
+    start = struct.unpack_from("<I", payload, 0)[0]
+    if not 4 <= start <= len(payload):
+        raise ProtocolError("SQL batch headers claim %d bytes" % start)
     return utf16(payload[start:], "SQL batch text")
 
 
@@ -660,13 +651,12 @@ SP_EXECUTESQL, SP_PREPARE, SP_EXECUTE, SP_PREPEXEC, SP_UNPREPARE = 10, 11, 12, 1
 class RpcRequest:
     """A remote procedure call: the procedure (number or name) and its parameter values."""
 
-    def __init__(self, payload, version):
+    def __init__(self, payload):
         reader = Reader(payload, "RPC request")
-        if version >= TDS_7_2:
-            headers = reader.unpack("<I")
-            if headers < 4:
-                raise ProtocolError("RPC headers claim %d bytes" % headers)
-            reader.take(headers - 4)
+        headers = reader.unpack("<I")
+        if headers < 4:
+            raise ProtocolError("RPC headers claim %d bytes" % headers)
+        reader.take(headers - 4)
         name_length = reader.unpack("<H")
         if name_length == 0xFFFF:
             self.procedure = reader.unpack("<H")
@@ -690,7 +680,7 @@ class RpcRequest:
 
 # ---------------------------------------------------------------- answers
 
-def login_reply(login, version, packet_size):
+def login_reply(login, packet_size):
     database = login.database or "master"
     return b"".join([
         envchange_text(1, database, "master"),
@@ -698,7 +688,7 @@ def login_reply(login, version, packet_size):
         envchange_collation(COLLATION),
         envchange_text(2, "us_english", ""),
         message_token(TOKEN_INFO, 5703, 1, 0, "Changed language setting to us_english."),
-        token_with_length(TOKEN_LOGINACK, bytes([1]) + struct.pack(">I", version) +
+        token_with_length(TOKEN_LOGINACK, bytes([1]) + struct.pack(">I", TDS_7_4) +
                           b_varchar(PROGRAM_NAME) + SERVER_VERSION),
         envchange_text(4, str(packet_size), str(DEFAULT_PACKET_SIZE)),
         done_token(0),
@@ -710,35 +700,26 @@ def login_refusal(user):
             done_token(DONE_ERROR))
 
 
-def colmetadata(result, version):
+def colmetadata(result):
     body = bytearray(struct.pack("<H", len(result.types)))
-    for name, kind in zip(result.names, result.wire_types(version)):
+    for name, kind in zip(result.names, result.types):
         body += struct.pack("<IH", 0, 0x0009)  # no user type; nullable, updatability unknown
         body += kind.type_info() + b_varchar(name)
     return bytes([TOKEN_COLMETADATA]) + bytes(body)
 
 
-def rows(result, version, count):
-    types = result.wire_types(version)
-    return b"".join(bytes([TOKEN_ROW]) + b"".join(t.encode(v) for t, v in zip(types, row))
+def rows(result, count):
+    return b"".join(bytes([TOKEN_ROW]) + b"".join(t.encode(v) for t, v in zip(result.types, row))
                     for row in result.rows[:count])
 
 
-class DownLevelDatetime2(ColumnType):
-    """datetime2 as a 7.2 client gets it: text in an nvarchar."""
-
-    def __init__(self):
-        text = text_type(0xE7, 27, "utf-16-le", 2)
-        super().__init__(text.token, text.info, lambda v: text.encode(None if v is None else v.replace("T", " ")))
-
-
-def statement_reply(result, version, done_kind=TOKEN_DONE, status=0):
+def statement_reply(result, done_kind=TOKEN_DONE, status=0):
     """A statement's answer: its rows or error, closed by `done_kind`."""
     if result is None:
         return done_token(status, kind=done_kind)
     payload, count = bytearray(), len(result.rows)
     if result.types:
-        payload += colmetadata(result, version) + rows(result, version, count)
+        payload += colmetadata(result) + rows(result, count)
         status |= DONE_COUNT
     if result.error:
         e = result.error
@@ -776,7 +757,7 @@ class Connection:
 
     def __init__(self, sock, spid, script, journal):
         self.stream, self.script, self.journal = PacketStream(sock, spid), script, journal
-        self.version, self.prepared, self.next_handle = None, {}, 1
+        self.logged_in, self.prepared, self.next_handle = False, {}, 1
 
     def serve(self):
         while True:
@@ -784,14 +765,14 @@ class Connection:
             if message is None:
                 return
             kind, payload = message
-            if self.version is None:
+            if not self.logged_in:
                 if not self._before_login(kind, payload):
                     return
             elif kind == PKT_SQL_BATCH:
-                if not self._answer(batch_text(payload, self.version)):
+                if not self._answer(batch_text(payload)):
                     return
             elif kind == PKT_RPC:
-                if not self._procedure(RpcRequest(payload, self.version)):
+                if not self._procedure(RpcRequest(payload)):
                     return
             elif kind == PKT_ATTENTION:
                 self.stream.send_message(done_token(DONE_ATTN))
@@ -809,8 +790,8 @@ class Connection:
         if kind != PKT_LOGIN7:
             raise ProtocolError("expected PRELOGIN or LOGIN7 before login, got packet type %d" % kind)
         login = Login(payload)
-        if login.version not in SERVED_VERSIONS:
-            raise ProtocolError("TDS version 0x%08x is not served (7.2, 7.3 and 7.4 are)" % login.version)
+        if login.version != TDS_7_4:
+            raise ProtocolError("TDS version 0x%08x is not served (7.4 is)" % login.version)
         accepted = login.user == self.script.user and login.password == self.script.password
         self.journal.write({"login": {"user": login.user, "database": login.database,
                                       "app": login.app, "accepted": accepted}})
@@ -818,8 +799,8 @@ class Connection:
             self.stream.send_message(login_refusal(login.user))
             return False
         packet_size = min(max(login.packet_size or DEFAULT_PACKET_SIZE, 512), 32767)
-        self.stream.send_message(login_reply(login, login.version, packet_size))
-        self.stream.packet_size, self.version = packet_size, login.version
+        self.stream.send_message(login_reply(login, packet_size))
+        self.stream.packet_size, self.logged_in = packet_size, True
         return True
 
     def _answer(self, text, handle=None, in_procedure=False):
@@ -829,13 +810,13 @@ class Connection:
         if result is not None and result.hang:
             return True  # the client's attention packet or its disconnect ends the wait
         if result is not None and result.close_after_rows is not None:
-            partial = colmetadata(result, self.version) + rows(result, self.version, result.close_after_rows)
+            partial = colmetadata(result) + rows(result, result.close_after_rows)
             self.stream.send_message(partial, final=False)
             return False
         if not in_procedure:
-            self.stream.send_message(statement_reply(result, self.version))
+            self.stream.send_message(statement_reply(result))
             return True
-        reply = statement_reply(result, self.version, TOKEN_DONEINPROC, DONE_MORE)
+        reply = statement_reply(result, TOKEN_DONEINPROC, DONE_MORE)
         self.stream.send_message(reply + procedure_end(bool(result and result.error), handle))
         return True
 
