@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -88,45 +87,30 @@ struct TextCase {
   int expected;
 };
 
-void PrintTo(const TextCase& c, std::ostream* os) {
-  *os << '"' << c.field << "\" " << framework::CompareOpName(c.op) << " '" << c.value << "'";
+TEST(TextCompare, PaddingOrderAndLikeWildcards) {
+  const TextCase cases[] = {
+      {"master  ", kOpEQ, "master", 1}, {"master  ", kOpNE, "master", 0},
+      {"master  ", kOpEQ, "master   ", 1},  // the value is blank-padded too
+      {std::string("master\0\0", 8), kOpEQ, "master", 1},
+      {std::string("ab\0xyz", 6), kOpEQ, "ab", 1},  // nothing after a NUL counts
+      {" master ", kOpEQ, "master", 0},  // leading blanks do
+      {"ab  ", kOpLT, "abc", 1}, {"abc ", kOpGT, "ab", 1}, {"abc", kOpLT, "abd", 1}, {"abd", kOpGT, "abc", 1},
+      {"abc", kOpGE, "abc", 1}, {"abc", kOpLE, "abc", 1}, {"abc", kOpGE, "abd", 0}, {"abd", kOpLE, "abc", 0},
+      {"\xE9", kOpGT, "z", 1},  // bytes above 127 sort last, as in strcmp
+      {"", kOpEQ, "", 1}, {"  ", kOpLT, "a", 1}, {"abc", 0, "abc", 0}, {"abc", 99, "abc", 0},
+      // LIKE
+      {"tempdb  ", kOpLIKE, "tempdb%", 1}, {"tempdb2 ", kOpLIKE, "tempdb%", 1}, {"xtempdb ", kOpLIKE, "tempdb%", 0},
+      {"master", kOpLIKE, "aster", 0}, {"master", kOpLIKE, "Master", 0}, {"master", kOpLIKE, "m_ster", 1},
+      {"master", kOpLIKE, "m__ster", 0}, {"master  ", kOpLIKE, "maste_", 1},
+      {"master  ", kOpLIKE, "master_", 0},  // padding is not a character
+      {"xaxxb", kOpLIKE, "%a%b", 1}, {"xaxxbc", kOpLIKE, "%a%b", 0}, {"aaab", kOpLIKE, "%aab", 1},
+      {"abab", kOpLIKE, "a%b", 1}, {"abcabd", kOpLIKE, "%ab_", 1}, {"abxbxc", kOpLIKE, "a%b%c", 1},
+      {"master", kOpLIKE, "master%%", 1}, {"  ", kOpLIKE, "%", 1}, {"", kOpLIKE, "", 1}, {"a", kOpLIKE, "", 0},
+      {"", kOpLIKE, "_", 0}};
+  for (const TextCase& c : cases)
+    EXPECT_EQ(IsException(c.op, c.field.data(), c.value, static_cast<int>(c.field.size())), c.expected)
+        << '"' << c.field << "\" " << framework::CompareOpName(c.op) << " '" << c.value << "'";
 }
-
-class TextCompareTest : public testing::TestWithParam<TextCase> {};
-
-TEST_P(TextCompareTest, AnswersTheComparison) {
-  const TextCase& c = GetParam();
-  EXPECT_EQ(IsException(c.op, c.field.data(), c.value, static_cast<int>(c.field.size())), c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    PaddingAndOrder, TextCompareTest,
-    testing::Values(TextCase{"master  ", kOpEQ, "master", 1}, TextCase{"master  ", kOpNE, "master", 0},
-                    TextCase{"master  ", kOpEQ, "master   ", 1},  // the value is blank-padded too
-                    TextCase{std::string("master\0\0", 8), kOpEQ, "master", 1},
-                    TextCase{std::string("ab\0xyz", 6), kOpEQ, "ab", 1},  // nothing after a NUL counts
-                    TextCase{" master ", kOpEQ, "master", 0},             // leading blanks do
-                    TextCase{"ab  ", kOpLT, "abc", 1}, TextCase{"abc ", kOpGT, "ab", 1},
-                    TextCase{"abc", kOpLT, "abd", 1}, TextCase{"abd", kOpGT, "abc", 1},
-                    TextCase{"abc", kOpGE, "abc", 1}, TextCase{"abc", kOpLE, "abc", 1},
-                    TextCase{"abc", kOpGE, "abd", 0}, TextCase{"abd", kOpLE, "abc", 0},
-                    TextCase{"\xE9", kOpGT, "z", 1},  // bytes above 127 sort last, as in strcmp
-                    TextCase{"", kOpEQ, "", 1}, TextCase{"  ", kOpLT, "a", 1}, TextCase{"abc", 0, "abc", 0},
-                    TextCase{"abc", 99, "abc", 0}));
-
-INSTANTIATE_TEST_SUITE_P(
-    LikeWildcards, TextCompareTest,
-    testing::Values(TextCase{"tempdb  ", kOpLIKE, "tempdb%", 1}, TextCase{"tempdb2 ", kOpLIKE, "tempdb%", 1},
-                    TextCase{"xtempdb ", kOpLIKE, "tempdb%", 0}, TextCase{"master", kOpLIKE, "aster", 0},
-                    TextCase{"master", kOpLIKE, "Master", 0}, TextCase{"master", kOpLIKE, "m_ster", 1},
-                    TextCase{"master", kOpLIKE, "m__ster", 0}, TextCase{"master  ", kOpLIKE, "maste_", 1},
-                    TextCase{"master  ", kOpLIKE, "master_", 0},  // padding is not a character
-                    TextCase{"xaxxb", kOpLIKE, "%a%b", 1}, TextCase{"xaxxbc", kOpLIKE, "%a%b", 0},
-                    TextCase{"aaab", kOpLIKE, "%aab", 1}, TextCase{"abab", kOpLIKE, "a%b", 1},
-                    TextCase{"abcabd", kOpLIKE, "%ab_", 1}, TextCase{"abxbxc", kOpLIKE, "a%b%c", 1},
-                    TextCase{"master", kOpLIKE, "master%%", 1}, TextCase{"  ", kOpLIKE, "%", 1},
-                    TextCase{"", kOpLIKE, "", 1}, TextCase{"a", kOpLIKE, "", 0},
-                    TextCase{"", kOpLIKE, "_", 0}));
 
 TEST(TextCompare, ReadsNoFurtherThanTheWidthAndNullReadsAsEmpty) {
   EXPECT_EQ(IsException(kOpEQ, "abcdef", "abc", 3), 1);
@@ -227,49 +211,35 @@ struct ErrorCase {
   const char* message;
 };
 
-void PrintTo(const ErrorCase& c, std::ostream* os) { *os << '"' << c.text << '"'; }
-
-class FilterErrorTest : public testing::TestWithParam<ErrorCase> {};
-
-TEST_P(FilterErrorTest, NamesTheProblemAndItsColumn) {
-  EXPECT_EQ(ParseError(GetParam().text), GetParam().message);
+TEST(FilterErrors, NameTheProblemAndItsColumn) {
+  const ErrorCase cases[] = {
+      {"DBNAM EQ 'x'", "unknown attribute 'DBNAM' at column 1"},
+      {"DBNAME EQUALS 'master'", "unknown operator 'EQUALS' at column 8 (expected EQ NE GE LE LT GT LIKE)"},
+      {"DBNAME", "expected an operator at column 7 (EQ NE GE LE LT GT LIKE)"},
+      {"DBNAME EQ 'master' AND PCTDBFREE LT 'ten'",
+       "'ten' is not a number for integer attribute PCTDBFREE at column 37"},
+      {"PCTDBFREE LT 2147483648", "'2147483648' does not fit in 32 bits for integer attribute PCTDBFREE at column 14"},
+      {"CPU EQ '-2147483649'", "'-2147483649' does not fit in 32 bits for integer attribute CPU at column 8"},
+      {"CPU LIKE '1%'", "LIKE does not apply to integer attribute CPU at column 5"},
+      {"DBNAME = 'master", "unterminated text at column 10"}, {"DBNAME = 'it''", "unterminated text at column 10"},
+      {"DBNAME EQ master", "expected a value at column 11 (text values go in single quotes)"},
+      {"DBNAME EQ", "expected a value at column 10"}, {"AND DBNAME EQ 'x'", "expected an attribute name at column 1"},
+      {"DBNAME EQ 'x' OR", "expected an attribute name at column 17"},
+      {"NOT", "expected an attribute name at column 4"}, {"()", "expected an attribute name at column 2"},
+      {"'master' EQ DBNAME", "expected an attribute name at column 1"},
+      {"(DBNAME EQ 'x' OR (CPU GT 1)", "unbalanced parenthesis at column 1"},
+      {"DBNAME EQ 'x')", "unbalanced parenthesis at column 14"},
+      {"DBNAME EQ 'x' CPU GT 1", "expected AND or OR at column 15"},
+      {"(DBNAME EQ 'x' CPU GT 1)", "expected AND, OR or ')' at column 16"},
+      {"CPU GT 10x", "malformed number '10x' at column 8"}, {"CPU GT -", "unexpected character '-' at column 8"},
+      {"CPU ! 1", "unexpected character '!' at column 5"},
+      {"DBNAME EQ \"master\"", "unexpected character '\"' at column 11"},
+      {std::string("DBNAME EQ 'a\0b'", 15), "NUL character in text at column 13"},
+      {std::string("CPU EQ 1 \0", 10), "unexpected character '\\x00' at column 10"},
+      {"CPU EQ 'x\ny'", "'x\\x0Ay' is not a number for integer attribute CPU at column 8"}, {"", "empty filter"},
+      {" \t\r\n ", "empty filter"}};
+  for (const ErrorCase& c : cases) EXPECT_EQ(ParseError(c.text), c.message) << '"' << c.text << '"';
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Messages, FilterErrorTest,
-    testing::Values(
-        ErrorCase{"DBNAM EQ 'x'", "unknown attribute 'DBNAM' at column 1"},
-        ErrorCase{"DBNAME EQUALS 'master'",
-                  "unknown operator 'EQUALS' at column 8 (expected EQ NE GE LE LT GT LIKE)"},
-        ErrorCase{"DBNAME", "expected an operator at column 7 (EQ NE GE LE LT GT LIKE)"},
-        ErrorCase{"DBNAME EQ 'master' AND PCTDBFREE LT 'ten'",
-                  "'ten' is not a number for integer attribute PCTDBFREE at column 37"},
-        ErrorCase{"PCTDBFREE LT 2147483648",
-                  "'2147483648' does not fit in 32 bits for integer attribute PCTDBFREE at column 14"},
-        ErrorCase{"CPU EQ '-2147483649'",
-                  "'-2147483649' does not fit in 32 bits for integer attribute CPU at column 8"},
-        ErrorCase{"CPU LIKE '1%'", "LIKE does not apply to integer attribute CPU at column 5"},
-        ErrorCase{"DBNAME = 'master", "unterminated text at column 10"},
-        ErrorCase{"DBNAME = 'it''", "unterminated text at column 10"},
-        ErrorCase{"DBNAME EQ master", "expected a value at column 11 (text values go in single quotes)"},
-        ErrorCase{"DBNAME EQ", "expected a value at column 10"},
-        ErrorCase{"AND DBNAME EQ 'x'", "expected an attribute name at column 1"},
-        ErrorCase{"DBNAME EQ 'x' OR", "expected an attribute name at column 17"},
-        ErrorCase{"NOT", "expected an attribute name at column 4"},
-        ErrorCase{"()", "expected an attribute name at column 2"},
-        ErrorCase{"'master' EQ DBNAME", "expected an attribute name at column 1"},
-        ErrorCase{"(DBNAME EQ 'x' OR (CPU GT 1)", "unbalanced parenthesis at column 1"},
-        ErrorCase{"DBNAME EQ 'x')", "unbalanced parenthesis at column 14"},
-        ErrorCase{"DBNAME EQ 'x' CPU GT 1", "expected AND or OR at column 15"},
-        ErrorCase{"(DBNAME EQ 'x' CPU GT 1)", "expected AND, OR or ')' at column 16"},
-        ErrorCase{"CPU GT 10x", "malformed number '10x' at column 8"},
-        ErrorCase{"CPU GT -", "unexpected character '-' at column 8"},
-        ErrorCase{"CPU ! 1", "unexpected character '!' at column 5"},
-        ErrorCase{"DBNAME EQ \"master\"", "unexpected character '\"' at column 11"},
-        ErrorCase{std::string("DBNAME EQ 'a\0b'", 15), "NUL character in text at column 13"},
-        ErrorCase{std::string("CPU EQ 1 \0", 10), "unexpected character '\\x00' at column 10"},
-        ErrorCase{"CPU EQ 'x\ny'", "'x\\x0Ay' is not a number for integer attribute CPU at column 8"},
-        ErrorCase{"", "empty filter"}, ErrorCase{" \t\r\n ", "empty filter"}));
 
 TEST(FilterErrors, LongNamesAreCutInTheMessageAndNoErrorTextOrLookupIsNoCrash) {
   EXPECT_EQ(ParseError(std::string(500, 'Q') + " EQ 1"), "unknown attribute '" + std::string(40, 'Q') + "...' at column 1");
@@ -314,31 +284,23 @@ struct CanonicalCase {
   const char* canonical;
 };
 
-void PrintTo(const CanonicalCase& c, std::ostream* os) { *os << '"' << c.text << '"'; }
-
-class CanonicalTextTest : public testing::TestWithParam<CanonicalCase> {};
-
-TEST_P(CanonicalTextTest, IsStableAndParsesBackToTheSameFilter) {
-  const SituationFilter filter = ParseOrDie(GetParam().text);
-  const std::string canonical = filter.ToString();
-  EXPECT_EQ(canonical, GetParam().canonical);
-  const SituationFilter again = ParseOrDie(canonical);
-  EXPECT_EQ(again.ToString(), canonical);
-  EXPECT_EQ(Described(again), Described(filter));
+TEST(CanonicalText, IsStableAndParsesBackToTheSameFilter) {
+  const CanonicalCase cases[] = {
+      {"dbname = 'it''s' and cpu>=+5", "DBNAME EQ 'it''s' AND CPU GE 5"},
+      {"DBNAME EQ 007 OR CPU EQ '007'", "DBNAME EQ '007' OR CPU EQ 7"},
+      {"(DBNAME LIKE 'a%' OR CPU < 1) AND STATUS <> ''", "(DBNAME LIKE 'a%' OR CPU LT 1) AND STATUS NE ''"},
+      {"CPU = 1 OR (CPU = 2 AND CPU = 3)", "CPU EQ 1 OR CPU EQ 2 AND CPU EQ 3"},
+      {"(CPU = 1 AND CPU = 2) AND ((CPU = 3))", "CPU EQ 1 AND CPU EQ 2 AND CPU EQ 3"},
+      {"not (cpu = 1 and cpu = 2) or not not (cpu = 3)", "NOT (CPU EQ 1 AND CPU EQ 2) OR NOT NOT CPU EQ 3"},
+      {"NOT (CPU = 1 OR NOT (CPU = 2 OR CPU = 3))", "NOT (CPU EQ 1 OR NOT (CPU EQ 2 OR CPU EQ 3))"}};
+  for (const CanonicalCase& c : cases) {
+    const SituationFilter filter = ParseOrDie(c.text);
+    const std::string canonical = filter.ToString();
+    EXPECT_EQ(canonical, c.canonical) << c.text;
+    const SituationFilter again = ParseOrDie(canonical);
+    EXPECT_EQ(again.ToString(), canonical);
+    EXPECT_EQ(Described(again), Described(filter));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Forms, CanonicalTextTest,
-    testing::Values(CanonicalCase{"dbname = 'it''s' and cpu>=+5", "DBNAME EQ 'it''s' AND CPU GE 5"},
-                    CanonicalCase{"DBNAME EQ 007 OR CPU EQ '007'", "DBNAME EQ '007' OR CPU EQ 7"},
-                    CanonicalCase{"(DBNAME LIKE 'a%' OR CPU < 1) AND STATUS <> ''",
-                                  "(DBNAME LIKE 'a%' OR CPU LT 1) AND STATUS NE ''"},
-                    CanonicalCase{"CPU = 1 OR (CPU = 2 AND CPU = 3)", "CPU EQ 1 OR CPU EQ 2 AND CPU EQ 3"},
-                    CanonicalCase{"(CPU = 1 AND CPU = 2) AND ((CPU = 3))",
-                                  "CPU EQ 1 AND CPU EQ 2 AND CPU EQ 3"},
-                    CanonicalCase{"not (cpu = 1 and cpu = 2) or not not (cpu = 3)",
-                                  "NOT (CPU EQ 1 AND CPU EQ 2) OR NOT NOT CPU EQ 3"},
-                    CanonicalCase{"NOT (CPU = 1 OR NOT (CPU = 2 OR CPU = 3))",
-                                  "NOT (CPU EQ 1 OR NOT (CPU EQ 2 OR CPU EQ 3))"}));
 
 }  // namespace

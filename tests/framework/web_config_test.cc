@@ -46,7 +46,6 @@ TEST(WebConfig, ReadsUsersAndTlsWithQuotesCommentsAndPathsBesideTheFile) {
 
 TEST(WebConfig, RefusesWhatItCannotHonourNamingFileAndLine) {
   const std::pair<std::string, const char*> bad[] = {
-      {"basic_auth_users:\n  alice: $2y$05$short\n", "web.yml:2: the password hash of user 'alice' is shorter"},
       {"basic_auth_users:\n  alice: secret-in-clear\n", "web.yml:2: the password hash of user 'alice'"},
       {"basic_auth_users:\n  alice:\n", "web.yml:2: a nested mapping"},
       {std::string("basic_auth_users:\n  alice: ") + kHash + "\n  alice: " + kHash + "\n",

@@ -72,13 +72,6 @@ TEST(StatusRow, ReasonFollowsTheTimeSinceStartThenTheStatusCode) {
   EXPECT_STREQ(kzq::InactiveReason(9999, 21), "Data Collector Error");
 }
 
-TEST(StatusRow, TablesWithOwnFieldsBeforeTheServerIdSendThemFromTheCollector) {
-  EXPECT_EQ(kzq::kzqbtchs_spec.CollectorOffset(), kzq::kzqbtchs_spec.offsets[kzq::kzqbtchs_spec.IndexOf("APARAMSEC")]);
-  EXPECT_EQ(kzq::CollectorRowLength(kzq::kzqlserr_spec), 1154 - 80);
-  EXPECT_EQ(kzq::CollectorRowLength(kzq::kzqsrvre_spec), 1516);
-  EXPECT_EQ(kzq::CollectorRowLength(kzq::kzqsrvcd_spec), 512);
-}
-
 // The SQL text table takes the session to ask for from a PID comparison.
 std::string SessionFor(const char* filter_text) {
   const auto filter = kzq_test::FilterFor(kzq::kzqsql_spec, filter_text);

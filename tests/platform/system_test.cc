@@ -12,13 +12,6 @@
 
 namespace {
 
-TEST(Environment, EmptyValueRemovesTheVariable) {
-  ASSERT_TRUE(platform::SetEnv("KZQ_TEST_VAR", "value"));
-  EXPECT_EQ(platform::GetEnv("KZQ_TEST_VAR").value_or(""), "value");
-  ASSERT_TRUE(platform::SetEnv("KZQ_TEST_VAR", ""));
-  EXPECT_FALSE(platform::GetEnv("KZQ_TEST_VAR").has_value());
-}
-
 TEST(FileSystem, StatClassifiesAndDirectoriesAreMadeAtEveryMissingLevel) {
   kzq_test::TempDir dir;
   kzq_test::WriteFile(dir.File("three"), "abc");

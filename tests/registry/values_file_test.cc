@@ -69,14 +69,6 @@ TEST(ValuesText, ReadsEveryForm) {
                           Lit("|1|\0"), "Raw|9|" + Bytes({1, 2})));
 }
 
-TEST(ValuesText, FriendlyFormsWhereTheDataAllows) {
-  ValuesDocument d;
-  d.Set({"Dir", 1, Lit("C:\\kzq\0")});
-  d.Set({"Level", 4, Bytes({3, 0, 0, 0})});
-  d.Set({"Odd", 1, "abc"});
-  EXPECT_EQ("Dir = sz:C:\\kzq\nLevel = dword:3\nOdd = hex(1):61 62 63\n", FormatValues(d));
-}
-
 TEST(ValuesText, BadLinesAreReportedWithTheirNumberAndKept) {
   const std::string text =
       "Good = dword:1\n"
@@ -111,13 +103,16 @@ TEST(ValuesText, RewritingKeepsCarriageReturnsAndRefusedLinesStayRefused) {
   ASSERT_NE(again.Find("B"), nullptr);
 }
 
+// New lines take the friendly form where the data allows: a text without
+// its terminator cannot be written as sz.
 TEST(ValuesText, ChangesTouchOnlyTheirOwnLine) {
   ValuesDocument d = ParseValues("# keep me\nA=dword:0x01\nB = sz:b\nbroken\n");
   d.Set({"b", 1, Lit("new\0")});
   d.Set({"C", 4, Bytes({2, 0, 0, 0})});
+  d.Set({"Odd", 1, "abc"});
   EXPECT_TRUE(d.Remove("a"));
   EXPECT_FALSE(d.Remove("a"));
-  EXPECT_EQ("# keep me\nB = sz:new\nbroken\nC = dword:2\n", FormatValues(d));
+  EXPECT_EQ("# keep me\nB = sz:new\nbroken\nC = dword:2\nOdd = hex(1):61 62 63\n", FormatValues(d));
 }
 
 // Any name a caller can pass and any bytes of any type come back exactly:

@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Checks the TDS test double against the real ODBC driver: unixODBC's isql
 for logins and typed rows, the ODBC API through ctypes where isql cannot go
-(query timeouts, values longer than isql shows). A refused login, a
-scripted error and a result cut off midway are met, through the same
-driver, by the collector's own tests (tests/e2e/sql_server_test.cc)."""
+(values longer than isql shows). Text and wide integers, NULLs, the
+batches logged, a refused login, a scripted error, a query that never
+answers and a result cut off midway are met, through the same driver, by
+the collector's own tests (tests/e2e/sql_server_test.cc)."""
 
 import ctypes
 import json
@@ -14,8 +15,6 @@ import socket
 import subprocess
 import sys
 import tempfile
-import threading
-import time
 import unittest
 
 SERVER = pathlib.Path(__file__).with_name("tds_test_server.py")
@@ -27,9 +26,6 @@ LONG_TEXT = "é" * 50000 + "😀"
 SCRIPT = {
     "login": {"user": "kzqmon", "password": "secret"},
     "results": [
-        {"match": "-- table KZQDBD",
-         "columns": [{"name": "DBNAME", "type": "nvarchar(128)"}, {"name": "DBSIZE", "type": "bigint"}],
-         "rows": [["master", 6], [None, 2147483648], ["Café Zürich 中文 😀", -1]]},
         {"match": "-- types", "columns": [{"name": n, "type": t} for n, t in TYPES],
          "rows": [[-2147483648, 9223372036854775807, -32768, 255, True,
                    "-1234567890123456789012345678901234.5678", 123.45, 1.5e300, 0.25, "Zürich", "big",
@@ -37,7 +33,6 @@ SCRIPT = {
                    "6F9619FF-8B86-D011-B42D-00C04FC964FF"],
                   [None] * len(TYPES)]},
         {"match": "-- long", "columns": [{"name": "M", "type": "nvarchar(max)"}], "rows": [[LONG_TEXT]]},
-        {"match": "-- hang", "hang": True},
     ],
     "default": "done",
 }
@@ -82,21 +77,10 @@ def isql(port, sql):
                           input=sql + "\n", capture_output=True, text=True, timeout=30)
 
 
-def within(seconds, call):
-    """call()'s value, or a test failure if the client is still waiting after `seconds`."""
-    outcome = []
-    worker = threading.Thread(target=lambda: outcome.append(call()), daemon=True)
-    worker.start()
-    worker.join(seconds)
-    if not outcome:
-        raise AssertionError("the client still waits after %d s" % seconds)
-    return outcome[0]
-
-
 class Odbc:
-    """Just enough of the ODBC API to execute, fetch one text column and read diagnostics."""
+    """Just enough of the ODBC API to execute, fetch one text column and say why a connection failed."""
     lib = ctypes.CDLL("libodbc.so.2")
-    HANDLE_ENV, HANDLE_DBC, HANDLE_STMT, NTS, ATTR_QUERY_TIMEOUT = 1, 2, 3, -3, 0
+    HANDLE_ENV, HANDLE_DBC, HANDLE_STMT, NTS = 1, 2, 3, -3
 
     def __init__(self, port):
         self.env, self.dbc, self.stmt = ctypes.c_void_p(), ctypes.c_void_p(), ctypes.c_void_p()
@@ -109,9 +93,7 @@ class Odbc:
             raise RuntimeError("connect failed: %s" % self.diagnostics(self.HANDLE_DBC, self.dbc))
         self.lib.SQLAllocHandle(self.HANDLE_STMT, self.dbc, ctypes.byref(self.stmt))
 
-    def execute(self, sql, timeout=0):
-        self.lib.SQLFreeStmt(self.stmt, 0)  # close any open cursor
-        self.lib.SQLSetStmtAttr(self.stmt, self.ATTR_QUERY_TIMEOUT, ctypes.c_void_p(timeout), 0)
+    def execute(self, sql):
         return self.lib.SQLExecDirect(self.stmt, sql.encode(), self.NTS)
 
     def fetch_text(self):
@@ -123,10 +105,10 @@ class Odbc:
         self.lib.SQLGetData(self.stmt, 1, 1, buffer, ctypes.c_ssize_t(len(buffer)), ctypes.byref(length))
         return None if length.value == -1 else buffer.raw[:length.value].decode()
 
-    def diagnostics(self, kind=HANDLE_STMT, handle=None):
+    def diagnostics(self, kind, handle):
         found, state, text = [], ctypes.create_string_buffer(6), ctypes.create_string_buffer(1024)
         native, size = ctypes.c_int(), ctypes.c_short()
-        while self.lib.SQLGetDiagRec(kind, handle or self.stmt, len(found) + 1, state, ctypes.byref(native),
+        while self.lib.SQLGetDiagRec(kind, handle, len(found) + 1, state, ctypes.byref(native),
                                      text, len(text), ctypes.byref(size)) == 0:
             found.append((state.value.decode(), text.value.decode()))
         return found
@@ -160,34 +142,20 @@ class TdsTestServerTest(unittest.TestCase):
             "2024-02-29 23:59:59.1234567|6F9619FF-8B86-D011-B42D-00C04FC964FF",
             "|" * (len(TYPES) - 1)], answer.stderr)
 
-    def test_unicode_and_wide_values_with_the_batch_logged(self):
-        answer = isql(self.double.port, "-- table KZQDBD")
-        self.assertEqual(answer.stdout.splitlines(), ["master|6", "|2147483648", "Café Zürich 中文 😀|-1"])
+    def test_long_value_and_the_login_logged(self):
         with Odbc(self.double.port) as client:
             self.assertEqual(client.execute("-- long"), 0)
             self.assertEqual(client.fetch_text(), LONG_TEXT)  # many packets and PLP chunks
             self.assertEqual(client.fetch_text(), 100)  # no more rows
-        journal = self.double.journal()
-        self.assertIn("-- table KZQDBD", journal)
-        self.assertIn("-- long", journal)
-        self.assertEqual(journal[0], {"login": {"user": "kzqmon", "database": "master", "app": "",
+        self.assertEqual(self.double.journal()[0], {"login": {"user": "kzqmon", "database": "master", "app": "",
                                                 "accepted": True}})
-
-    def test_hanging_batch_ends_with_the_query_timeout_and_the_connection_survives(self):
-        with Odbc(self.double.port) as client:
-            started = time.monotonic()
-            self.assertEqual(within(10, lambda: client.execute("-- hang", timeout=1)), -1)
-            self.assertGreaterEqual(time.monotonic() - started, 1)
-            self.assertIn("HYT00", [state for state, _ in client.diagnostics()])
-            self.assertEqual(within(10, lambda: client.execute("-- table KZQDBD")), 0)  # attention answered
-            self.assertEqual(client.fetch_text(), "master")
 
     def test_malformed_packet_closes_only_that_connection(self):
         with socket.create_connection(("127.0.0.1", self.double.port)) as raw:
             raw.sendall(bytes([0x12, 1, 0, 4, 0, 0, 0, 0]))  # length shorter than the header
             raw.settimeout(10)
             self.assertEqual(raw.recv(100), b"")
-        self.assertEqual(isql(self.double.port, "-- table KZQDBD").returncode, 0)
+        self.assertEqual(isql(self.double.port, "-- types").returncode, 0)
         code, errors = self.double.stop()
         self.assertEqual(code, 0)
         self.assertIn("packet length 4 is shorter than its header", errors)
