@@ -16,10 +16,10 @@ SQL Server can run. What it answers comes from a JSON script:
    "default": "done"}
 
 The first result whose "match" is a substring of a statement answers it; a
-statement nothing matches gets a bare DONE. Statements come as SQL batches or
-through the procedures the driver prepares and executes them with. It is not a
-database: no encryption, no integrated logins, no MARS, no other procedures,
-and no semantics behind the answers.
+statement nothing matches gets a bare DONE. Statements come as SQL batches, as
+the driver sends what a client executes directly; prepared statements are not
+served. It is not a database: no encryption, no integrated logins, no MARS, no
+procedures, and no semantics behind the answers.
 
 Usage: tds_test_server.py --script FILE [--port N] [--port-file PATH] [--log PATH]
 Standard library only. Each connection is served on its own thread; SIGTERM
@@ -42,7 +42,6 @@ import uuid
 
 # Packet types.
 PKT_SQL_BATCH = 0x01
-PKT_RPC = 0x03
 PKT_REPLY = 0x04
 PKT_ATTENTION = 0x06
 PKT_LOGIN7 = 0x10
@@ -57,12 +56,7 @@ TOKEN_INFO = 0xAB
 TOKEN_LOGINACK = 0xAD
 TOKEN_ROW = 0xD1
 TOKEN_ENVCHANGE = 0xE3
-TOKEN_RETURNSTATUS = 0x79
-TOKEN_RETURNVALUE = 0xAC
 TOKEN_DONE = 0xFD
-TOKEN_DONEPROC = 0xFE
-TOKEN_DONEINPROC = 0xFF
-DONE_MORE = 0x0001
 DONE_ERROR = 0x0002
 DONE_COUNT = 0x0010
 DONE_ATTN = 0x0020
@@ -113,8 +107,8 @@ def message_token(token, number, state, severity, text):
     return token_with_length(token, body)
 
 
-def done_token(status, row_count=0, curcmd=0, kind=TOKEN_DONE):
-    return bytes([kind]) + struct.pack("<HHQ", status, curcmd, row_count)
+def done_token(status, row_count=0, curcmd=0):
+    return bytes([TOKEN_DONE]) + struct.pack("<HHQ", status, curcmd, row_count)
 
 
 def envchange_text(kind, new, old):
@@ -568,116 +562,6 @@ def batch_text(payload):
     return utf16(payload[start:], "SQL batch text")
 
 
-class Reader:
-    """Reads a request's fields in order; running short is a protocol error."""
-
-    def __init__(self, data, what):
-        self.data, self.position, self.what = data, 0, what
-
-    def take(self, count):
-        if self.position + count > len(self.data):
-            raise ProtocolError("%s is cut short" % self.what)
-        piece = self.data[self.position:self.position + count]
-        self.position += count
-        return piece
-
-    def unpack(self, layout):
-        fields = struct.unpack(layout, self.take(struct.calcsize(layout)))
-        return fields[0] if len(fields) == 1 else fields
-
-    def at_end(self):
-        return self.position == len(self.data)
-
-
-# Parameter types an RPC may carry, by how their length is written.
-FIXED_SIZES = {0x30: 1, 0x32: 1, 0x34: 2, 0x38: 4, 0x7F: 8, 0x3B: 4, 0x3E: 8, 0x3A: 4, 0x3D: 8,
-               0x3C: 8, 0x7A: 4}
-BYTE_LENGTH = {0x26, 0x68, 0x6D, 0x6E, 0x6F, 0x24}
-SCALED_BYTE_LENGTH = {0x29, 0x2A, 0x2B}
-USHORT_LENGTH = {0xA5: False, 0xA7: True, 0xAD: False, 0xAF: True, 0xE7: True, 0xEF: True}
-LONG_LENGTH = {0x22: False, 0x23: True, 0x63: True}
-WIDE_TEXT = {0xE7, 0xEF, 0x63}
-
-
-def parameter_value(reader):
-    """One RPC parameter's TYPE_INFO and value -> int, str, bytes or None."""
-    kind = reader.unpack("<B")
-    if kind in FIXED_SIZES:
-        raw = reader.take(FIXED_SIZES[kind])
-    elif kind in BYTE_LENGTH or kind in (0x6A, 0x6C) or kind in SCALED_BYTE_LENGTH or kind == 0x28:
-        reader.take({0x6A: 3, 0x6C: 3, 0x28: 0}.get(kind, 1))
-        raw = reader.take(reader.unpack("<B")) or None
-    elif kind in USHORT_LENGTH:
-        max_length = reader.unpack("<H")
-        reader.take(5 if USHORT_LENGTH[kind] else 0)
-        raw = plp_value(reader) if max_length == 0xFFFF else ushort_value(reader)
-    elif kind in LONG_LENGTH:
-        reader.unpack("<I")
-        reader.take(5 if LONG_LENGTH[kind] else 0)
-        length = reader.unpack("<I")
-        raw = None if length == 0xFFFFFFFF else reader.take(length)
-    else:
-        raise ProtocolError("RPC parameter of type 0x%02x is not understood" % kind)
-    if raw is None:
-        return None
-    if kind == 0x26:
-        return int.from_bytes(raw, "little", signed=True)
-    if kind in WIDE_TEXT:
-        return utf16(raw, "RPC text parameter")
-    return raw
-
-
-def ushort_value(reader):
-    length = reader.unpack("<H")
-    return None if length == 0xFFFF else reader.take(length)
-
-
-def plp_value(reader):
-    total = reader.unpack("<Q")
-    if total == PLP_NULL:
-        return None
-    data = bytearray()
-    while True:
-        chunk = reader.unpack("<I")
-        if chunk == 0:
-            return bytes(data)
-        data += reader.take(chunk)
-
-
-# Well-known procedures a client may call by number.
-SP_EXECUTESQL, SP_PREPARE, SP_EXECUTE, SP_PREPEXEC, SP_UNPREPARE = 10, 11, 12, 13, 15
-
-
-class RpcRequest:
-    """A remote procedure call: the procedure (number or name) and its parameter values."""
-
-    def __init__(self, payload):
-        reader = Reader(payload, "RPC request")
-        headers = reader.unpack("<I")
-        if headers < 4:
-            raise ProtocolError("RPC headers claim %d bytes" % headers)
-        reader.take(headers - 4)
-        name_length = reader.unpack("<H")
-        if name_length == 0xFFFF:
-            self.procedure = reader.unpack("<H")
-        else:
-            self.procedure = utf16(reader.take(2 * name_length), "RPC procedure name")
-        reader.unpack("<H")  # option flags
-        self.values = []
-        while not reader.at_end():
-            reader.take(2 * reader.unpack("<B"))  # parameter name
-            reader.unpack("<B")  # status flags
-            self.values.append(parameter_value(reader))
-            if not reader.at_end() and reader.data[reader.position] == 0xFF:
-                raise ProtocolError("batched RPCs are not served")
-
-    def value(self, index, kind):
-        value = self.values[index] if index < len(self.values) else None
-        if value is not None and not isinstance(value, kind):
-            raise ProtocolError("RPC %s parameter %d has the wrong type" % (self.procedure, index + 1))
-        return value
-
-
 # ---------------------------------------------------------------- answers
 
 def login_reply(login, packet_size):
@@ -713,11 +597,11 @@ def rows(result, count):
                     for row in result.rows[:count])
 
 
-def statement_reply(result, done_kind=TOKEN_DONE, status=0):
-    """A statement's answer: its rows or error, closed by `done_kind`."""
+def statement_reply(result):
+    """A statement's answer: its rows or error, closed by DONE."""
     if result is None:
-        return done_token(status, kind=done_kind)
-    payload, count = bytearray(), len(result.rows)
+        return done_token(0)
+    payload, count, status = bytearray(), len(result.rows), 0
     if result.types:
         payload += colmetadata(result) + rows(result, count)
         status |= DONE_COUNT
@@ -725,16 +609,7 @@ def statement_reply(result, done_kind=TOKEN_DONE, status=0):
         e = result.error
         payload += message_token(TOKEN_ERROR, e["number"], e["state"], e["severity"], e["message"])
         status |= DONE_ERROR
-    return bytes(payload + done_token(status, count, CURCMD_SELECT if result.types else 0, done_kind))
-
-
-def procedure_end(failed, handle=None):
-    """What closes an RPC: return status, the prepared handle if one was made, DONEPROC."""
-    tail = bytes([TOKEN_RETURNSTATUS]) + struct.pack("<i", 0)
-    if handle is not None:
-        tail += (bytes([TOKEN_RETURNVALUE]) + struct.pack("<H", 0) + b_varchar("@handle") +
-                 struct.pack("<BIH", 0x01, 0, 0x0001) + bytes([0x26, 4, 4]) + struct.pack("<i", handle))
-    return tail + done_token(DONE_ERROR if failed else 0, kind=TOKEN_DONEPROC)
+    return bytes(payload + done_token(status, count, CURCMD_SELECT if result.types else 0))
 
 
 # ---------------------------------------------------------------- connection
@@ -757,7 +632,7 @@ class Connection:
 
     def __init__(self, sock, spid, script, journal):
         self.stream, self.script, self.journal = PacketStream(sock, spid), script, journal
-        self.logged_in, self.prepared, self.next_handle = False, {}, 1
+        self.logged_in = False
 
     def serve(self):
         while True:
@@ -770,9 +645,6 @@ class Connection:
                     return
             elif kind == PKT_SQL_BATCH:
                 if not self._answer(batch_text(payload)):
-                    return
-            elif kind == PKT_RPC:
-                if not self._procedure(RpcRequest(payload)):
                     return
             elif kind == PKT_ATTENTION:
                 self.stream.send_message(done_token(DONE_ATTN))
@@ -803,7 +675,7 @@ class Connection:
         self.stream.packet_size, self.logged_in = packet_size, True
         return True
 
-    def _answer(self, text, handle=None, in_procedure=False):
+    def _answer(self, text):
         """Answers one statement; False when the script says to drop the connection."""
         self.journal.write(text)
         result = self.script.answer_for(text)
@@ -813,32 +685,7 @@ class Connection:
             partial = colmetadata(result) + rows(result, result.close_after_rows)
             self.stream.send_message(partial, final=False)
             return False
-        if not in_procedure:
-            self.stream.send_message(statement_reply(result))
-            return True
-        reply = statement_reply(result, TOKEN_DONEINPROC, DONE_MORE)
-        self.stream.send_message(reply + procedure_end(bool(result and result.error), handle))
-        return True
-
-    def _procedure(self, call):
-        """The procedures an ODBC driver calls for prepared and parameterised statements."""
-        if call.procedure == SP_EXECUTESQL:
-            return self._answer(call.value(0, str) or "", in_procedure=True)
-        if call.procedure in (SP_PREPARE, SP_PREPEXEC):
-            handle, self.next_handle = self.next_handle, self.next_handle + 1
-            self.prepared[handle] = call.value(2, str) or ""
-            if call.procedure == SP_PREPEXEC:
-                return self._answer(self.prepared[handle], handle, in_procedure=True)
-            self.stream.send_message(procedure_end(False, handle))
-        elif call.procedure in (SP_EXECUTE, SP_UNPREPARE) and call.value(0, int) in self.prepared:
-            handle = call.value(0, int)
-            if call.procedure == SP_EXECUTE:
-                return self._answer(self.prepared[handle], in_procedure=True)
-            del self.prepared[handle]
-            self.stream.send_message(procedure_end(False))
-        else:
-            text = "Could not find stored procedure '%s'." % call.procedure
-            self.stream.send_message(message_token(TOKEN_ERROR, 2812, 62, 16, text) + procedure_end(True))
+        self.stream.send_message(statement_reply(result))
         return True
 
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Checks the TDS test double against the real ODBC driver: unixODBC's isql
-for logins and typed rows, the ODBC API through ctypes where isql cannot go
-(values longer than isql shows). Text and wide integers, NULLs, the
+"""Checks the TDS test double against the real ODBC driver, through the ODBC
+API (ctypes) and executing statements directly, as the collector does: typed
+rows, a value longer than one packet, the login logged. Text and wide integers, NULLs, the
 batches logged, a refused login, a scripted error, a query that never
 answers and a result cut off midway are met, through the same driver, by
 the collector's own tests (tests/e2e/sql_server_test.cc)."""
@@ -72,13 +72,8 @@ class Double:
         return [json.loads(line) for line in self.log_path.read_text(encoding="utf-8").splitlines()]
 
 
-def isql(port, sql):
-    return subprocess.run(["isql", "-v", "-b", "-d|", "-k", connection_string(port)],
-                          input=sql + "\n", capture_output=True, text=True, timeout=30)
-
-
 class Odbc:
-    """Just enough of the ODBC API to execute, fetch one text column and say why a connection failed."""
+    """Just enough of the ODBC API to execute, fetch rows as text and say why a connection failed."""
     lib = ctypes.CDLL("libodbc.so.2")
     HANDLE_ENV, HANDLE_DBC, HANDLE_STMT, NTS = 1, 2, 3, -3
 
@@ -96,14 +91,17 @@ class Odbc:
     def execute(self, sql):
         return self.lib.SQLExecDirect(self.stmt, sql.encode(), self.NTS)
 
-    def fetch_text(self):
-        """The first column of the next row as text, None for NULL; or the fetch's return code."""
+    def fetch_row(self, columns=1):
+        """The next row's columns as text, None for NULL; or the fetch's return code."""
         rc = self.lib.SQLFetch(self.stmt)
         if rc not in (0, 1):
             return rc
-        buffer, length = ctypes.create_string_buffer(1 << 20), ctypes.c_ssize_t()
-        self.lib.SQLGetData(self.stmt, 1, 1, buffer, ctypes.c_ssize_t(len(buffer)), ctypes.byref(length))
-        return None if length.value == -1 else buffer.raw[:length.value].decode()
+        row = []
+        for column in range(1, columns + 1):
+            buffer, length = ctypes.create_string_buffer(1 << 20), ctypes.c_ssize_t()
+            self.lib.SQLGetData(self.stmt, column, 1, buffer, ctypes.c_ssize_t(len(buffer)), ctypes.byref(length))
+            row.append(None if length.value == -1 else buffer.raw[:length.value].decode())
+        return row
 
     def diagnostics(self, kind, handle):
         found, state, text = [], ctypes.create_string_buffer(6), ctypes.create_string_buffer(1024)
@@ -135,18 +133,20 @@ class TdsTestServerTest(unittest.TestCase):
             self.double.stop()
 
     def test_every_type_and_its_null_reach_the_client(self):
-        answer = isql(self.double.port, "-- types")
-        self.assertEqual(answer.stdout.splitlines(), [
-            "-2147483648|9223372036854775807|-32768|255|1|-1234567890123456789012345678901234.5678|123.45|"
-            "1.5000000000000001e+300|0.25|Zürich|big|Café|2024-02-29 23:59:59.997|"
-            "2024-02-29 23:59:59.1234567|6F9619FF-8B86-D011-B42D-00C04FC964FF",
-            "|" * (len(TYPES) - 1)], answer.stderr)
+        with Odbc(self.double.port) as client:
+            self.assertEqual(client.execute("-- types"), 0)
+            self.assertEqual(client.fetch_row(len(TYPES)), [
+                "-2147483648", "9223372036854775807", "-32768", "255", "1",
+                "-1234567890123456789012345678901234.5678", "123.45", "1.5000000000000001e+300", "0.25", "Zürich",
+                "big", "Café", "2024-02-29 23:59:59.997", "2024-02-29 23:59:59.1234567",
+                "6F9619FF-8B86-D011-B42D-00C04FC964FF"])
+            self.assertEqual(client.fetch_row(len(TYPES)), [None] * len(TYPES))
 
     def test_long_value_and_the_login_logged(self):
         with Odbc(self.double.port) as client:
             self.assertEqual(client.execute("-- long"), 0)
-            self.assertEqual(client.fetch_text(), LONG_TEXT)  # many packets and PLP chunks
-            self.assertEqual(client.fetch_text(), 100)  # no more rows
+            self.assertEqual(client.fetch_row(), [LONG_TEXT])  # many packets and PLP chunks
+            self.assertEqual(client.fetch_row(), 100)  # no more rows
         self.assertEqual(self.double.journal()[0], {"login": {"user": "kzqmon", "database": "master", "app": "",
                                                 "accepted": True}})
 
@@ -155,7 +155,8 @@ class TdsTestServerTest(unittest.TestCase):
             raw.sendall(bytes([0x12, 1, 0, 4, 0, 0, 0, 0]))  # length shorter than the header
             raw.settimeout(10)
             self.assertEqual(raw.recv(100), b"")
-        self.assertEqual(isql(self.double.port, "-- types").returncode, 0)
+        with Odbc(self.double.port) as client:
+            self.assertEqual(client.execute("-- types"), 0)
         code, errors = self.double.stop()
         self.assertEqual(code, 0)
         self.assertIn("packet length 4 is shorter than its header", errors)
