@@ -150,7 +150,7 @@ int Collect(int, char**) {
 
 int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, &g_options)) return Usage();
-  const kzq::InstanceSettings settings(argc, argv, g_command_line_presets.values());
+  const kzq::InstanceSettings settings(kzq::RegistryKeyArgument(argc, argv), g_command_line_presets.values());
   kzq::OpenInstanceLog("kzqcoll", g_command_line_presets);
   kzq::LogSettings(settings);
   // Bad replay data or queries fail the start at once, before any service

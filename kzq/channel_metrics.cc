@@ -1,9 +1,11 @@
 #include "kzq/channel_metrics.h"
 
+#include <string>
+
 namespace kzq {
 
 std::vector<framework::CounterFamily> ChannelCounters(const kvc::ChannelCounts& c) {
-  const auto family = [](const char* name, const char* help, uint64_t value) {
+  const auto family = [](const char* name, const std::string& help, uint64_t value) {
     return framework::CounterFamily{name, help, {{{}, value}}};
   };
   return {
@@ -26,7 +28,7 @@ std::vector<framework::CounterFamily> ChannelCounters(const kvc::ChannelCounts& 
              "Exchanges not made because another held the channel longer than the caller would wait.", c.busy),
       family("kzq_channel_skipped_total",
              "Exchanges not made: the last one went unanswered and the collector's service is not running (one is "
-             "tried every 30 seconds all the same).",
+             "tried every " + std::to_string(kvc::CollectorChannel::kOutageRetrySeconds) + " seconds all the same).",
              c.skipped),
       family("kzq_channel_header_repairs_total",
              "Channel header fields found out of range (a stray write, an older program) and set back to their "

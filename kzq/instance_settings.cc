@@ -74,10 +74,14 @@ std::string DefaultConfigFile(const std::string& server_id) {
          ".conf";
 }
 
-InstanceSettings::InstanceSettings(int argc, char** argv, std::map<std::string, std::string> presets)
-    : command_line_(std::move(presets)) {
-  for (int i = 1; i + 1 < argc && key_.empty(); ++i)
-    if (SameWord(argv[i], "-hkey")) key_ = argv[i + 1];
+std::string RegistryKeyArgument(int argc, char** argv) {
+  for (int i = 1; i + 1 < argc; ++i)
+    if (SameWord(argv[i], "-hkey")) return argv[i + 1];
+  return "";
+}
+
+InstanceSettings::InstanceSettings(std::string registry_key, std::map<std::string, std::string> presets)
+    : key_(std::move(registry_key)), command_line_(std::move(presets)) {
   for (const SettingSpec& spec : SettingList()) {
     const auto value = platform::GetEnv(spec.name);
     if (value.has_value() && command_line_.count(spec.name) == 0) environment_[spec.name] = *value;

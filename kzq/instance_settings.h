@@ -48,15 +48,19 @@ struct EffectiveSetting {
   std::string problem; // why the value is not valid; "" when it is
 };
 
+// The registry key a program's command line names: the word after the
+// first "-hkey" among argv[1..]; "" when there is none.
+std::string RegistryKeyArgument(int argc, char** argv);
+
 // Thread use: made and read on one thread at a time (the main thread at
 // start, the reload's thread after).
 class InstanceSettings {
  public:
   // Takes the environment as it is (`presets`, the values the command
-  // line's presets put, applied), then reads the file and the registry key
-  // after the first "-hkey" among argv[1..], and puts their values into the
+  // line's presets put, applied), then reads the file and the Environment
+  // values of `registry_key` ("" for none), and puts their values into the
   // environment where they win.
-  InstanceSettings(int argc, char** argv, std::map<std::string, std::string> presets);
+  InstanceSettings(std::string registry_key, std::map<std::string, std::string> presets);
 
   // Reads the file and the registry key again. The environment is left as
   // it is: other threads read it.
@@ -72,7 +76,7 @@ class InstanceSettings {
   void ReadFileAndRegistry();
   std::string Source(const std::string& name, std::string* value) const;
 
-  std::string key_;  // the registry key after -hkey; "" for none
+  std::string key_;  // the instance's registry key; "" for none
   std::map<std::string, std::string> command_line_;
   std::map<std::string, std::string> environment_;
   std::vector<RegistryValue> registry_;

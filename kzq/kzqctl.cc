@@ -51,10 +51,7 @@ std::string DefaultUrl() {
 // agent found them.
 void LoadInstanceSettings(const std::string& instance) {
   platform::SetEnv("COLL_SERVERID", instance);
-  std::string key = std::string(kzq::kMakerRoot) + "\\kzq\\" + instance;
-  std::string program = "kzqctl", key_word = "-Hkey";
-  char* argv[] = {program.data(), key_word.data(), key.data()};
-  const kzq::InstanceSettings settings(3, argv, {});
+  const kzq::InstanceSettings settings(std::string(kzq::kMakerRoot) + "\\kzq\\" + instance, {});
   for (const std::string& problem : settings.File().problems) fprintf(stderr, "kzqctl: %s\n", problem.c_str());
 }
 

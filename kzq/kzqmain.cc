@@ -119,7 +119,7 @@ bool HasWord(int argc, char** argv, const char* word) {
 
 int main(int argc, char** argv) {
   if (AnsweredHelpOrVersion(argc, argv)) return 0;
-  g_settings = new kzq::InstanceSettings(argc, argv, g_command_line_presets.values());
+  g_settings = new kzq::InstanceSettings(kzq::RegistryKeyArgument(argc, argv), g_command_line_presets.values());
   if (HasWord(argc, argv, "--check-config")) return kzq::PrintSettingsReport(*g_settings, stdout) ? 0 : 1;
   g_reload = new kzq::SettingsReload(*g_settings);
   bool console = false;
