@@ -124,7 +124,7 @@ int AgentLoader() {
   // Never destroyed: the monitor's threads and the framework's use it
   // until the process exits.
   kvc::SharedChannel().SetCollectorProbe(
-      [collector = CollectorServiceName()] { return check_service_status(collector.c_str()) != 0; });
+      [collector = CollectorServiceName()] { return ServiceRuns(collector.c_str()); });
   auto* paths = new AgentDataPaths(kvc::SharedChannel());
   RegisterAllTables(*paths);
   framework::DescribeAgent(Description(*paths));
